@@ -35,3 +35,23 @@ class SignatureVerifyer {
   // 0 if the process's executable bears a maker's signature.
   virtual int VerifyVantrelExe(uint32_t processId);
 };
+
+namespace tarn::security {
+
+// What the three free functions above ask; tests install their own. The
+// non-zero results of SignatureVerifyer's int methods (except
+// ProcessGetPeFilePath, where non-zero means success) are tarn::security::Status
+// values from platform/security/signature.h.
+class FileSignatureChecker {
+ public:
+  virtual ~FileSignatureChecker() = default;
+  static FileSignatureChecker* GetInstance();
+  // Tests replace the checker; nullptr restores the real one.
+  static void SetInstanceForTesting(FileSignatureChecker* checker);
+
+  virtual bool VerifyEmbedded(const std::string& path);
+  virtual bool VerifyMaker(const std::string& path);
+  virtual std::string Thumb(const std::string& path);
+};
+
+}  // namespace tarn::security
