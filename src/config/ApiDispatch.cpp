@@ -1,0 +1,171 @@
+// The dispatch map from request uri to kit api, and the gates' questions to it.
+#include <cctype>
+
+#include "config/ConfigManager.h"
+#include "config/ConfigText.h"
+#include "config/VersionAtLeast.h"
+#include "platform/log/tarn_log.h"
+
+namespace {
+
+void SetStatus(ResponseStatus& status, const char* code, const char* text) {
+  status.status_code = code;
+  status.error_code = code;
+  status.error_reason = text;
+}
+
+void ToLowerInPlace(std::string& text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+}
+
+// "0", "12", "007" pass; "-1", "1.5", " 1", "-" and "" fail.
+bool IsNonNegativeIntegerText(const std::string& text) {
+  if (text.empty()) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (i == 0 && c == '-' && text.size() >= 2) continue;
+    if (c < '0' || c > '9') return false;
+  }
+  return tarn::config::Atoi32(text) >= 0;
+}
+
+void SetLevelTooLowStatus(const RequestHeader& header, ResponseStatus& status) {
+  // A newer SDK tells its user more about the update it needs.
+  const char* code = VersionAtLeast(header.sdk_version, tarn::config::kNewSdkVersion)
+                         ? tarn::config::kCodeApiLevelLowNewSdk
+                         : tarn::config::kCodeApiLevelLow;
+  SetStatus(status, code, tarn::config::kTextApiLevelLow);
+}
+
+}  // namespace
+
+bool ConfigManager::ConstuctApiDispathMap() {
+  if (kitConfigMap.empty()) return false;
+  // Never cleared: a uri that a newer configuration drops keeps its old record.
+  for (const auto& [packageName, kitConfig] : kitConfigMap) {
+    if (!kitConfig || !kitConfig->subKits) continue;
+    for (const auto& subKit : *kitConfig->subKits) {
+      if (!subKit || !subKit->apis) continue;
+      for (const auto& api : *subKit->apis) {
+        auto detail = std::make_shared<KitApiDetailInfo>();
+        detail->uri = api->uri;
+        detail->apiName = api->apiName;
+        detail->permission = api->permission;
+        detail->verifyCaller = api->verifyCaller;
+        detail->packageName = subKit->packageName;
+        detail->version = subKit->version;
+        detail->fileName = subKit->fileName;
+        detail->kitName = subKit->kitName;
+        detail->apiLevel = subKit->apiLevel;
+        detail->type = subKit->type;
+        detail->entry = subKit->entry;
+        detail->startup = subKit->startup;
+        detail->invokeType = "DLL";
+        detail->kitManifVerify = subKit->kitManifVerify;
+        detail->minApiLevels = subKit->minApiLevels;
+        detail->scopeUri = api->scopeUri;
+        kitApiDispathMap[api->uri] = detail;  // of two equal uris the last read wins
+      }
+    }
+  }
+  return true;
+}
+
+bool ConfigManager::GetAPIInfo(std::string& uri, KitApiDetailInfo& info, ResponseStatus& status) {
+  if (kitApiDispathMap.empty()) {
+    CLOGE("ConfigManager::GetAPIInfo", "kitApiDispathMap is empty.");
+    SetStatus(status, tarn::config::kCodeApiNotSupported, tarn::config::kTextApiNotSupported);
+    return false;
+  }
+  // The caller's own uri is lower-cased on purpose: everything after the gate sees it so.
+  ToLowerInPlace(uri);
+  // Keys keep their manifest case, so this is a scan and not a lookup.
+  for (const auto& [key, record] : kitApiDispathMap) {
+    std::string uriTemp = key;
+    ToLowerInPlace(uriTemp);
+    CLOGD("ConfigManager::GetAPIInfo", "kitApiDispathMap uriTemp." << uriTemp);
+    if (uriTemp == uri) {
+      CLOGD("ConfigManager::GetAPIInfo", "uri equal uriTemp.");
+      std::shared_ptr<KitApiDetailInfo> held = record;
+      if (held) info = *held;
+      CLOGD("ConfigManager::GetAPIInfo", "kitAPiInfo message kitName." << info.kitName);
+      return true;
+    }
+  }
+  return true;
+}
+
+void ConfigManager::GetKitApiLevel(const std::string& kitName, std::string& apiLevel) {
+  for (const auto& [packageName, kitConfig] : kitConfigMap) {
+    if (!kitConfig || !kitConfig->subKits) continue;
+    for (const auto& subKit : *kitConfig->subKits) {
+      if (subKit && subKit->kitName == kitName) {
+        apiLevel = subKit->apiLevel;
+        return;
+      }
+    }
+  }
+}
+
+bool ConfigManager::CheckApiLevel(RequestHeader& header, ResponseStatus& status) {
+  if (!header.apiLevel.empty() && !IsNonNegativeIntegerText(header.apiLevel)) {
+    CLOGE("ConfigManager::CheckApiLevel", "api level is invalid!");
+    SetStatus(status, tarn::config::kCodeDataFormat, tarn::config::kTextDataFormat);
+    return false;
+  }
+  // The built-in kit is not level-checked.
+  if (header.srv_name == "FRAMEWORK") return true;
+
+  // A kit's level is the highest it serves: a caller above it waits for an update.
+  std::string kitLevel;
+  GetKitApiLevel(header.srv_name, kitLevel);
+  if (kitLevel.empty()) {
+    CLOGE("ConfigManager::CheckApiLevel", "the kit is not exist. uri = " << header.api_name);
+    SetStatus(status, tarn::config::kCodeApiNotSupported, tarn::config::kTextApiNotSupported);
+    return false;
+  }
+  const std::int32_t callerLevel = tarn::config::Atoi32(header.apiLevel);
+  if (callerLevel > tarn::config::Atoi32(kitLevel)) {
+    CLOGE("ConfigManager::CheckApiLevel", "APILevel is low, need update.. uri = " << header.api_name);
+    SetLevelTooLowStatus(header, status);
+    return false;
+  }
+
+  KitApiDetailInfo info;
+  GetAPIInfo(header.api_name, info, status);
+  if (info.apiLevel.empty()) {
+    CLOGE("ConfigManager::CheckApiLevel", "uri is not supported. uri = " << header.api_name);
+    SetStatus(status, tarn::config::kCodeApiNotSupported, tarn::config::kTextApiNotSupported);
+    return false;
+  }
+  if (callerLevel <= tarn::config::Atoi32(info.apiLevel)) return true;
+  CLOGE("ConfigManager::CheckApiLevel", "APILevel is low, need update. uri = " << header.api_name);
+  SetLevelTooLowStatus(header, status);
+  return false;
+}
+
+void ConfigManager::GetAllSubKitConfig(SubKitConfigList& subKitList) {
+  for (const auto& [packageName, kitConfig] : kitConfigMap) {
+    if (!kitConfig || !kitConfig->subKits) continue;
+    for (const auto& subKit : *kitConfig->subKits) subKitList.push_back(subKit);
+  }
+}
+
+void ConfigManager::GetForceUpdateFlag(const std::string& kitName, std::string& forceUpdate) {
+  forceUpdate = "0";
+  // The remote list and not the manifests: a kit answers to the package that names it.
+  std::shared_ptr<PackageInfoList> packages = remoteConfig.packageInfoList;
+  if (packages) {
+    for (const auto& package : *packages) {
+      if (!package || !package->subKits) continue;
+      for (const auto& subKit : *package->subKits) {
+        if (subKit && subKit->kitName == kitName) {
+          forceUpdate = package->forceUpdate;
+          return;
+        }
+      }
+    }
+  }
+  CLOGI("ConfigManager::GetForceUpdateFlag",
+        "Not exist kit = " << kitName << " forceUpdate = " << forceUpdate);
+}

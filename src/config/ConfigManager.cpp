@@ -1,0 +1,211 @@
+#include "config/ConfigManager.h"
+
+#include <json/json.h>
+
+#include <exception>
+#include <fstream>
+
+#include "config/ConfigPlatform.h"
+#include "config/ConfigText.h"
+#include "platform/log/tarn_log.h"
+#include "platform/os/registry.h"
+
+using tarn::config::ValueText;
+
+std::atomic<std::uint32_t> g_forceUpdateTimeperiod{60000};
+std::atomic<std::uint32_t> g_timePeriodOneday{86400000};
+
+namespace {
+
+constexpr std::uint32_t kOneDayMs = 86400000;
+
+// Built before main, as the rest of the process expects.
+ConfigManager& g_configManagerAtStart = ConfigManager::GetInstance();
+
+}  // namespace
+
+ConfigManager& ConfigManager::GetInstance() {
+  static ConfigManager instance;
+  return instance;
+}
+
+void ConfigManager::ResetForTesting() {
+  timerPeriodKitStoreCheck = 604800000;
+  timerPeriodTarnCoreUpdate = 604800000;
+  timerPeriodKitManagerUpdate = 3600000;
+  evReportTimePeriod = 600000;
+  upgradeTimeAfterStart = 600000;
+  verifyEnabled = true;
+  remoteConfig = RemoteConfigInfo{};
+  kitConfigMap.clear();
+  kitApiDispathMap.clear();
+  configEvent = nullptr;
+  configCheckDone = true;
+  g_forceUpdateTimeperiod = 60000;
+  g_timePeriodOneday = kOneDayMs;
+}
+
+bool ConfigManager::Init() {
+  CLOGI("ConfigManager::Init", "ConfigManager.Init begin.");
+  if (!ReadRemoteConfig()) {
+    CLOGE("ConfigManager::Init", "ReadRemoteConfig failed.");
+    return false;
+  }
+  if (!ConstuctApiDispathMap()) {
+    CLOGE("ConfigManager::Init", "ConstuctApiDispathMap failed.");
+    return false;
+  }
+  CLOGI("ConfigManager::Init", "ConfigManager.Init end.");
+  return true;
+}
+
+void GetRemoteConfigPath(std::string& path) {
+  const std::string install = tarn::config::InstallDirectory();
+  path = install + tarn::config::kRemoteConfigFile;
+  const std::string cached = install + tarn::config::kCachedRemoteConfigFile;
+  Json::Value root;
+  bool opened = false;
+  int error = 0;
+  bool parsed = tarn::config::ParseConfigFile(cached, root, opened, error);
+  if (!opened) return;
+  // Only a sound copy wins; anything else silently leaves the installed one.
+  if (parsed && root.isObject() && root[tarn::config::kKeyPackageInfo].isArray()) path = cached;
+}
+
+bool ConfigManager::ReadRemoteConfig() {
+  std::string path;
+  GetRemoteConfigPath(path);
+  Json::Value root;
+  bool opened = false;
+  int error = 0;
+  bool parsed = tarn::config::ParseConfigFile(path, root, opened, error);
+  if (!opened) {
+    CLOGE("ConfigManager::ReadRemoteConfig",
+          "Remoteconfig " << path << " invalid, cannot start error: " << error
+                          << " Stop TarnCoreService and Exit TarnCoreContainer.");
+    StopTarnCoreService();
+    return false;
+  }
+  if (!parsed) {
+    CLOGE("ConfigManager::ReadRemoteConfig",
+          "get remoteConfig faield, data parse error. file: " << path);
+    StopTarnCoreService();
+    return false;
+  }
+  LoadConfigParams(root);
+  // The version comes before the packages: their force update test compares against it.
+  std::string version;
+  ReadVtidRegistryValue("Version", version);
+  remoteConfig.version = version;
+  remoteConfig.level = "3";
+  GetPackageInfoList(root);
+  CLOGI("ConfigManager::ReadRemoteConfig",
+        "The current x64 TARNCORE version = " << remoteConfig.version);
+  return true;
+}
+
+void ConfigManager::LoadConfigParams(const Json::Value& root) {
+  timerPeriodTarnCoreUpdate = static_cast<std::uint32_t>(
+      GetKeyValue(root, tarn::config::kKeyTimerPeriodTarnCoreUpdate, 86400000, 60000));
+  CLOGI("ConfigManager::LoadConfigParams",
+        "RemoteConfig param TimerPeriodTarnCoreUpdate = " << timerPeriodTarnCoreUpdate.load());
+  if (!verifyEnabled) HandleNotVerifyInfo(root);
+}
+
+void ConfigManager::HandleNotVerifyInfo(const Json::Value& root) {
+  g_timePeriodOneday = static_cast<std::uint32_t>(
+      GetKeyValue(root, tarn::config::kKeyForceUpdateTimeForTest, 86400000, 60000));
+  evReportTimePeriod = static_cast<std::uint32_t>(
+      GetKeyValue(root, tarn::config::kKeyEvReportTimePeriod, 600000, 30000));
+  upgradeTimeAfterStart = static_cast<std::uint32_t>(
+      GetKeyValue(root, tarn::config::kKeyUpgradeTimeAfterStart, 600000, 60000));
+  CLOGI("ConfigManager::HandleNotVerifyInfo",
+        "RemoteConfig param Handle Not Verify g_timePeriodOneday = "
+            << g_timePeriodOneday.load() << " evReportTimePeriod = " << evReportTimePeriod.load()
+            << " upgradeTimeAfterStart = " << upgradeTimeAfterStart.load());
+}
+
+std::int32_t ConfigManager::GetKeyValue(const Json::Value& root, const char* key,
+                                        std::int32_t defaultValue, std::int32_t minKeyValue) {
+  const std::string text = ValueText(root[key]);
+  if (text.empty()) return defaultValue;
+  std::int32_t value = 0;
+  try {
+    value = tarn::config::Stol32(text);
+  } catch (const std::invalid_argument& e) {
+    CLOGE("ConfigManager::GetKeyValue", "GetKeyValue invalid_argument. " << e.what());
+    return defaultValue;
+  } catch (const std::out_of_range& e) {
+    CLOGE("ConfigManager::GetKeyValue", "GetKeyValue out_of_range. " << e.what());
+    return defaultValue;
+  }
+  if (value >= minKeyValue) return value;
+  // Below the minimum means the default, not the minimum.
+  CLOGE("ConfigManager::GetKeyValue", "Key \"" << key << "\" value is too small minKeyValue = "
+                                               << minKeyValue << " keyValue = " << value);
+  return defaultValue;
+}
+
+void ConfigManager::GetPackageInfoList(const Json::Value& root) {
+  auto list = std::make_shared<PackageInfoList>();
+  remoteConfig.packageInfoList = list;
+  const Json::Value& packages = root[tarn::config::kKeyPackageInfo];
+  for (Json::ArrayIndex i = 0; i < packages.size(); ++i) {
+    const Json::Value& element = packages[i];
+    auto info = std::make_shared<PackageInfo>();
+    list->push_back(info);  // in the list whatever follows
+    info->packageName = ValueText(element[tarn::config::kKeyPackageName]);
+    const std::string forceUpdate = ValueText(element[tarn::config::kKeyForceUpdate]);
+    info->forceUpdate = "0";
+    if (forceUpdate == "1" || forceUpdate == "2") {
+      info->invalidVersionCodes = std::make_shared<VersionCodeList>();
+      const Json::Value& codes = element[tarn::config::kKeyInvalidVersionCode];
+      for (Json::ArrayIndex j = 0; j < codes.size(); ++j) {
+        std::string code = ValueText(codes[j]);
+        info->invalidVersionCodes->push_back(code);
+        CLOGI("ConfigManager::GetPackageInfoList", "ForceUpdate invalidVersionCode list = " << code);
+        // Condemned only when the installed version is listed, byte for byte.
+        if (code == remoteConfig.version) info->forceUpdate = forceUpdate;
+      }
+      CLOGI("ConfigManager::GetPackageInfoList",
+            "ForceUpdate current install version = " << remoteConfig.version << "packageName = "
+                                                     << info->packageName << " forceUpdate = "
+                                                     << info->forceUpdate);
+    }
+    if (info->forceUpdate == "1") {
+      RefreshSlientUpdatePeriod(ValueText(root[tarn::config::kKeyForceUpgradeTimeInterval]));
+    }
+    info->subKits = std::make_shared<SubKitConfigList>();
+    const Json::Value& subKits = element[tarn::config::kKeySubKits];
+    for (Json::ArrayIndex j = 0; j < subKits.size(); ++j) {
+      auto subKit = std::make_shared<SubKitConfig>();
+      subKit->kitName = ValueText(subKits[j][tarn::config::kKeyKitName]);
+      info->subKits->push_back(subKit);
+    }
+    ReadKitConfigForPackage(info->packageName, info->subKits);
+    ReadKitServiceForPackage(info->packageName);
+  }
+}
+
+void ConfigManager::RefreshSlientUpdatePeriod(const std::string& value) {
+  if (value.empty()) {
+    timerPeriodTarnCoreUpdate = kOneDayMs;
+  } else {
+    std::int32_t days = 1;
+    try {
+      std::int32_t read = tarn::config::Stol32(value);
+      days = read >= 1 ? read : 1;
+    } catch (const std::invalid_argument& e) {
+      CLOGE("ConfigManager::RefreshSlientUpdatePeriod",
+            "RefreshSlientUpdatePeriod invalid_argument. " << e.what());
+    } catch (const std::out_of_range& e) {
+      CLOGE("ConfigManager::RefreshSlientUpdatePeriod",
+            "RefreshSlientUpdatePeriod out_of_range. " << e.what());
+    }
+    // A 32-bit product: from 50 days on the period wraps around, as it always has.
+    timerPeriodTarnCoreUpdate = static_cast<std::uint32_t>(days) * kOneDayMs;
+  }
+  CLOGI("ConfigManager::RefreshSlientUpdatePeriod",
+        "RemoteConfig param There is kit forceupdate = 1, TimerPeriodTarnCoreUpdate = "
+            << timerPeriodTarnCoreUpdate.load());
+}
