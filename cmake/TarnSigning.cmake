@@ -27,7 +27,7 @@ add_custom_command(
   COMMAND tarncore-sign keygen --force "${TARN_DEV_PRIVATE_KEY}" "${TARN_DEV_PUBLIC_KEY}"
   COMMENT "Making the development signing key"
   VERBATIM)
-add_custom_target(tarn_dev_keys DEPENDS "${TARN_DEV_PRIVATE_KEY}" "${TARN_DEV_PUBLIC_KEY}")
+add_custom_target(tarn_dev_keys ALL DEPENDS "${TARN_DEV_PRIVATE_KEY}" "${TARN_DEV_PUBLIC_KEY}")
 
 function(tarn_sign_target target)
   if(target STREQUAL "tarncore-sign")

@@ -113,6 +113,24 @@ TEST_F(SignatureTest, AnyChangedByteBreaksTheSignature) {
   EXPECT_EQ(ts::InspectFile(path).status, ts::Status::kBadSignature);
 }
 
+TEST_F(SignatureTest, PayloadsOfAnySizeRoundTrip) {
+  // Sizes around the reader's 64 KiB chunks, so the trailer straddles a chunk edge.
+  for (std::size_t size : {std::size_t{0}, std::size_t{1}, std::size_t{15}, std::size_t{16}, std::size_t{65536 - 112},
+                           std::size_t{65536 - 50}, std::size_t{65536}, std::size_t{131072 + 3}}) {
+    std::string payload(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) payload[i] = static_cast<char>(i * 7 + 3);
+    std::string path = SignedFile("f.bin", payload, maker);
+    ts::Inspection r = ts::VerifyFile(path, ts::Trust::kMakerOnly);
+    EXPECT_EQ(r.status, ts::Status::kValid) << size;
+    EXPECT_EQ(r.payloadSize, size);
+    if (size == 0) continue;
+    std::string bad = ReadBytes(path);
+    bad[size - 1] ^= 0x40;
+    WriteBytes(path, bad);
+    EXPECT_EQ(ts::InspectFile(path).status, ts::Status::kBadSignature) << size;
+  }
+}
+
 TEST_F(SignatureTest, TruncatedAndDoubledTrailersFail) {
   const std::string payload(500, 'p');
   std::string path = SignedFile("f.bin", payload, maker);

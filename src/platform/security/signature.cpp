@@ -319,7 +319,10 @@ namespace {
 
 // Verifies the process's executable through one open descriptor, finds its
 // path when that path still names the same file, and confirms the pid.
-Inspection CheckProcess(pid_t pid, const Trust* trust, std::string* exePath) {
+// What CheckProcess does with the opened executable besides finding its path.
+enum class ExeCheck { kNone, kInspect, kVerify };
+
+Inspection CheckProcess(pid_t pid, ExeCheck check, Trust trust, std::string* exePath) {
   Inspection result;
   try {
     Status openStatus = Status::kUnreadable;
@@ -328,7 +331,13 @@ Inspection CheckProcess(pid_t pid, const Trust* trust, std::string* exePath) {
       result.status = openStatus;
       return result;
     }
-    result = trust ? VerifyFd(fd.fd, *trust) : InspectFd(fd.fd);
+    if (check == ExeCheck::kVerify) {
+      result = VerifyFd(fd.fd, trust);
+    } else if (check == ExeCheck::kInspect) {
+      result = InspectFd(fd.fd);
+    } else {
+      result.status = Status::kValid;  // nothing asked of the file itself
+    }
     if (exePath) {
       exePath->clear();
       struct stat opened {}, named {};
@@ -350,18 +359,20 @@ Inspection CheckProcess(pid_t pid, const Trust* trust, std::string* exePath) {
 
 }  // namespace
 
-Inspection VerifyProcess(pid_t pid, Trust trust) { return CheckProcess(pid, &trust, nullptr); }
+Inspection VerifyProcess(pid_t pid, Trust trust) { return CheckProcess(pid, ExeCheck::kVerify, trust, nullptr); }
 
-Inspection InspectProcess(pid_t pid) { return CheckProcess(pid, nullptr, nullptr); }
+Inspection InspectProcess(pid_t pid) {
+  return CheckProcess(pid, ExeCheck::kInspect, Trust::kPlatformOrMaker, nullptr);
+}
 
 Inspection VerifyProcessWithPath(pid_t pid, Trust trust, std::string* exePath) {
-  return CheckProcess(pid, &trust, exePath);
+  return CheckProcess(pid, ExeCheck::kVerify, trust, exePath);
 }
 
 std::optional<std::string> ProcessExePath(pid_t pid) {
   std::string path;
-  Inspection r = CheckProcess(pid, nullptr, &path);
-  if (r.status == Status::kProcessGone || path.empty()) return std::nullopt;
+  Inspection r = CheckProcess(pid, ExeCheck::kNone, Trust::kPlatformOrMaker, &path);
+  if (r.status != Status::kValid || path.empty()) return std::nullopt;
   return path;
 }
 
