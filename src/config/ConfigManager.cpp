@@ -47,6 +47,8 @@ void ConfigManager::ResetForTesting() {
 
 bool ConfigManager::Init() {
   CLOGI("ConfigManager::Init", "ConfigManager.Init begin.");
+  // Each call makes a new event; the refresh worker waits on it.
+  configEvent = tarn::os::Event::Create(false, false);
   if (!ReadRemoteConfig()) {
     CLOGE("ConfigManager::Init", "ReadRemoteConfig failed.");
     return false;

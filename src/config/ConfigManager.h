@@ -90,7 +90,7 @@ class ConfigManager {
   KitConfigMap kitConfigMap;
   KitApiDispathMap kitApiDispathMap;
   // Wakes the refresh worker.
-  void* configEvent = nullptr;
+  std::shared_ptr<tarn::os::Event> configEvent;
   // False while the first fetch of the refresh is owed.
   std::atomic<bool> configCheckDone{true};
 

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/os/event.h"
+
 struct KitMinApiLevel {
   std::string kitName;
   std::string level;  // decimal text
@@ -32,7 +34,7 @@ struct SubKitConfig {
   std::string startup;
   std::string kitManifVerify;  // hex SHA-256 of the manifest file
   // Completion event of this sub-kit's loader thread; written by the kit loader.
-  void* hEvent = nullptr;
+  std::shared_ptr<tarn::os::Event> hEvent;
   // Null in a record that names a kit of the remote configuration.
   std::shared_ptr<KitMinApiLevelList> minApiLevels;
   std::shared_ptr<KitApiInfoList> apis;

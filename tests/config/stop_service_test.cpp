@@ -1,0 +1,81 @@
+// Stopping the service: a SIGTERM to the parent, only when the parent is
+// TarnCoreService. A copy of the shell plays the service so that the real
+// parent relation is exercised.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "config/ConfigPlatform.h"
+#include "support/temp_root.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kChildMode = "TARN_CONFIG_STOP_CHILD";
+constexpr const char* kChildTest = "ParentServiceControlTest.ChildAsksItsParentToStop";
+
+std::string SelfExe() { return fs::read_symlink("/proc/self/exe").string(); }
+
+// Runs `<dir>/<name> -c '<this test binary> --gtest_filter=<child>; exit 7'` and
+// returns its wait status; the shell is the parent of the child test.
+int RunUnderShellNamed(const tarn::test::TempRoot& root, const std::string& name) {
+  const std::string shell = root.At(name);
+  fs::copy_file("/bin/sh", shell);
+  fs::permissions(shell, fs::perms::owner_all);
+  const std::string self = SelfExe();
+  const std::string filter = std::string("--gtest_filter=") + kChildTest;
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    ::setenv(kChildMode, "1", 1);
+    ::execl(shell.c_str(), name.c_str(), "-c", "\"$1\" \"$2\" >/dev/null 2>&1; exit 7", name.c_str(),
+            self.c_str(), filter.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  int status = 0;
+  // Upper bound for liveness only: the child run is short but machines are slow.
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  while (::waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, &status, 0);
+      ADD_FAILURE() << "shell did not end";
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return status;
+}
+
+TEST(ParentServiceControlTest, ChildAsksItsParentToStop) {
+  if (!std::getenv(kChildMode)) GTEST_SKIP() << "runs only as the child of the tests below";
+  tarn::config::ParentServiceControl().StopTarnCoreService();
+}
+
+TEST(ParentServiceControlTest, ParentNamedTarnCoreServiceGetsSigterm) {
+  tarn::test::TempRoot root;
+  int status = RunUnderShellNamed(root, "TarnCoreService");
+  ASSERT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
+  EXPECT_EQ(WTERMSIG(status), SIGTERM);
+}
+
+TEST(ParentServiceControlTest, AnyOtherParentIsLeftAlone) {
+  tarn::test::TempRoot root;
+  int status = RunUnderShellNamed(root, "TarnCoreServiceX");
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+TEST(ParentServiceControlTest, RecognisesTheServiceByItsExecutable) {
+  EXPECT_FALSE(tarn::config::IsTarnCoreServiceProcess(::getpid()));
+  EXPECT_FALSE(tarn::config::IsTarnCoreServiceProcess(0));
+  EXPECT_FALSE(tarn::config::IsTarnCoreServiceProcess(-1));
+}
+
+}  // namespace
