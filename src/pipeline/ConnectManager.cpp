@@ -1,0 +1,249 @@
+#include "pipeline/ConnectManager.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+
+#include <functional>
+#include <memory>
+
+#include "pipeline/ServerResCallBack.h"
+#include "platform/log/tarn_log.h"
+
+namespace {
+
+constexpr const char* kResHeaderTemplate =
+    "{\"header\":{\"version\":\"\",\"status_code\":\"\",\"error_code\":\"\",\"error_reason\":\"\","
+    "\"srv_name\":\"\",\"api_name\":\"\",\"app_id\":\"\",\"pkg_name\":\"\",\"session_id\":\"\","
+    "\"transaction_id\":\"\",\"resolution\":\"\"}}";
+
+bool HasKey(const std::string& text, const char* quotedKey) {
+  return text.find(quotedKey) != std::string::npos;
+}
+
+bool ParseText(const std::string& text, Json::Value& root) {
+  return ConnectManager::Parse(text.data(), text.data() + text.size(), root);
+}
+
+// Every builder starts from a constant template. Parsing it once and copying
+// the tree gives the same result as parsing it each time.
+bool FromTemplate(const char* text, Json::Value& root) {
+  Json::Value parsed;
+  if (!ParseText(text, parsed)) return false;
+  root = std::move(parsed);
+  return true;
+}
+
+const Json::Value* ResHeaderTemplate() {
+  static const Json::Value* tmpl = [] {
+    auto* v = new Json::Value;
+    if (!FromTemplate(kResHeaderTemplate, *v)) {
+      delete v;
+      return static_cast<Json::Value*>(nullptr);
+    }
+    return v;
+  }();
+  return tmpl;
+}
+
+void BodyFromTemplate(const char* tmpl, std::string& out,
+                      const std::function<void(Json::Value& body)>& fill) {
+  Json::Value root;
+  if (!FromTemplate(tmpl, root)) return;
+  fill(root["body"]);
+  out = ConnectManager::Render(root["body"]);
+}
+
+}  // namespace
+
+bool ConnectManager::Parse(const char* begin, const char* end, Json::Value& root) {
+  // What Json::parseFromStream does, without copying the text into a stream.
+  thread_local std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  std::string errs;
+  bool ok = reader->parse(begin, end, &root, &errs);
+  return ok && errs.empty();
+}
+
+// FastWriter is what the system renders with (one line, a line feed at the
+// end); jsoncpp marks it deprecated in favour of StreamWriterBuilder.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+std::string ConnectManager::Render(const Json::Value& value) {
+  thread_local Json::FastWriter writer;
+  return writer.write(value);
+}
+#pragma GCC diagnostic pop
+
+ConvertedRequest ConnectManager::ConvertRequest(ServerResCallBack& callback,
+                                                ResponseStatus& status) {
+  ConvertedRequest request;
+  const std::string& text = callback.requestText;
+  Json::Value root;
+  if (!ParseText(text, root)) {
+    CLOGE("ConnectManager::ConvertRequest", "req mgs error.");
+    SetResponseStatus(status, TarnStatus::kDataFormatError);
+    return request;
+  }
+  if (HasKey(text, "\"header\"")) {
+    Json::Value& header = root["header"];
+    header["syncMessageId"] = callback.msgIdentify;
+    request.header = Render(header);
+    if (HasKey(text, "\"api_name\"")) request.api_name = header["api_name"].asCString();
+    if (HasKey(text, "\"apiLevel\"")) request.apiLevel = header["apiLevel"].asCString();
+    if (HasKey(text, "\"srv_name\"")) request.srv_name = header["srv_name"].asCString();
+    if (HasKey(text, "\"sdk_version\"")) request.sdk_version = header["sdk_version"].asCString();
+  }
+  if (HasKey(text, "\"body\"")) request.body = Render(root["body"]);
+  return request;
+}
+
+RequestHeader ConnectManager::GetReqHeader(const std::string& headerText, ResponseStatus& status) {
+  RequestHeader header;
+  Json::Value root;
+  if (!ParseText(headerText, root)) {
+    CLOGE("ConnectManager::GetReqHeader", "request data parse error.");
+    SetResponseStatus(status, TarnStatus::kDataFormatError);
+    return header;
+  }
+  auto read = [&](const char* quotedKey, const char* key, std::string& field) {
+    if (HasKey(headerText, quotedKey)) field = root[key].asCString();
+  };
+  read("\"version\"", "version", header.version);
+  read("\"srv_name\"", "srv_name", header.srv_name);
+  read("\"api_name\"", "api_name", header.api_name);
+  read("\"app_id\"", "app_id", header.app_id);
+  read("\"pkg_name\"", "pkg_name", header.pkg_name);
+  read("\"sdk_version\"", "sdk_version", header.sdk_version);
+  read("\"session_id\"", "session_id", header.session_id);
+  read("\"transaction_id\"", "transaction_id", header.transaction_id);
+  read("\"kitSdkVersion\"", "kitSdkVersion", header.kitSdkVersion);
+  read("\"apiLevel\"", "apiLevel", header.apiLevel);
+  read("\"client_id\"", "client_id", header.client_id);
+  return header;
+}
+
+std::string ConnectManager::GetResHeader(const RequestHeader& header,
+                                         const ResponseStatus& status) {
+  const Json::Value* tmpl = ResHeaderTemplate();
+  if (!tmpl) return {};
+  Json::Value root = *tmpl;
+  Json::Value& h = root["header"];
+  h["version"] = header.version;
+  h["srv_name"] = header.srv_name;
+  h["api_name"] = header.api_name;
+  h["app_id"] = header.app_id;
+  h["pkg_name"] = header.pkg_name;
+  h["session_id"] = header.session_id;
+  h["transaction_id"] = header.transaction_id;
+  h["status_code"] = status.status_code;
+  h["error_code"] = status.error_code;
+  h["error_reason"] = status.error_reason;
+  h["resolution"] = status.resolution;
+  return Render(h);
+}
+
+void ConnectManager::GetResErrorHeader(ResponseStatus& status, std::string& out) {
+  const Json::Value* tmpl = ResHeaderTemplate();
+  if (!tmpl) {
+    CLOGE("ConnectManager::GetResErrorHeader", "req message header is null!");
+    SetResponseStatus(status, TarnStatus::kDataFormatError);
+    return;
+  }
+  Json::Value root = *tmpl;
+  Json::Value& h = root["header"];
+  h["status_code"] = status.status_code;
+  h["error_code"] = status.error_code;
+  h["error_reason"] = status.error_reason;
+  h["resolution"] = status.resolution;
+  out = Render(h);
+}
+
+std::string ConnectManager::GetResMsg(const std::string& headerText, const std::string& bodyText) {
+  std::string msg;
+  msg.reserve(headerText.size() + bodyText.size() + 20);
+  msg += "{\"header\":";
+  msg += headerText;
+  msg += ",\"body\":";
+  msg += bodyText;
+  msg += '}';
+  return msg;
+}
+
+void ConnectManager::GetResErrorBody(std::string& out) {
+  BodyFromTemplate("{\"body\":{}}", out, [](Json::Value&) {});
+}
+
+void ConnectManager::GetResErrorMsg(ResponseStatus& status, std::string& out) {
+  std::string header, body;
+  GetResErrorHeader(status, header);
+  GetResErrorBody(body);
+  out = GetResMsg(header, body);
+}
+
+void ConnectManager::GetResErrorBodyEdr(std::string& out, const std::string& serviceName,
+                                        const std::string& url, const std::string& key) {
+  BodyFromTemplate("{\"body\":{\"serviceName\":\"\",\"url\":\"\",\"key\":\"\"}}", out,
+                   [&](Json::Value& body) {
+                     body["serviceName"] = serviceName;
+                     body["url"] = url;
+                     body["key"] = key;
+                   });
+}
+
+void ConnectManager::GetResErrorMsgEdr(ResponseStatus& status, std::string& out,
+                                       const std::string& serviceName, const std::string& url,
+                                       const std::string& key) {
+  std::string header, body;
+  GetResErrorHeader(status, header);
+  GetResErrorBodyEdr(body, serviceName, url, key);
+  out = GetResMsg(header, body);
+}
+
+void ConnectManager::GetResErrorBodyForceUpdate(std::string& out, const std::string& forceUpdate) {
+  BodyFromTemplate("{\"body\":{\"forceUpdate\":\"\"}}", out,
+                   [&](Json::Value& body) { body["forceUpdate"] = forceUpdate; });
+}
+
+void ConnectManager::GetResErrorMsgForceUpdate(ResponseStatus& status, std::string& out,
+                                               const std::string& forceUpdate) {
+  std::string header, body;
+  GetResErrorHeader(status, header);
+  GetResErrorBodyForceUpdate(body, forceUpdate);
+  out = GetResMsg(header, body);
+}
+
+void ConnectManager::GetResErrorBodyCheckPermission(std::string& out, const std::string& result) {
+  BodyFromTemplate("{\"body\":{\"checkPermission\":\"\"}}", out,
+                   [&](Json::Value& body) { body["checkPermissionResult"] = result; });
+}
+
+void ConnectManager::GetResErrorMsgCheckPermission(ResponseStatus& status, std::string& out,
+                                                   const std::string& result) {
+  std::string header, body;
+  GetResErrorHeader(status, header);
+  GetResErrorBodyCheckPermission(body, result);
+  out = GetResMsg(header, body);
+}
+
+void ConnectManager::GetResErrorBodyCheckPermissionList(
+    std::string& out, const std::vector<std::string>& names,
+    std::map<std::string, std::string>& results) {
+  BodyFromTemplate("{\"body\":{}}", out, [&](Json::Value& body) {
+    Json::ArrayIndex index = 0;
+    for (const auto& name : names) {
+      body["checkPermissions"][index]["permission"] = name;
+      body["checkPermissions"][index]["checkPermissionResult"] = results[name];
+      ++index;
+    }
+  });
+}
+
+void ConnectManager::GetResErrorMsgCheckPermissionList(
+    ResponseStatus& status, std::string& out, const std::vector<std::string>& names,
+    std::map<std::string, std::string>& results) {
+  std::string header, body;
+  GetResErrorHeader(status, header);
+  GetResErrorBodyCheckPermissionList(body, names, results);
+  out = GetResMsg(header, body);
+  CLOGD("ConnectManager::GetResErrorMsgCheckPermissionList",
+        "GetResErrorMsgCheckPermissionList. msg:" << out);
+}

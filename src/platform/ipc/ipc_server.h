@@ -1,0 +1,58 @@
+#pragma once
+// Server side of the IPC library: listens on $TARNCORE_ROOT/run/tarncore/ipc.sock
+// (mode 0666) and delivers every frame a client sends to the callbacks that an
+// in-process TarnCoreIPCMessageClient(IpcAddressContainer, ...) registered.
+//
+// Delivery runs on a pool of worker threads (at least 8) that share one epoll
+// set: the worker that reads a frame usually runs it itself, so a request costs
+// no thread hand-off; further frames read in the same go are handed to idle
+// workers, so requests from one connection run at once too.
+//
+// Per connection the peer's pid is taken with SO_PEERCRED at accept and pinned
+// (tarn::os::PinProcess) until the connection closes. Per syncMessageId the
+// server remembers the connection that sent it last; a message posted with that
+// id goes back there and the entry is dropped. A frame above 16 MiB, or bytes
+// that are no frame header, close only that connection.
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/ipc/ipc_message.h"
+
+namespace tarn::ipc {
+class ServerCore;
+}
+
+class TarnCoreIPCMessageServer {
+ public:
+  struct Options {
+    std::string socketPath;  // empty: tarn::ipc::SocketPath() at Start
+    int workerThreads = 0;   // below 8: 8
+  };
+
+  TarnCoreIPCMessageServer();
+  explicit TarnCoreIPCMessageServer(Options options);
+  // Stops the server.
+  ~TarnCoreIPCMessageServer();
+  TarnCoreIPCMessageServer(const TarnCoreIPCMessageServer&) = delete;
+  TarnCoreIPCMessageServer& operator=(const TarnCoreIPCMessageServer&) = delete;
+
+  // Binds the socket and starts the workers. False when the socket can't be
+  // made, or when another live server already answers on that path. The started
+  // server becomes the one that container-side clients of this process attach to.
+  bool Start();
+  // Closes every connection, joins the workers and removes the socket file.
+  // Callbacks that are running finish first.
+  void Stop();
+
+  // Pid of the peer whose connection last sent this id; 0 when unknown (never
+  // seen, already answered, or its connection closed).
+  uint32_t GetCallerPidByMsgId(int32_t syncMessageId);
+
+  std::size_t ConnectionCount() const;
+  const std::string& SocketPathInUse() const;
+
+ private:
+  std::shared_ptr<tarn::ipc::ServerCore> core_;
+};

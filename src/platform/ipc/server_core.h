@@ -1,0 +1,101 @@
+#pragma once
+// Internal to the IPC library: the running server that TarnCoreIPCMessageServer
+// owns and that a container-side TarnCoreIPCMessageClient attaches to.
+#include <sys/types.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/ipc/ipc_message.h"
+
+namespace tarn::ipc {
+
+using MessageCallback = std::function<void(TagIPCMessageItem&)>;
+
+class ServerCore : public std::enable_shared_from_this<ServerCore> {
+ public:
+  ServerCore(std::string socketPath, int workers);
+  ~ServerCore();
+
+  bool Start();
+  void Stop();
+
+  uint32_t CallerPid(int32_t syncMessageId);
+  // Sends to the connection that last sent item.syncMessageId and drops the entry.
+  bool Post(const TagIPCMessageItem& item);
+  // Sends to every open connection; true when at least one took it.
+  bool Broadcast(const TagIPCMessageItem& item);
+
+  void Register(uint32_t code, MessageCallback callback, const void* owner);
+  // Removes the owner's callbacks and waits for those running on other threads.
+  void UnregisterAll(const void* owner);
+
+  std::size_t ConnectionCount() const;
+  const std::string& Path() const { return path_; }
+
+  // The server most recently started in this process, if it still runs.
+  static std::shared_ptr<ServerCore> Current();
+
+ private:
+  struct Connection;
+  struct Frame {
+    TagIPCMessageItem item;
+    std::unique_ptr<char[]> body;
+  };
+  struct Registration {
+    uint32_t code;
+    MessageCallback callback;
+    const void* owner;
+    int running = 0;
+  };
+
+  void WorkerLoop();
+  void Accept();
+  // Reads what is there; complete frames are appended. False: close it.
+  bool ReadFrames(Connection& conn, std::vector<Frame>& frames);
+  void Close(const std::shared_ptr<Connection>& conn);
+  void FlushPending(const std::shared_ptr<Connection>& conn);
+  bool Send(const std::shared_ptr<Connection>& conn, const TagIPCMessageItem& item);
+  void Deliver(Frame& frame);
+  void Enqueue(Frame frame);
+  std::shared_ptr<Connection> Find(uint64_t id);
+  void RearmRead(Connection& conn);
+
+  std::string path_;
+  int workerCount_;
+  int listenFd_ = -1;
+  int epollFd_ = -1;
+  int stopFd_ = -1;   // eventfd, level-triggered: wakes every worker at stop
+  int queueFd_ = -1;  // semaphore eventfd: one count per queued frame
+  std::atomic<bool> running_{false};
+  std::vector<std::thread> workers_;
+
+  mutable std::mutex connMutex_;
+  std::unordered_map<uint64_t, std::shared_ptr<Connection>> connections_;
+  uint64_t nextConnId_ = 16;  // below: the fixed event keys
+
+  struct Route {
+    uint64_t connId;
+    pid_t pid;
+  };
+  std::mutex routeMutex_;
+  std::unordered_map<int32_t, Route> routes_;
+
+  std::mutex queueMutex_;
+  std::deque<Frame> queue_;
+
+  std::mutex regMutex_;
+  std::condition_variable regCv_;
+  std::vector<std::shared_ptr<Registration>> registrations_;
+};
+
+}  // namespace tarn::ipc
