@@ -8,12 +8,6 @@
 
 namespace {
 
-void SetStatus(ResponseStatus& status, const char* code, const char* text) {
-  status.status_code = code;
-  status.error_code = code;
-  status.error_reason = text;
-}
-
 void ToLowerInPlace(std::string& text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
 }
@@ -31,10 +25,9 @@ bool IsNonNegativeIntegerText(const std::string& text) {
 
 void SetLevelTooLowStatus(const RequestHeader& header, ResponseStatus& status) {
   // A newer SDK tells its user more about the update it needs.
-  const char* code = VersionAtLeast(header.sdk_version, tarn::config::kNewSdkVersion)
-                         ? tarn::config::kCodeApiLevelLowNewSdk
-                         : tarn::config::kCodeApiLevelLow;
-  SetStatus(status, code, tarn::config::kTextApiLevelLow);
+  SetResponseStatus(status, VersionAtLeast(header.sdk_version, tarn::config::kNewSdkVersion)
+                                ? TarnStatus::kApiLevelLow2
+                                : TarnStatus::kApiLevelLow);
 }
 
 }  // namespace
@@ -74,7 +67,7 @@ bool ConfigManager::ConstuctApiDispathMap() {
 bool ConfigManager::GetAPIInfo(std::string& uri, KitApiDetailInfo& info, ResponseStatus& status) {
   if (kitApiDispathMap.empty()) {
     CLOGE("ConfigManager::GetAPIInfo", "kitApiDispathMap is empty.");
-    SetStatus(status, tarn::config::kCodeApiNotSupported, tarn::config::kTextApiNotSupported);
+    SetResponseStatus(status, TarnStatus::kApiNotSupported);
     return false;
   }
   // The caller's own uri is lower-cased on purpose: everything after the gate sees it so.
@@ -110,7 +103,7 @@ void ConfigManager::GetKitApiLevel(const std::string& kitName, std::string& apiL
 bool ConfigManager::CheckApiLevel(RequestHeader& header, ResponseStatus& status) {
   if (!header.apiLevel.empty() && !IsNonNegativeIntegerText(header.apiLevel)) {
     CLOGE("ConfigManager::CheckApiLevel", "api level is invalid!");
-    SetStatus(status, tarn::config::kCodeDataFormat, tarn::config::kTextDataFormat);
+    SetResponseStatus(status, TarnStatus::kDataFormatError);
     return false;
   }
   // The built-in kit is not level-checked.
@@ -121,7 +114,7 @@ bool ConfigManager::CheckApiLevel(RequestHeader& header, ResponseStatus& status)
   GetKitApiLevel(header.srv_name, kitLevel);
   if (kitLevel.empty()) {
     CLOGE("ConfigManager::CheckApiLevel", "the kit is not exist. uri = " << header.api_name);
-    SetStatus(status, tarn::config::kCodeApiNotSupported, tarn::config::kTextApiNotSupported);
+    SetResponseStatus(status, TarnStatus::kApiNotSupported);
     return false;
   }
   const std::int32_t callerLevel = tarn::config::Atoi32(header.apiLevel);
@@ -135,7 +128,7 @@ bool ConfigManager::CheckApiLevel(RequestHeader& header, ResponseStatus& status)
   GetAPIInfo(header.api_name, info, status);
   if (info.apiLevel.empty()) {
     CLOGE("ConfigManager::CheckApiLevel", "uri is not supported. uri = " << header.api_name);
-    SetStatus(status, tarn::config::kCodeApiNotSupported, tarn::config::kTextApiNotSupported);
+    SetResponseStatus(status, TarnStatus::kApiNotSupported);
     return false;
   }
   if (callerLevel <= tarn::config::Atoi32(info.apiLevel)) return true;

@@ -13,7 +13,7 @@
 #include <string>
 
 #include "config/ConfigRecords.h"
-#include "config/Status.h"
+#include "pipeline/Records.h"
 
 namespace Json {
 class Value;
@@ -55,14 +55,6 @@ inline constexpr const char* kKitsDir = "kits/";
 inline constexpr const char* kKitManifestFile = "/kitManifest.json";
 inline constexpr const char* kServiceInfoFile = "/ServiceInfo.json";
 
-// Status codes that the gates here set.
-inline constexpr const char* kCodeDataFormat = "907135000";
-inline constexpr const char* kTextDataFormat = "data format is error.";
-inline constexpr const char* kCodeApiNotSupported = "907135001";
-inline constexpr const char* kTextApiNotSupported = "API is not supported. ";
-inline constexpr const char* kCodeApiLevelLow = "907135005";
-inline constexpr const char* kCodeApiLevelLowNewSdk = "907135013";
-inline constexpr const char* kTextApiLevelLow = "APILevel is low, need update. ";
 // Callers with at least this SDK get the newer of each pair of codes.
 inline constexpr const char* kNewSdkVersion = "5.3.0.300";
 
