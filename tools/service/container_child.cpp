@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -112,6 +113,13 @@ bool ContainerChild::Send(std::string_view bytes) {
     }
     return true;
   }
+}
+
+int ContainerChild::PendingInput() const {
+  int pending = 0;
+  // FIONREAD answers for the pipe, from either end.
+  if (input_ < 0 || ::ioctl(input_, FIONREAD, &pending) != 0) return 0;
+  return pending;
 }
 
 ssize_t ContainerChild::Receive(char* buf, std::size_t size) {

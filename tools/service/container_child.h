@@ -31,6 +31,8 @@ class ContainerChild {
   // One write of a whole message to the container's standard input. A full
   // pipe (a container that does not read) drops the message: false, EAGAIN.
   bool Send(std::string_view bytes);
+  // Bytes the container has not read yet from its standard input.
+  int PendingInput() const;
   // Reads what the container wrote: >0 bytes, 0 at its end (the descriptor is
   // then closed), -1 when nothing is there now.
   ssize_t Receive(char* buf, std::size_t size);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -18,6 +19,10 @@ namespace tarn::service {
 namespace {
 
 constexpr const char* kContainerName = "TarnCoreContainer";
+// Messages held back while the container has not read the one before.
+constexpr std::size_t kMaxQueued = 64;
+// How often a held-back message looks whether the pipe is empty.
+constexpr int kQueuePollMs = 10;
 
 sigset_t HandledSignals() {
   sigset_t set;
@@ -216,6 +221,10 @@ void Supervisor::ReapChildren() {
         Clock::now() - child_.startedAt());
     child_.Ended();
     killAt_.reset();
+    if (!outbound_.empty()) {
+      SLOGW("Supervisor::ReapChildren", "dropped " << outbound_.size() << " messages");
+      outbound_.clear();
+    }
     if (stopping_) {
       SLOGI("Supervisor::ReapChildren", "TarnCoreContainer ended, " << DescribeStatus(status));
       continue;
@@ -253,10 +262,23 @@ void Supervisor::Forward(const std::string& message) {
     SLOGW("Supervisor::Forward", "no TarnCoreContainer for " << message);
     return;
   }
-  if (child_.Send(container::ToPipeBytes(message))) {
-    SLOGI("Supervisor::Forward", "sent " << message);
-  } else {
-    SLOGE("Supervisor::Forward", "send of " << message << " failed error: " << errno);
+  if (outbound_.size() >= kMaxQueued) {
+    SLOGE("Supervisor::Forward", "TarnCoreContainer does not read, dropped " << message);
+    return;
+  }
+  outbound_.push_back(message);
+  SendQueued();
+}
+
+void Supervisor::SendQueued() {
+  while (!outbound_.empty() && child_.running() && child_.PendingInput() == 0) {
+    const std::string message = std::move(outbound_.front());
+    outbound_.pop_front();
+    if (child_.Send(container::ToPipeBytes(message))) {
+      SLOGI("Supervisor::SendQueued", "sent " << message);
+    } else {
+      SLOGE("Supervisor::SendQueued", "send of " << message << " failed error: " << errno);
+    }
   }
 }
 
@@ -265,12 +287,15 @@ int Supervisor::PollTimeoutMs() const {
   for (const auto& t : {restartAt_, killAt_}) {
     if (t && (!next || *t < *next)) next = t;
   }
-  if (!next) return -1;
+  int queueWait = outbound_.empty() ? -1 : kQueuePollMs;
+  if (!next) return queueWait;
   auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(*next - Clock::now()).count();
-  return ms < 0 ? 0 : static_cast<int>(ms) + 1;
+  int timerWait = ms < 0 ? 0 : static_cast<int>(ms) + 1;
+  return queueWait < 0 ? timerWait : std::min(queueWait, timerWait);
 }
 
 void Supervisor::OnTimers() {
+  SendQueued();
   const auto now = Clock::now();
   if (restartAt_ && now >= *restartAt_ && !stopping_) StartContainer();
   if (killAt_ && now >= *killAt_ && child_.running()) {

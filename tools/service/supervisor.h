@@ -5,12 +5,16 @@
 // - Start: the container next to the service (or --container), see ContainerChild.
 // - Ready: "NotifyWorkStatus1" from the container sends READY=1 to systemd once.
 // - Session events: logind's session changes, and every line of the control
-//   FIFO (see ControlChannel), go to the container as UTF-16LE messages.
+//   FIFO (see ControlChannel), go to the container as UTF-16LE messages. The
+//   container takes one message per read and has no framing, so a message is
+//   written only once the one before it has been read; until then it waits
+//   in a short queue.
 // - A container that died is started again after RestartBackoff's wait.
 // - SIGTERM or SIGINT: close the exit pipe, give the container the grace
 //   period to end, and only then kill it.
 #include <chrono>
 #include <csignal>
+#include <deque>
 #include <optional>
 #include <string>
 
@@ -52,6 +56,7 @@ class Supervisor {
   void ReapChildren();
   void OnContainerOutput();
   void Forward(const std::string& message);
+  void SendQueued();
   void BeginStop();
   int PollTimeoutMs() const;
   void OnTimers();
@@ -67,6 +72,7 @@ class Supervisor {
   bool readySent_ = false;
   std::optional<Clock::time_point> restartAt_;
   std::optional<Clock::time_point> killAt_;
+  std::deque<std::string> outbound_;
 };
 
 }  // namespace tarn::service

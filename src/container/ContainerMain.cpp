@@ -1,0 +1,194 @@
+#include "container/ContainerMain.h"
+
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+#include "container/TarnContainerProcess.h"
+#include "container/pipe_message.h"
+#include "platform/log/tarn_log.h"
+#include "platform/os/event.h"
+#include "platform/os/last_error.h"
+#include "platform/os/places.h"
+#include "platform/os/registry.h"
+#include "pipeline/ServerManager.h"
+#include "thread/ThreadManager.h"
+
+namespace {
+
+using VantrelThread::ThreadManager;
+
+// The exit handle as a descriptor to wait on: values beyond the descriptor
+// range are as invalid as a closed one.
+int ExitDescriptor(std::intptr_t handle) {
+  return handle > 0 && handle <= INT_MAX ? static_cast<int>(handle) : -1;
+}
+
+}  // namespace
+
+int TarnCoreContainerMain(const std::wstring& commandLine) {
+  std::intptr_t exitHandle = 0;
+
+  initTarnLog(10, 10);
+  CLOGI("main", "TarnCoreContainer.main begin.");
+  // DbgSdkInit(): the crash handler is not in the platform layer yet.
+  // HttpUtil::Https_curl_global_init(): the HTTP layer is not there yet.
+  // NoticeManager::StartPrivacyNotice(): the privacy notice is not there yet.
+
+  if (!SetPrivilege()) CLOGE("main", "SetPrivilege failed.");
+
+  // Session events stop at the listener until the kit runtime's
+  // NotifyWinEventToKit and NoticeManager::LogonToCheckPrivacyNotice are
+  // installed here with TarnContainerProcess::SetEventHandlers.
+  if (TarnContainerProcess::GetParentPipeHandle(PipeHandles)) {
+    ThreadManager::Instance().Create(TarnContainerProcess::Pipe_Listen, &PipeHandles.pipeRead,
+                                     "TarnContainerProcess::Pipe_Listen", false);
+  }
+
+  exitHandle = tarn::container::ScanExitHandle(commandLine);
+
+  ThreadManager::Instance().Create(svcThreadFun, nullptr, "svcThreadFun", true);
+
+  const std::uint32_t waitResult = tarn::os::WaitForFd(ExitDescriptor(exitHandle), tarn::os::kInfinite);
+  if (waitResult == tarn::os::kWaitObject0) {
+    CLOGE("main", "Main, TarnCoreService stop, TarnCoreContainer exit");
+  } else if (waitResult == tarn::os::kWaitTimeout) {
+    CLOGE("main", "Main, Waiting timeout");
+  } else if (waitResult == tarn::os::kWaitFailed) {
+    CLOGE("main", "Function excuted failed " << tarn::os::GetLastError());
+  }
+
+  // HttpUtil::Https_curl_global_free(): see the start.
+  ThreadManager::Instance().WaitAll();
+  CLOGI("main", "Main, flush log and TarnCoreContainer end.");
+  FlushTarnLogFile();
+  // DbgSdkUnInit(): see DbgSdkInit.
+
+  // The product name stands where SystemEnvironment::GetOSVersion will.
+  if (MustTerminateAtExit(tarn::os::OperatingSystemName(), NativeProcessorArchitecture())) {
+    // Ends the process with code 0 at once: no static destructor runs.
+    std::_Exit(0);
+  }
+  return 0;
+}
+
+std::uint32_t svcThreadFun(void* /*param*/) {
+  CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun begin.");
+  InitDataDirectories();
+
+  std::string installDirectory;
+  GetInstallDirectory(installDirectory);
+  // The Windows build made this the DLL search folder here. The dynamic loader
+  // reads its search path once, at program start; kits are opened by full path
+  // and find their own dependencies through their $ORIGIN run path, so there is
+  // nothing to set.
+  (void)installDirectory;
+
+  CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun IPCServer start.");
+  ServerManager::GetInstance().ServerInit();
+  CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun IPCServer end.");
+
+  // KitManagerApi::Init(): the kit runtime is not there yet.
+  // ZServiceManager::GetInstance()->RegisterLogAdapter(new ZbrfLogAdapter): the
+  // service framework and its log adapter are not there yet.
+
+  auto& threads = ThreadManager::Instance();
+  if (tarn::os::WaitForSingle(threads.processExitEvent, 0) != tarn::os::kWaitObject0) {
+    const std::string bytes = tarn::container::ToPipeBytes(tarn::container::WorkStatusText(1));
+    const bool notifyState = TarnContainerProcess::SendDataPipe(PipeHandles, bytes.data(), bytes.size());
+    CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun SendDataPipe notifyState = " << notifyState);
+    // UpgradeManager::Init(): the upgrade manager is not there yet.
+  }
+
+  if (tarn::os::WaitForSingle(threads.processExitEvent, 1000) == tarn::os::kWaitTimeout) {
+    ServerManager::GetInstance().SendServiceStartBroadcast();
+    // AAID::HandleRegAAID(): the anonymous id helper is not there yet.
+    std::string installPath;
+    ReadVtidRegistryValue("Install_Path", installPath);
+    if (!installPath.empty()) {
+      // FirewallUtils::AddContainerUIRule(installPath as wide text): the
+      // firewall rules are not there yet.
+    }
+    // EvManager::ReportMsgProc start, ScopeUtil::ListFiles of the scope cache,
+    // ScopeProxy::InvokeOpenGateway("204518762"), UpgradeManager::ClearRedundantFile()
+    // and InitNetworkMonitor(), whose loop would keep this thread: not there yet.
+  }
+
+  CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun end.");
+  return 1;
+}
+
+// SeDebugPrivilege lets a process open every other process. What the
+// container needs of it on Linux is to read /proc/<pid>/exe of its callers,
+// which takes CAP_SYS_PTRACE for processes of other users (its own users'
+// processes are readable anyway). So: look at the process's capability sets
+// (the token), and raise CAP_SYS_PTRACE into the effective set when it is
+// permitted. As with a token that lacks the privilege, a process that is not
+// permitted it succeeds without it and sees its own user's processes only.
+// Capabilities belong to the thread: this runs on the main thread before the
+// other threads start, and they inherit the result.
+bool SetPrivilege() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+  if (::syscall(SYS_capget, &header, data) != 0) {
+    CLOGE("SetPrivilege", "SetPrivilege Failed error: " << errno);
+    return false;
+  }
+  auto& set = data[CAP_TO_INDEX(CAP_SYS_PTRACE)];
+  const std::uint32_t bit = CAP_TO_MASK(CAP_SYS_PTRACE);
+  if ((set.effective & bit) != 0 || (set.permitted & bit) == 0) return true;
+  set.effective |= bit;
+  if (::syscall(SYS_capset, &header, data) != 0) {
+    CLOGE("SetPrivilege", "AdjustTokenPrivilege failed error: " << errno);
+    return false;
+  }
+  return true;
+}
+
+void InitDataDirectories() {
+  std::string base;
+  GetCommonAppDataPath(base);
+  LogDirHandle(base + "/Vantrel/TARNCORE/cache/");
+  const std::string ucsLog = base + "/Vantrel/TARNCORE/log/tarnwucs";
+  LogDirHandle(ucsLog);
+  // TarnCoreUcs::InitUcsKmsLog(ucsLog): that library is not there yet.
+  LogDirHandle(base + "/Vantrel/TARNCORE/ev");
+  LogDirHandle(base + "/Vantrel/TARNCORE/ev/work");
+}
+
+void LogDirHandle(std::string path) {
+  if (!TarnCreateDirbyLev(path, 0)) {
+    CLOGE("LogDirHandle", "Failed to create log directory by privilege = " << path);
+  }
+}
+
+void GetInstallDirectory(std::string& directory) { directory = tarn::os::InstallDirectory(); }
+
+void GetCommonAppDataPath(std::string& path) { path = tarn::os::CommonAppDataPath(); }
+
+std::uint16_t NativeProcessorArchitecture() {
+  utsname name{};
+  if (::uname(&name) != 0) return 0xFFFF;
+  const std::string machine = name.machine;
+  if (machine == "x86_64") return 9;
+  if (machine == "aarch64" || machine == "arm64") return 12;
+  if (machine == "ia64") return 6;
+  if (machine.size() == 4 && machine[0] == 'i' && machine.substr(2) == "86") return 0;
+  if (machine.rfind("arm", 0) == 0) return 5;
+  return 0xFFFF;
+}
+
+bool MustTerminateAtExit(const std::string& osName, std::uint16_t architecture) {
+  std::string lower = osName;
+  std::transform(lower.begin(), lower.end(), lower.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (lower.find("windows 7") == std::string::npos) return false;
+  return architecture != 6;
+}

@@ -1,0 +1,128 @@
+// The container's start-up helpers that can run inside a test process.
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "container/ContainerMain.h"
+#include "platform/log/log_capture.h"
+#include "support/temp_root.h"
+
+using tarn::log::Level;
+using tarn::log::LogCapture;
+
+namespace {
+
+struct Caps {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
+  bool Get() { return ::syscall(SYS_capget, &header, data) == 0; }
+  bool Set() { return ::syscall(SYS_capset, &header, data) == 0; }
+  bool Has(bool effective) const {
+    const auto& d = data[CAP_TO_INDEX(CAP_SYS_PTRACE)];
+    return ((effective ? d.effective : d.permitted) & CAP_TO_MASK(CAP_SYS_PTRACE)) != 0;
+  }
+  void Drop(bool fromPermitted) {
+    auto& d = data[CAP_TO_INDEX(CAP_SYS_PTRACE)];
+    d.effective &= ~CAP_TO_MASK(CAP_SYS_PTRACE);
+    if (fromPermitted) d.permitted &= ~CAP_TO_MASK(CAP_SYS_PTRACE);
+  }
+};
+
+bool IsDirectory(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+}  // namespace
+
+TEST(WindowsSevenRule, NameDecidesAndArchitectureSixIsTheException) {
+  EXPECT_TRUE(MustTerminateAtExit("Windows 7 Professional", 9));
+  EXPECT_TRUE(MustTerminateAtExit("Microsoft WINDOWS 7 Ultimate", 0));
+  EXPECT_TRUE(MustTerminateAtExit("windows 7", 12));
+  EXPECT_FALSE(MustTerminateAtExit("Windows 7", 6));
+  EXPECT_FALSE(MustTerminateAtExit("Windows 10 Pro", 9));
+  EXPECT_FALSE(MustTerminateAtExit("Windows7", 9));
+  EXPECT_FALSE(MustTerminateAtExit("Debian GNU/Linux 12 (bookworm)", 9));
+  EXPECT_FALSE(MustTerminateAtExit("", 9));
+  // A version number alone is no match: the test is on the name's text.
+  EXPECT_TRUE(MustTerminateAtExit("Windows 70", 9));
+}
+
+TEST(WindowsSevenRule, ArchitectureCodeOfThisMachine) {
+  utsname name{};
+  ASSERT_EQ(::uname(&name), 0);
+  const std::string machine = name.machine;
+  const std::uint16_t code = NativeProcessorArchitecture();
+  if (machine == "x86_64") {
+    EXPECT_EQ(code, 9);
+  } else if (machine == "aarch64") {
+    EXPECT_EQ(code, 12);
+  } else if (machine == "i686" || machine == "i386") {
+    EXPECT_EQ(code, 0);
+  }
+}
+
+TEST(SetPrivilege, RaisesPtraceWhenPermittedAndSucceedsWithoutIt) {
+  Caps caps;
+  ASSERT_TRUE(caps.Get());
+  if (!caps.Has(false)) GTEST_SKIP() << "CAP_SYS_PTRACE is not permitted to this test";
+  EXPECT_TRUE(SetPrivilege());
+
+  // Each case in a child: capabilities once dropped from the permitted set
+  // are gone for good.
+  EXPECT_EXIT(
+      {
+        Caps c;
+        c.Get();
+        c.Drop(false);
+        if (!c.Set()) std::_Exit(2);
+        const bool ok = SetPrivilege();
+        Caps after;
+        after.Get();
+        std::_Exit(ok && after.Has(true) ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(
+      {
+        LogCapture capture;
+        Caps c;
+        c.Get();
+        c.Drop(true);
+        if (!c.Set()) std::_Exit(2);
+        const bool ok = SetPrivilege();
+        Caps after;
+        after.Get();
+        std::_Exit(ok && !after.Has(true) && capture.Records().empty() ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+TEST(InitDataDirectories, MakesTheFourFoldersOrLogsEachFailure) {
+  {
+    tarn::test::TempRoot root;
+    LogCapture capture;
+    InitDataDirectories();
+    for (const char* dir : {"cache", "log/tarnwucs", "ev", "ev/work"}) {
+      EXPECT_TRUE(IsDirectory(root.At(std::string("var/lib/Vantrel/TARNCORE/") + dir))) << dir;
+    }
+    EXPECT_FALSE(capture.Contains("Failed to create log directory"));
+  }
+  {
+    tarn::test::TempRoot root;
+    root.WriteFile("var/lib/Vantrel/TARNCORE", "a file where the folders go");
+    LogCapture capture;
+    InitDataDirectories();
+    const std::string base = root.At("var/lib");
+    for (const char* tail : {"/Vantrel/TARNCORE/cache/", "/Vantrel/TARNCORE/log/tarnwucs",
+                             "/Vantrel/TARNCORE/ev", "/Vantrel/TARNCORE/ev/work"}) {
+      EXPECT_TRUE(capture.Has(Level::Error, "Failed to create log directory by privilege = " +
+                                                base + tail + "(LogDirHandle)"))
+          << tail;
+    }
+  }
+}
