@@ -1,0 +1,83 @@
+#pragma once
+// Raw-socket helpers for poking the IPC server below the client library.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "platform/ipc/ipc_message.h"
+
+namespace tarn::test {
+
+inline int RawConnect(const std::string& path) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+inline bool WriteAll(int fd, const std::string& bytes) {
+  std::size_t off = 0;
+  while (off < bytes.size()) {
+    ssize_t n = ::send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    off += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+// Reads exactly n bytes; false on end, error or time-out.
+inline bool ReadExact(int fd, std::string& out, std::size_t n, int timeoutMs) {
+  out.assign(n, '\0');
+  std::size_t got = 0;
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (got < n) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now()).count();
+    if (left <= 0) return false;
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(left)) <= 0) continue;
+    ssize_t r = ::recv(fd, out.data() + got, n - got, 0);
+    if (r <= 0) return false;
+    got += static_cast<std::size_t>(r);
+  }
+  return true;
+}
+
+// True when the peer closed the connection within the time.
+inline bool WaitClosed(int fd, int timeoutMs) {
+  pollfd p{fd, POLLIN, 0};
+  if (::poll(&p, 1, timeoutMs) <= 0) return false;
+  char c;
+  ssize_t r = ::recv(fd, &c, 1, MSG_DONTWAIT);
+  return r == 0 || (r < 0 && errno == ECONNRESET);
+}
+
+inline std::string EncodeFrame(const TagIPCMessageItem& item, const std::string& body) {
+  unsigned char header[ipc::kFrameHeaderSize];
+  TagIPCMessageItem copy = item;
+  copy.bodySize = static_cast<uint32_t>(body.size());
+  ipc::EncodeFrameHeader(copy, header);
+  return std::string(reinterpret_cast<char*>(header), sizeof(header)) + body;
+}
+
+inline TagIPCMessageItem RequestItem(int32_t id) {
+  TagIPCMessageItem item;
+  item.target = IpcAddressContainer;
+  item.source = IpcAddressClientSide;
+  item.messageCode = IpcRequestMessageCode;
+  item.reserved = -1;
+  item.syncMessageId = id;
+  return item;
+}
+
+}  // namespace tarn::test

@@ -1,0 +1,414 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <future>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ipc/ipc_test_util.h"
+#include "platform/ipc/ipc_client.h"
+#include "platform/ipc/ipc_server.h"
+#include "support/temp_root.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using tarn::test::EncodeFrame;
+using tarn::test::RawConnect;
+using tarn::test::ReadExact;
+using tarn::test::RequestItem;
+using tarn::test::WaitClosed;
+using tarn::test::WriteAll;
+
+constexpr int kLong = 10000;  // ms: an upper bound for liveness only
+
+// A started server with the container's sender attached, as the container has it.
+class IpcServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(server_.Start());
+    host_ = std::make_unique<TarnCoreIPCMessageClient>(IpcAddressContainer, true, true);
+  }
+  void TearDown() override {
+    host_->UnRegisterMessageCallbackAll();
+    server_.Stop();
+  }
+
+  // Answers every request with "echo:" and its text.
+  void Echo() {
+    host_->RegisterMessageCallback(IpcRequestMessageCode, [this](TagIPCMessageItem& item) {
+      Answer(item.syncMessageId, "echo:" + std::string(item.body));
+    });
+  }
+
+  bool Answer(int32_t id, const std::string& text) {
+    TagIPCMessageItem out;
+    out.target = IpcAddressClientSide;
+    out.source = IpcAddressContainer;
+    out.messageCode = IpcResponseMessageCode;
+    out.reserved = -1;
+    out.syncMessageId = id;
+    out.bodyIsHeld = 1;
+    std::string copy = text;
+    out.body = copy.data();
+    out.bodySize = static_cast<uint32_t>(copy.size() + 1);
+    return host_->PostIPCMessage(out);
+  }
+
+  static int Call(TarnCoreIPCMessageClient& client, int32_t id, const std::string& text,
+                  std::string& response, int timeoutMs = kLong) {
+    TagIPCMessageItem item = RequestItem(id);
+    std::string copy = text;
+    item.body = copy.data();
+    item.bodySize = static_cast<uint32_t>(copy.size() + 1);
+    return client.SendMessageSync(item, response, timeoutMs);
+  }
+
+  bool WaitFor(const std::function<bool()>& done, int timeoutMs = kLong) {
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+      if (std::chrono::steady_clock::now() > until) return false;
+      std::this_thread::sleep_for(5ms);
+    }
+    return true;
+  }
+
+  tarn::test::TempRoot root_;
+  TarnCoreIPCMessageServer server_;
+  std::unique_ptr<TarnCoreIPCMessageClient> host_;
+};
+
+TEST_F(IpcServerTest, ListensOnTheRuntimeSocketForEveryLocalUser) {
+  EXPECT_EQ(root_.At("run/tarncore/ipc.sock"), server_.SocketPathInUse());
+  struct stat st {};
+  ASSERT_EQ(0, ::stat(root_.At("run/tarncore/ipc.sock").c_str(), &st));
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(0666u, st.st_mode & 0777);
+
+  // A second server must not take over a live socket.
+  TarnCoreIPCMessageServer second;
+  EXPECT_FALSE(second.Start());
+  std::string response;
+  Echo();
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+  EXPECT_EQ(0, Call(client, 1, "still here", response));
+}
+
+TEST_F(IpcServerTest, CallerPidIsKnownWhileTheRequestAwaitsItsAnswer) {
+  std::atomic<uint32_t> pidSeen{0};
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
+    pidSeen = server_.GetCallerPidByMsgId(item.syncMessageId);
+    Answer(item.syncMessageId, "ok");
+  });
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+  std::string response;
+  ASSERT_EQ(0, Call(client, 77, "x", response));
+  EXPECT_EQ("ok", response);
+  EXPECT_EQ(static_cast<uint32_t>(::getpid()), pidSeen.load());
+  EXPECT_EQ(0u, server_.GetCallerPidByMsgId(77));  // answered: the entry is gone
+  EXPECT_EQ(0u, server_.GetCallerPidByMsgId(12345));
+}
+
+TEST_F(IpcServerTest, FramesOnTheWireAreExactBothWays) {
+  std::promise<std::pair<TagIPCMessageItem, std::string>> got;
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
+    // The body arrives zero-terminated although the client sent no terminator.
+    got.set_value({item, std::string(item.body, item.bodySize + 1)});
+    Answer(item.syncMessageId, "{}");
+  });
+  int fd = RawConnect(server_.SocketPathInUse());
+  ASSERT_GE(fd, 0);
+  TagIPCMessageItem request = RequestItem(-5);
+  ASSERT_TRUE(WriteAll(fd, EncodeFrame(request, "{\"a\":1}")));
+
+  auto future = got.get_future();
+  ASSERT_EQ(std::future_status::ready, future.wait_for(std::chrono::milliseconds(kLong)));
+  auto [item, body] = future.get();
+  EXPECT_EQ(IpcRequestMessageCode, item.messageCode);
+  EXPECT_EQ(-5, item.syncMessageId);
+  EXPECT_EQ(7u, item.bodySize);
+  EXPECT_EQ(std::string("{\"a\":1}\0", 8), body);
+
+  std::string header, payload;
+  ASSERT_TRUE(ReadExact(fd, header, 32, kLong));
+  const unsigned char expected[32] = {
+      0x00, 0x00, 0x70, 0x00,  0x00, 0x00, 0x71, 0x00,  0x08, 0x00, 0x66, 0x00,
+      0x00, 0x00, 0x00, 0x00,  0xFF, 0xFF, 0xFF, 0xFF,  0xFB, 0xFF, 0xFF, 0xFF,
+      0x03, 0x00, 0x00, 0x00,  0x01, 0x00, 0x00, 0x00};
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(expected), 32), header);
+  ASSERT_TRUE(ReadExact(fd, payload, 3, kLong));
+  EXPECT_EQ(std::string("{}\0", 3), payload);
+  ::close(fd);
+}
+
+TEST_F(IpcServerTest, RequestsFromOneConnectionRunAtOnce) {
+  constexpr int kRequests = 8;
+  std::mutex m;
+  std::condition_variable cv;
+  int inside = 0;
+  bool allInside = false;
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
+    {
+      std::unique_lock lock(m);
+      ++inside;
+      cv.notify_all();
+      // Only when every request is being served at the same time do they all pass.
+      if (cv.wait_for(lock, std::chrono::milliseconds(kLong), [&] { return inside == kRequests; })) {
+        allInside = true;
+      }
+    }
+    Answer(item.syncMessageId, "done");
+  });
+  int fd = RawConnect(server_.SocketPathInUse());
+  ASSERT_GE(fd, 0);
+  std::string burst;
+  for (int i = 1; i <= kRequests; ++i) burst += EncodeFrame(RequestItem(i), "r");
+  ASSERT_TRUE(WriteAll(fd, burst));  // one write: the server reads them in one go
+  std::set<int32_t> answered;
+  for (int i = 0; i < kRequests; ++i) {
+    std::string header, body;
+    ASSERT_TRUE(ReadExact(fd, header, 32, 2 * kLong));
+    TagIPCMessageItem item;
+    ASSERT_EQ(tarn::ipc::HeaderCheck::Ok,
+              tarn::ipc::DecodeFrameHeader(reinterpret_cast<const unsigned char*>(header.data()), item));
+    ASSERT_TRUE(ReadExact(fd, body, item.bodySize, kLong));
+    answered.insert(item.syncMessageId);
+  }
+  EXPECT_EQ(static_cast<std::size_t>(kRequests), answered.size());
+  EXPECT_TRUE(allInside);
+  ::close(fd);
+}
+
+TEST_F(IpcServerTest, OversizedFrameOrGarbageClosesOnlyThatConnection) {
+  Echo();
+  TarnCoreIPCMessageClient good(IpcAddressClientSide, true, false);
+  std::string response;
+  ASSERT_EQ(0, Call(good, 1, "before", response));
+
+  int big = RawConnect(server_.SocketPathInUse());
+  int junk = RawConnect(server_.SocketPathInUse());
+  ASSERT_GE(big, 0);
+  ASSERT_GE(junk, 0);
+  ASSERT_TRUE(WaitFor([&] { return server_.ConnectionCount() == 3; }));
+
+  TagIPCMessageItem huge = RequestItem(2);
+  unsigned char header[32];
+  huge.bodySize = 16u * 1024 * 1024 + 1;
+  tarn::ipc::EncodeFrameHeader(huge, header);
+  ASSERT_TRUE(WriteAll(big, std::string(reinterpret_cast<char*>(header), 32)));
+  ASSERT_TRUE(WriteAll(junk, "GET / HTTP/1.1\r\nHost: tarncore\r\nAccept: */*\r\n\r\n"));
+
+  EXPECT_TRUE(WaitClosed(big, kLong));
+  EXPECT_TRUE(WaitClosed(junk, kLong));
+  EXPECT_TRUE(WaitFor([&] { return server_.ConnectionCount() == 1; }));
+  EXPECT_EQ(0, Call(good, 3, "after", response));
+  EXPECT_EQ("echo:after", response);
+  ::close(big);
+  ::close(junk);
+}
+
+TEST_F(IpcServerTest, ClientThatLeavesLosesOnlyItsOwnAnswer) {
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  std::promise<bool> lateAnswer;
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
+    if (item.syncMessageId == 1) {
+      released.wait();
+      lateAnswer.set_value(Answer(1, "too late"));
+      return;
+    }
+    Answer(item.syncMessageId, "echo:" + std::string(item.body));
+  });
+  int leaver = RawConnect(server_.SocketPathInUse());
+  ASSERT_GE(leaver, 0);
+  ASSERT_TRUE(WriteAll(leaver, EncodeFrame(RequestItem(1), "slow")));
+  ASSERT_TRUE(WaitFor([&] { return server_.GetCallerPidByMsgId(1) != 0; }));
+  ::close(leaver);
+  ASSERT_TRUE(WaitFor([&] { return server_.ConnectionCount() == 0; }));
+  EXPECT_EQ(0u, server_.GetCallerPidByMsgId(1));
+
+  TarnCoreIPCMessageClient other(IpcAddressClientSide, true, false);
+  std::string response;
+  EXPECT_EQ(0, Call(other, 2, "fine", response));
+  EXPECT_EQ("echo:fine", response);
+
+  release.set_value();
+  auto late = lateAnswer.get_future();
+  ASSERT_EQ(std::future_status::ready, late.wait_for(std::chrono::milliseconds(kLong)));
+  EXPECT_FALSE(late.get());
+  EXPECT_EQ(0, Call(other, 3, "again", response));
+}
+
+TEST_F(IpcServerTest, AnswerGoesToTheConnectionThatSentTheIdLast) {
+  std::atomic<int> seen{0};
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem&) { ++seen; });
+  int first = RawConnect(server_.SocketPathInUse());
+  int second = RawConnect(server_.SocketPathInUse());
+  ASSERT_TRUE(WriteAll(first, EncodeFrame(RequestItem(9), "a")));
+  ASSERT_TRUE(WaitFor([&] { return seen == 1; }));
+  ASSERT_TRUE(WriteAll(second, EncodeFrame(RequestItem(9), "b")));
+  ASSERT_TRUE(WaitFor([&] { return seen == 2; }));
+
+  EXPECT_TRUE(Answer(9, "one"));
+  EXPECT_FALSE(Answer(9, "two"));  // the entry went with the first answer
+  std::string header, body;
+  ASSERT_TRUE(ReadExact(second, header, 32, kLong));
+  ASSERT_TRUE(ReadExact(second, body, 4, kLong));
+  EXPECT_EQ(std::string("one\0", 4), body);
+  EXPECT_FALSE(ReadExact(first, header, 1, 200));
+  ::close(first);
+  ::close(second);
+}
+
+TEST_F(IpcServerTest, BroadcastReachesEveryOpenConnection) {
+  TagIPCMessageItem item;
+  item.source = IpcAddressContainer;
+  item.messageCode = IpcBroadcastMessageCode;
+  item.subCode = IpcBroadcastMessageCode;
+  item.reserved = -1;
+  item.syncMessageId = 4242;
+  char text[] = "news";
+  item.body = text;
+  item.bodySize = sizeof(text);
+  EXPECT_FALSE(host_->BroadcastMessage(item));  // nobody is connected
+
+  std::mutex m;
+  std::condition_variable cv;
+  std::vector<std::string> got;
+  auto listener = [&](TagIPCMessageItem& in) {
+    std::lock_guard lock(m);
+    got.push_back(std::string(in.body) + "/" + std::to_string(in.syncMessageId));
+    cv.notify_all();
+  };
+  TarnCoreIPCMessageClient a(IpcAddressClientSide, true, false);
+  TarnCoreIPCMessageClient b(IpcAddressClientSide, true, false);
+  a.RegisterMessageCallback(IpcBroadcastMessageCode, listener);
+  b.RegisterMessageCallback(IpcBroadcastMessageCode, listener);
+  ASSERT_TRUE(WaitFor([&] { return server_.ConnectionCount() == 2; }));
+  EXPECT_TRUE(host_->BroadcastMessage(item));
+  std::unique_lock lock(m);
+  ASSERT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kLong), [&] { return got.size() == 2; }));
+  EXPECT_EQ("news/4242", got[0]);
+  EXPECT_EQ("news/4242", got[1]);
+}
+
+TEST_F(IpcServerTest, SyncCallsFromManyThreadsOfOneClientGetTheirOwnAnswers) {
+  Echo();
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+  // With a callback registered the library reads on its own thread; without, callers read.
+  TarnCoreIPCMessageClient listening(IpcAddressClientSide, true, false);
+  listening.RegisterMessageCallback(IpcBroadcastMessageCode, [](TagIPCMessageItem&) {});
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 25; ++i) {
+        int32_t id = t * 1000 + i;
+        std::string response;
+        std::string text = "m" + std::to_string(id);
+        auto& c = (i % 2) ? client : listening;
+        if (Call(c, id, text, response) != 0 || response != "echo:" + text) ++wrong;
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(0, wrong.load());
+}
+
+TEST_F(IpcServerTest, LargeBodiesCrossWhole) {
+  Echo();
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+  std::string text(4 * 1024 * 1024, 'x');
+  for (std::size_t i = 0; i < text.size(); i += 4093) text[i] = static_cast<char>('a' + i % 26);
+  std::string response;
+  ASSERT_EQ(0, Call(client, 5, text, response));
+  EXPECT_EQ("echo:" + text, response);
+}
+
+TEST_F(IpcServerTest, ClientReportsItsOwnFailuresWithTheirCodes) {
+  std::atomic<bool> answer{false};
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
+    if (answer) Answer(item.syncMessageId, "late but fine");
+  });
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+  std::string response;
+  EXPECT_EQ(9004, Call(client, 1, "x", response, 0));
+  TagIPCMessageItem noBody = RequestItem(1);
+  EXPECT_EQ(9000, client.SendMessageSync(noBody, response, 100));
+  EXPECT_EQ(9003, Call(client, 1, "x", response, 300));
+  answer = true;
+  EXPECT_EQ(0, Call(client, 2, "x", response));  // a time-out leaves the client usable
+
+  // The same id awaited twice at once on one client.
+  answer = false;
+  auto pending = std::async(std::launch::async, [&] {
+    std::string r;
+    return Call(client, 3, "x", r, 2000);
+  });
+  std::this_thread::sleep_for(100ms);
+  EXPECT_EQ(9005, Call(client, 3, "y", response, 100));
+  EXPECT_EQ(9003, pending.get());
+
+  // The container goes away while a caller waits.
+  auto waiting = std::async(std::launch::async, [&] {
+    std::string r;
+    return Call(client, 4, "x", r, kLong);
+  });
+  ASSERT_TRUE(WaitFor([&] { return server_.GetCallerPidByMsgId(4) != 0; }));
+  host_->UnRegisterMessageCallbackAll();
+  server_.Stop();
+  EXPECT_EQ(9002, waiting.get());
+  EXPECT_EQ(9001, Call(client, 5, "x", response));  // no reconnect asked for
+  TarnCoreIPCMessageClient fresh(IpcAddressClientSide, true, true);
+  EXPECT_FALSE(fresh.IsConnected());
+  EXPECT_EQ(9001, Call(fresh, 6, "x", response));
+  TarnCoreIPCMessageClient containerSide(IpcAddressContainer, true, true);
+  EXPECT_EQ(9005, Call(containerSide, 7, "x", response));
+}
+
+TEST_F(IpcServerTest, ReconnectingClientFindsARestartedServer) {
+  Echo();
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, true);
+  std::string response;
+  ASSERT_EQ(0, Call(client, 1, "a", response));
+  host_->UnRegisterMessageCallbackAll();
+  server_.Stop();
+  ASSERT_TRUE(WaitFor([&] { return !client.IsConnected() || Call(client, 2, "b", response) != 0; }));
+  ASSERT_TRUE(server_.Start());
+  host_ = std::make_unique<TarnCoreIPCMessageClient>(IpcAddressContainer, true, true);
+  Echo();
+  EXPECT_EQ(0, Call(client, 3, "c", response));
+  EXPECT_EQ("echo:c", response);
+}
+
+TEST_F(IpcServerTest, UnregisterWaitsForRunningCallbacks) {
+  std::promise<void> entered, release;
+  std::atomic<bool> finished{false};
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem&) {
+    entered.set_value();
+    release.get_future().wait();
+    finished = true;
+  });
+  int fd = RawConnect(server_.SocketPathInUse());
+  ASSERT_TRUE(WriteAll(fd, EncodeFrame(RequestItem(1), "x")));
+  ASSERT_EQ(std::future_status::ready,
+            entered.get_future().wait_for(std::chrono::milliseconds(kLong)));
+  auto unregister = std::async(std::launch::async, [&] {
+    host_->UnRegisterMessageCallbackAll();
+    return finished.load();
+  });
+  EXPECT_EQ(std::future_status::timeout, unregister.wait_for(100ms));
+  release.set_value();
+  EXPECT_TRUE(unregister.get());
+  ::close(fd);
+}
+
+}  // namespace
