@@ -1,0 +1,143 @@
+// TarnCoreContainer started by hand: its exit handle, its work status on
+// standard output, and the pause before the start-up tail.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "programs.h"
+
+using namespace std::chrono_literals;
+using namespace tarn::test;
+
+namespace {
+
+constexpr const char* kBroadcastLine = "ServerManager.SendServiceStartBroadcast start.";
+
+// Reads from fd until `size` bytes came or the limit passed.
+std::string ReadBytes(int fd, std::size_t size, std::chrono::milliseconds limit) {
+  std::string got;
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (got.size() < size && std::chrono::steady_clock::now() < end) {
+    pollfd p{fd, POLLIN, 0};
+    if (::poll(&p, 1, 50) <= 0) continue;
+    char buf[256];
+    ssize_t n = ::read(fd, buf, std::min(sizeof(buf), size - got.size()));
+    if (n <= 0) break;
+    got.append(buf, static_cast<std::size_t>(n));
+  }
+  return got;
+}
+
+std::string Utf16le(const std::string& ascii) {
+  std::string out;
+  for (char c : ascii) {
+    out += c;
+    out += '\0';
+  }
+  return out;
+}
+
+// A container with its exit pipe at descriptor 5 and its standard output on a pipe.
+struct RunningContainer {
+  pid_t pid = -1;
+  int exitWrite = -1;
+  int output = -1;
+
+  RunningContainer(const std::string& program, const std::string& handleText,
+                   std::vector<std::string> env = {}) {
+    int ex[2];
+    int out[2];
+    if (::pipe2(ex, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+    SpawnOptions options;
+    options.stdoutFd = out[1];
+    options.inheritFd = ex[0];
+    options.inheritAs = 5;
+    options.extraEnv = std::move(env);
+    pid = Spawn({program, handleText}, options);
+    ::close(ex[0]);
+    ::close(out[1]);
+    exitWrite = ex[1];
+    output = out[0];
+  }
+  ~RunningContainer() {
+    if (exitWrite >= 0) ::close(exitWrite);
+    if (output >= 0) ::close(output);
+    if (pid > 0) KillAndReap(pid);
+  }
+  // The service's end: the container's exit handle signals.
+  void CloseExitPipe() {
+    ::close(exitWrite);
+    exitWrite = -1;
+  }
+  int Wait(std::chrono::milliseconds limit) {
+    int status = -1;
+    if (!WaitExit(pid, limit, &status)) return -1;
+    pid = -1;
+    return status;
+  }
+};
+
+TEST(ContainerByHand, WithoutAValidExitHandleItEndsAtOnce) {
+  TempRoot root;
+  const std::string program = InstallPrograms(root) + "TarnCoreContainer";
+  // No argument, the null handle, text that is no number, a descriptor that is not open.
+  const std::vector<std::vector<std::string>> runs = {
+      {program}, {program, "0"}, {program, "zz"}, {program, "0x3e7"}};
+  int n = 0;
+  for (const auto& argv : runs) {
+    ++n;
+    const pid_t pid = Spawn(argv);
+    int status = -1;
+    ASSERT_TRUE(WaitExit(pid, 15s, &status)) << argv.size();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(CountText(ContainerLog(root), "[E] [container] Function excuted failed 9(main)"), n);
+    EXPECT_EQ(CountText(ContainerLog(root), "Main, flush log and TarnCoreContainer end.(main)"), n);
+  }
+  EXPECT_EQ(CountText(ContainerLog(root), "TarnCoreService stop"), 0);
+}
+
+TEST(ContainerByHand, HexHandleWithoutPrefixAndTheWorkStatusWord) {
+  TempRoot root;
+  RunningContainer c(InstallPrograms(root) + "TarnCoreContainer", "5");
+  const std::string word = Utf16le("NotifyWorkStatus1");
+  EXPECT_EQ(ReadBytes(c.output, word.size(), 15s), word);
+  // No terminator, nothing more.
+  EXPECT_EQ(ReadBytes(c.output, 2, 300ms), "");
+  c.CloseExitPipe();
+  const int status = c.Wait(10s);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(CountText(ContainerLog(root), "Main, TarnCoreService stop, TarnCoreContainer exit(main)"), 1);
+  EXPECT_EQ(CountText(ContainerLog(root), "Function excuted failed"), 0);
+}
+
+TEST(ContainerByHand, AnExitDuringThePauseSkipsTheStartupTail) {
+  TempRoot root;
+  const std::string program = InstallPrograms(root) + "TarnCoreContainer";
+  const std::string word = Utf16le("NotifyWorkStatus1");
+  {
+    RunningContainer c(program, "0x5", {"SPDLOG_LEVEL=debug"});
+    ASSERT_EQ(ReadBytes(c.output, word.size(), 15s), word);
+    c.CloseExitPipe();
+    ASSERT_TRUE(WIFEXITED(c.Wait(10s)));
+    EXPECT_EQ(CountText(ContainerLog(root), "TarnCoreContainer.svcThreadFun end.(svcThreadFun)"), 1);
+    EXPECT_EQ(CountText(ContainerLog(root), kBroadcastLine), 0);
+  }
+  {
+    // Left alone for the pause, the tail runs.
+    RunningContainer c(program, "0x5", {"SPDLOG_LEVEL=debug"});
+    ASSERT_EQ(ReadBytes(c.output, word.size(), 15s), word);
+    EXPECT_TRUE(WaitForText(ContainerLog(root), kBroadcastLine, 15s));
+    c.CloseExitPipe();
+    EXPECT_TRUE(WIFEXITED(c.Wait(10s)));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,189 @@
+// TarnCoreService and TarnCoreContainer together, as installed programs under
+// a temporary machine root.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "programs.h"
+
+using namespace std::chrono_literals;
+using namespace tarn::test;
+
+namespace {
+
+class ServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override { install_ = InstallPrograms(root_); }
+
+  void TearDown() override {
+    if (service_ > 0) KillAndReap(service_);
+    for (pid_t pid : ContainerPids()) {
+      if (ProcessAlive(pid)) ::kill(pid, SIGKILL);
+    }
+  }
+
+  void StartService(std::vector<std::string> extra = {}) {
+    std::vector<std::string> argv = {install_ + "TarnCoreService", "--no-session-monitor"};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    service_ = Spawn(argv);
+  }
+
+  // The pids the service logged for the containers it started, in order.
+  std::vector<pid_t> ContainerPids() const {
+    std::vector<pid_t> pids;
+    const std::string log = ReadText(ServiceLog(root_));
+    static const std::regex started("TarnCoreContainer started pid ([0-9]+)");
+    for (std::sregex_iterator it(log.begin(), log.end(), started), end; it != end; ++it) {
+      pids.push_back(static_cast<pid_t>(std::stol((*it)[1])));
+    }
+    return pids;
+  }
+
+  void WaitReady(int times = 1) {
+    ASSERT_TRUE(WaitForText(ServiceLog(root_), "TarnCoreContainer NotifyWorkStatus1", 30s, times))
+        << ReadText(ServiceLog(root_)) << ReadText(ContainerLog(root_));
+  }
+
+  void Inject(const std::string& line) {
+    const std::string fifo = root_.At("run/tarncore/TarnCoreService.ctl");
+    int fd = ::open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(fd, 0) << fifo;
+    const std::string text = line + "\n";
+    ASSERT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    ::close(fd);
+  }
+
+  // SIGTERM to the service; its exit status once it has ended.
+  int StopService(std::chrono::milliseconds limit = 15s) {
+    ::kill(service_, SIGTERM);
+    int status = -1;
+    EXPECT_TRUE(WaitExit(service_, limit, &status)) << ReadText(ServiceLog(root_));
+    service_ = -1;
+    return status;
+  }
+
+  TempRoot root_;
+  std::string install_;
+  pid_t service_ = -1;
+};
+
+TEST_F(ServiceTest, StartsTheContainerForwardsEventsAndStopsItOnSigterm) {
+  StartService();
+  WaitReady();
+  EXPECT_TRUE(WaitForText(ServiceLog(root_), "service ready", 5s));
+  EXPECT_TRUE(WaitForText(ContainerLog(root_),
+      "TarnCoreContainer.svcThreadFun SendDataPipe notifyState = 1(svcThreadFun)", 5s));
+
+  // Session events, bad ones among them; each line is one read for the container.
+  Inject("NotifyWinEvent5EventId2");
+  Inject("NotifyWinEvent0EventId0");
+  Inject("not a session event");
+  Inject("NotifyWinEvent7EventId3");
+  const std::string log = ContainerLog(root_);
+  EXPECT_TRUE(WaitForText(log, "[service] NotifyWinEvent 5luEventId 2(TarnContainerProcess::Pipe_Listen)", 10s));
+  EXPECT_TRUE(WaitForText(log, "[container] invalid notify(TarnContainerProcess::Pipe_Listen)", 10s));
+  EXPECT_TRUE(WaitForText(log, "[service] NotifyWinEvent 7luEventId 3(TarnContainerProcess::Pipe_Listen)", 10s));
+
+  const auto pids = ContainerPids();
+  ASSERT_EQ(pids.size(), 1u);
+  const auto stopAt = std::chrono::steady_clock::now();
+  const int status = StopService();
+  const auto took = std::chrono::steady_clock::now() - stopAt;
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_FALSE(ProcessAlive(pids[0]));
+  // Ended through the exit pipe, well inside the grace period, not killed.
+  EXPECT_LT(took, 4s);
+  const std::string serviceLog = ReadText(ServiceLog(root_));
+  EXPECT_NE(serviceLog.find("TarnCoreContainer ended, exit code 0"), std::string::npos) << serviceLog;
+  EXPECT_EQ(serviceLog.find("killing it"), std::string::npos);
+  EXPECT_NE(serviceLog.find("TarnCoreService end."), std::string::npos);
+  EXPECT_EQ(CountText(log, "[E] [container] Main, TarnCoreService stop, TarnCoreContainer exit(main)"), 1);
+  EXPECT_EQ(CountText(log, "Main, flush log and TarnCoreContainer end.(main)"), 1);
+  struct stat st {};
+  EXPECT_NE(::stat(root_.At("run/tarncore/TarnCoreService.ctl").c_str(), &st), 0);
+}
+
+TEST_F(ServiceTest, RestartsAContainerThatDied) {
+  StartService();
+  WaitReady();
+  const pid_t first = ContainerPids().at(0);
+  ASSERT_EQ(::kill(first, SIGKILL), 0);
+  ASSERT_TRUE(WaitForText(ServiceLog(root_), "TarnCoreContainer died, signal 9", 10s));
+  WaitReady(2);
+  const auto pids = ContainerPids();
+  ASSERT_EQ(pids.size(), 2u);
+  EXPECT_NE(pids[1], first);
+  EXPECT_TRUE(ProcessAlive(pids[1]));
+
+  // The new container gets the events.
+  Inject("NotifyWinEvent6EventId4");
+  EXPECT_TRUE(WaitForText(ContainerLog(root_), "NotifyWinEvent 6luEventId 4(", 10s));
+  const int status = StopService();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_FALSE(ProcessAlive(pids[1]));
+}
+
+TEST_F(ServiceTest, KillsAContainerThatIgnoresTheExitPipeAfterTheGracePeriod) {
+  const std::string stubborn = root_.At("opt/stubborn");
+  {
+    std::ofstream script(stubborn);
+    script << "#!/bin/sh\nexec sleep 600\n";
+  }
+  ::chmod(stubborn.c_str(), 0755);
+  StartService({"--container", stubborn, "--stop-grace-ms", "300"});
+  ASSERT_TRUE(WaitForText(ServiceLog(root_), "TarnCoreContainer started pid", 10s));
+  const pid_t pid = ContainerPids().at(0);
+  const int status = StopService();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_FALSE(ProcessAlive(pid));
+  EXPECT_EQ(CountText(ServiceLog(root_), "still running after 300 ms, killing it"), 1);
+  EXPECT_EQ(CountText(ServiceLog(root_), "TarnCoreContainer ended, signal 9"), 1);
+}
+
+TEST_F(ServiceTest, ContainerEndsWhenTheServiceDies) {
+  StartService();
+  WaitReady();
+  const pid_t pid = ContainerPids().at(0);
+  KillAndReap(service_);
+  service_ = -1;
+  EXPECT_TRUE(WaitForText(ContainerLog(root_), "Main, TarnCoreService stop, TarnCoreContainer exit(main)", 10s));
+  EXPECT_TRUE(WaitForText(ContainerLog(root_), "Main, flush log and TarnCoreContainer end.(main)", 10s));
+  const auto end = std::chrono::steady_clock::now() + 10s;
+  while (ProcessAlive(pid) && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(10ms);
+  EXPECT_FALSE(ProcessAlive(pid));
+}
+
+TEST_F(ServiceTest, OneServicePerMachineRoot) {
+  StartService();
+  WaitReady();
+  const pid_t second = Spawn({install_ + "TarnCoreService", "--no-session-monitor"});
+  int status = -1;
+  ASSERT_TRUE(WaitExit(second, 10s, &status));
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_EQ(ContainerPids().size(), 1u);
+  EXPECT_TRUE(WIFEXITED(StopService()));
+}
+
+TEST_F(ServiceTest, RetriesAContainerThatCannotStart) {
+  StartService({"--container", root_.At("opt/missing")});
+  // 1 s, then 2 s: the second try comes after the first wait.
+  EXPECT_TRUE(WaitForText(ServiceLog(root_), "TarnCoreContainer start failed error: 2", 15s, 2))
+      << ReadText(ServiceLog(root_));
+  EXPECT_TRUE(WaitForText(ServiceLog(root_), "retry in 2000 ms", 1s));
+  const int status = StopService(5s);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+}  // namespace
