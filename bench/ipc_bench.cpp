@@ -1,0 +1,222 @@
+// Round trip of one request through the container's endpoint (socket, worker
+// pool, pipeline, response), beside a plain Unix-socket ping-pong that moves the
+// same bytes with one blocking thread per connection and no work at all.
+//
+//   ipc_bench [--benchmark_filter=...]
+//
+// The pipeline runs with its log threshold at "off" so that the figures measure
+// the endpoint, not the log; Logged variants keep the container's info level
+// writing to a log file.
+#include <benchmark/benchmark.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "pipeline/ConnectManager.h"
+#include "pipeline/RequestGates.h"
+#include "pipeline/ServerManager.h"
+#include "pipeline/ServerResCallBack.h"
+#include "platform/ipc/ipc_client.h"
+#include "platform/ipc/signature_manager.h"
+#include "platform/log/tarn_log.h"
+#include "platform/security/security.h"
+
+namespace {
+
+const std::string kEmptyRequest = "{}";
+const std::string kGoodRequest =
+    "{\"header\":{\"version\":\"1.0\",\"srv_name\":\"Bench\",\"api_name\":\"Bench.Ping\","
+    "\"app_id\":\"bench\",\"pkg_name\":\"bench\",\"sdk_version\":\"1.0.0\",\"session_id\":\"s\","
+    "\"transaction_id\":\"t\",\"kitSdkVersion\":\"1.0.0\",\"apiLevel\":\"1\",\"client_id\":\"bench\"},"
+    "\"body\":{}}";
+
+// Answers every request at once with an empty result, as the cheapest kit would.
+class AnsweringGates : public DefaultRequestGates {
+ public:
+  void Invoke(const RequestHeader&, const ConvertedRequest&, ServerResCallBack* callback,
+              ResponseStatus&) override {
+    std::string result = "{}";
+    callback->Excute(result);
+  }
+  int CheckCertFingerprint(const std::string&, uint32_t, const std::string&, const std::string&,
+                           const std::string&) override {
+    return 0;
+  }
+};
+
+class TrustingVerifier : public SignatureVerifyer {
+ public:
+  int Verify(uint32_t) override { return 0; }
+};
+
+std::string g_root;
+std::string g_rawPath;
+AnsweringGates g_gates;
+TrustingVerifier g_verifier;
+
+TagIPCMessageItem Request(const std::string& text, int32_t id) {
+  TagIPCMessageItem item;
+  item.target = IpcAddressContainer;
+  item.source = IpcAddressClientSide;
+  item.messageCode = IpcRequestMessageCode;
+  item.reserved = -1;
+  item.syncMessageId = id;
+  item.body = const_cast<char*>(text.c_str());
+  item.bodySize = static_cast<uint32_t>(text.size() + 1);
+  return item;
+}
+
+void PipelineRoundTrip(benchmark::State& state, const std::string& text, tarn::log::Level level) {
+  if (state.thread_index() == 0) tarn::log::SetThreshold(level);
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+  std::string response;
+  int32_t id = state.thread_index() * 10000000;
+  for (auto _ : state) {
+    TagIPCMessageItem item = Request(text, ++id);
+    int code = client.SendMessageSync(item, response, 10000);
+    if (code != 0) {
+      state.SkipWithError(("client code " + std::to_string(code)).c_str());
+      break;
+    }
+    benchmark::DoNotOptimize(response.data());
+  }
+  state.SetItemsProcessed(state.iterations());
+  state.counters["response_bytes"] =
+      benchmark::Counter(static_cast<double>(response.size() + 1), benchmark::Counter::kAvgThreads);
+}
+
+void BM_Pipeline_EmptyObjectRefused(benchmark::State& state) {
+  PipelineRoundTrip(state, kEmptyRequest, tarn::log::Level::Off);
+}
+void BM_Pipeline_VerifiedRequestAnswered(benchmark::State& state) {
+  PipelineRoundTrip(state, kGoodRequest, tarn::log::Level::Off);
+}
+void BM_Pipeline_VerifiedRequestAnswered_Logged(benchmark::State& state) {
+  PipelineRoundTrip(state, kGoodRequest, tarn::log::Level::Info);
+}
+
+// --- the plain ping-pong -------------------------------------------------
+
+std::size_t g_pongSize = 0;  // bytes of the "{}" answer's frame
+
+bool WriteAll(int fd, const char* p, std::size_t n) {
+  while (n) {
+    ssize_t w = ::send(fd, p, n, MSG_NOSIGNAL);
+    if (w <= 0) return false;
+    p += w;
+    n -= static_cast<std::size_t>(w);
+  }
+  return true;
+}
+
+bool ReadAll(int fd, char* p, std::size_t n) {
+  while (n) {
+    ssize_t r = ::recv(fd, p, n, 0);
+    if (r <= 0) return false;
+    p += r;
+    n -= static_cast<std::size_t>(r);
+  }
+  return true;
+}
+
+int Connect(const std::string& path) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// One thread per connection: read a request frame, write the fixed answer.
+void RawServer(int listenFd) {
+  for (;;) {
+    int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) return;
+    std::thread([fd] {
+      std::vector<char> in(32 + kEmptyRequest.size() + 1);
+      std::vector<char> out(g_pongSize, 'x');
+      while (ReadAll(fd, in.data(), in.size()) && WriteAll(fd, out.data(), out.size())) {
+      }
+      ::close(fd);
+    }).detach();
+  }
+}
+
+void BM_RawUnixPingPong(benchmark::State& state) {
+  int fd = Connect(g_rawPath);
+  if (fd < 0) {
+    state.SkipWithError("connect failed");
+    return;
+  }
+  std::vector<char> out(32 + kEmptyRequest.size() + 1, 'r');
+  std::vector<char> in(g_pongSize);
+  for (auto _ : state) {
+    if (!WriteAll(fd, out.data(), out.size()) || !ReadAll(fd, in.data(), in.size())) {
+      state.SkipWithError("ping-pong broke");
+      break;
+    }
+  }
+  ::close(fd);
+  state.SetItemsProcessed(state.iterations());
+  state.counters["response_bytes"] =
+      benchmark::Counter(static_cast<double>(g_pongSize - 32), benchmark::Counter::kAvgThreads);
+}
+
+BENCHMARK(BM_RawUnixPingPong)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(BM_Pipeline_EmptyObjectRefused)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(BM_Pipeline_VerifiedRequestAnswered)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(BM_Pipeline_VerifiedRequestAnswered_Logged)->Threads(1)->Threads(8)->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  char tmpl[] = "/tmp/tarn-bench.XXXXXX";
+  if (!::mkdtemp(tmpl)) return 1;
+  g_root = tmpl;
+  ::setenv("TARNCORE_ROOT", g_root.c_str(), 1);
+
+  tarn::log::SetThreshold(tarn::log::Level::Off);
+  tarn::log::Open("ipc_bench", 2, 10);
+  RequestGates::Install(&g_gates);
+  SignatureVerifyer::SetInstanceForTesting(&g_verifier);
+  ServerManager::GetInstance().ServerInit();
+
+  ResponseStatus refused;
+  SetResponseStatus(refused, TarnStatus::kDataFormatError);
+  std::string answer;
+  ConnectManager::GetResErrorMsg(refused, answer);
+  g_pongSize = 32 + answer.size() + 1;
+
+  g_rawPath = g_root + "/raw.sock";
+  int listenFd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, g_rawPath.c_str(), sizeof(addr.sun_path) - 1);
+  if (::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+      ::listen(listenFd, 64) != 0) {
+    return 1;
+  }
+  std::thread(RawServer, listenFd).detach();
+
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+
+  ServerManager::GetInstance().ServerUnInit();
+  ::shutdown(listenFd, SHUT_RDWR);
+  std::error_code ec;
+  std::filesystem::remove_all(g_root, ec);
+  return 0;
+}
