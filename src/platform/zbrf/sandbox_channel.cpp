@@ -1,0 +1,218 @@
+#include "platform/zbrf/sandbox_channel.h"
+
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "platform/zbrf/framework_log.h"
+#include "platform/zbrf/sandbox_frame.h"
+
+extern char** environ;
+
+namespace tarn::zbrf {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int RemainingMs(Clock::time_point deadline) {
+  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// Waits for `events` on fd until the deadline; false on time-out, hang-up
+// without the event, or error.
+bool WaitFor(int fd, short events, Clock::time_point deadline) {
+  for (;;) {
+    pollfd p{fd, events, 0};
+    int n = ::poll(&p, 1, RemainingMs(deadline));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    if (p.revents & events) return true;
+    return false;  // POLLERR / POLLHUP / POLLNVAL without data
+  }
+}
+
+bool SendAll(int fd, const std::string& bytes, Clock::time_point deadline) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    if (!WaitFor(fd, POLLOUT, deadline)) return false;
+    ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool RecvAll(int fd, char* out, std::size_t size, Clock::time_point deadline) {
+  std::size_t done = 0;
+  while (done < size) {
+    if (!WaitFor(fd, POLLIN, deadline)) return false;
+    ssize_t n = ::recv(fd, out + done, size - done, MSG_DONTWAIT);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n <= 0) return false;  // 0: the child closed its end
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+class SandboxObject : public ZObject {
+ public:
+  SandboxObject(pid_t pid, int fd, std::chrono::milliseconds timeout, std::string name)
+      : pid_(pid), fd_(fd), timeout_(timeout), name_(std::move(name)) {}
+
+  ~SandboxObject() override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    End("released");
+  }
+
+  bool Transact(uint32_t code, const std::shared_ptr<ZParcel>& data, const std::shared_ptr<ZParcel>& reply,
+                uint32_t flags) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (fd_ < 0) return false;
+    static const std::string kEmpty;
+    const std::string& payload = data ? data->Data() : kEmpty;
+    if (payload.size() > frame::kMaxPayload) {
+      ZBRF_LOG(Error, "sandbox " << name_ << " request too large: " << payload.size());
+      return false;
+    }
+    // Anything readable before we ask is unsolicited output or a hang-up:
+    // the stream can't be trusted any more.
+    pollfd p{fd_, POLLIN, 0};
+    if (::poll(&p, 1, 0) != 0) {
+      End("sent unasked data or hung up");
+      return false;
+    }
+    const auto deadline = Clock::now() + timeout_;
+    if (!SendAll(fd_, frame::EncodeRequest(code, flags, payload), deadline)) {
+      End("did not take the request");
+      return false;
+    }
+    unsigned char head[frame::kReplyHead];
+    if (!RecvAll(fd_, reinterpret_cast<char*>(head), sizeof(head), deadline)) {
+      End("did not answer in time");
+      return false;
+    }
+    const uint8_t ok = head[0];
+    const uint32_t length = frame::GetU32(head + 1);
+    if (ok > 1 || length > frame::kMaxPayload) {
+      End("answered with a malformed frame");
+      return false;
+    }
+    std::string body(length, '\0');
+    if (length > 0 && !RecvAll(fd_, body.data(), length, deadline)) {
+      End("sent a short answer");
+      return false;
+    }
+    if (!ok) return false;
+    if (reply) reply->SetData(std::move(body));
+    return true;
+  }
+
+  pid_t Pid() const { return pid_.load(); }
+
+ private:
+  // Ends the child for good; every later Transact fails at once.
+  void End(const char* why) {
+    if (fd_ >= 0) {
+      ::close(fd_);
+      fd_ = -1;
+      if (std::strcmp(why, "released") != 0) ZBRF_LOG(Error, "sandbox " << name_ << " " << why);
+    }
+    pid_t pid = pid_.exchange(0);
+    if (pid > 0) {
+      ::kill(pid, SIGKILL);
+      while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+      }
+    }
+  }
+
+  std::mutex mutex_;
+  std::atomic<pid_t> pid_;
+  int fd_;
+  std::chrono::milliseconds timeout_;
+  std::string name_;
+};
+
+// Moves fd to a number of at least 10, close-on-exec, so that the child's
+// dup2 onto 0, 1 and 3 can't clobber it.
+int HighFd(int fd) {
+  if (fd < 0) return -1;
+  int high = ::fcntl(fd, F_DUPFD_CLOEXEC, 10);
+  ::close(fd);
+  return high;
+}
+
+}  // namespace
+
+std::shared_ptr<ZObject> StartSandbox(int execFd, const std::string& name, const std::string& method,
+                                      std::chrono::milliseconds timeout) {
+  if (timeout > kMaxSandboxTimeout || timeout.count() <= 0) timeout = kMaxSandboxTimeout;
+  int sv[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
+    ZBRF_LOG(Error, "sandbox " << name << " socketpair failed, errno " << errno);
+    return nullptr;
+  }
+  const int hostEnd = sv[0];
+  const int childEnd = HighFd(sv[1]);
+  const int devNull = HighFd(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  const int program = ::fcntl(execFd, F_DUPFD_CLOEXEC, 10);
+  auto closeAll = [&] {
+    for (int fd : {childEnd, devNull, program})
+      if (fd >= 0) ::close(fd);
+  };
+  if (childEnd < 0 || devNull < 0 || program < 0) {
+    ZBRF_LOG(Error, "sandbox " << name << " descriptors failed, errno " << errno);
+    closeAll();
+    ::close(hostEnd);
+    return nullptr;
+  }
+
+  // Everything the child touches is made before fork: after it, only
+  // async-signal-safe calls until the exec.
+  std::string argv0 = name, argv1 = method;
+  char* argv[] = {argv0.data(), argv1.data(), nullptr};
+  sigset_t none;
+  sigemptyset(&none);
+
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    if (::dup2(devNull, 0) < 0 || ::dup2(devNull, 1) < 0 || ::dup2(childEnd, frame::kChannelFd) < 0) _exit(126);
+    // Leaked descriptors of the host (not marked close-on-exec) don't reach the
+    // service; `program` is close-on-exec already and is still usable by fexecve.
+    ::syscall(SYS_close_range, frame::kChannelFd + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) _exit(126);
+    ::fexecve(program, argv, environ);
+    _exit(127);
+  }
+  const int forkErrno = errno;
+  closeAll();
+  if (pid < 0) {
+    ZBRF_LOG(Error, "sandbox " << name << " fork failed, errno " << forkErrno);
+    ::close(hostEnd);
+    return nullptr;
+  }
+  ZBRF_LOG(Info, "sandbox " << name << " started, pid " << pid);
+  return std::make_shared<SandboxObject>(pid, hostEnd, timeout, name);
+}
+
+pid_t SandboxPid(const ZObject& object) {
+  auto* sandbox = dynamic_cast<const SandboxObject*>(&object);
+  return sandbox ? sandbox->Pid() : 0;
+}
+
+}  // namespace tarn::zbrf

@@ -1,0 +1,45 @@
+#pragma once
+// The frames between a host and its sandboxed service, over one socketpair.
+//   request: u32 code, u32 flags, u32 length, data[length]
+//   reply:   u8 ok,   u32 length, reply[length]
+// All integers little-endian. One request is outstanding at a time.
+#include <cstdint>
+#include <string>
+
+namespace tarn::zbrf::frame {
+
+// The sandboxed program finds its end of the socketpair here.
+inline constexpr int kChannelFd = 3;
+inline constexpr uint32_t kMaxPayload = 16u * 1024u * 1024u;
+inline constexpr std::size_t kRequestHead = 12;
+inline constexpr std::size_t kReplyHead = 5;
+
+inline void PutU32(std::string& out, uint32_t value) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+}
+
+inline uint32_t GetU32(const unsigned char* in) {
+  return static_cast<uint32_t>(in[0]) | static_cast<uint32_t>(in[1]) << 8 |
+         static_cast<uint32_t>(in[2]) << 16 | static_cast<uint32_t>(in[3]) << 24;
+}
+
+inline std::string EncodeRequest(uint32_t code, uint32_t flags, const std::string& data) {
+  std::string out;
+  out.reserve(kRequestHead + data.size());
+  PutU32(out, code);
+  PutU32(out, flags);
+  PutU32(out, static_cast<uint32_t>(data.size()));
+  out += data;
+  return out;
+}
+
+inline std::string EncodeReply(bool ok, const std::string& reply) {
+  std::string out;
+  out.reserve(kReplyHead + reply.size());
+  out.push_back(ok ? 1 : 0);
+  PutU32(out, static_cast<uint32_t>(reply.size()));
+  out += reply;
+  return out;
+}
+
+}  // namespace tarn::zbrf::frame

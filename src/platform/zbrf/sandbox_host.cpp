@@ -1,0 +1,204 @@
+#include "platform/zbrf/sandbox_host.h"
+
+#include <fcntl.h>
+#include <linux/landlock.h>
+#include <seccomp.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/zbrf/sandbox_frame.h"
+
+namespace tarn::zbrf {
+
+namespace {
+
+// Access rights newer than the installed kernel headers.
+constexpr uint64_t kLandlockTruncate = 1ULL << 14;
+constexpr uint64_t kLandlockIoctlDev = 1ULL << 15;
+
+uint64_t HandledFsAccess(int abi) {
+  uint64_t all = (1ULL << 13) - 1;  // EXECUTE .. MAKE_SYM
+  if (abi >= 2) all |= LANDLOCK_ACCESS_FS_REFER;
+  if (abi >= 3) all |= kLandlockTruncate;
+  if (abi >= 5) all |= kLandlockIoctlDev;
+  return all;
+}
+
+bool ApplyLandlock(const std::vector<std::string>& readableDirs, std::string& error) {
+  long abi = ::syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
+  if (abi < 1) {
+    error = "landlock unavailable";
+    return false;
+  }
+  landlock_ruleset_attr attr{};
+  attr.handled_access_fs = HandledFsAccess(static_cast<int>(abi));
+  int ruleset = static_cast<int>(::syscall(SYS_landlock_create_ruleset, &attr, sizeof(attr), 0));
+  if (ruleset < 0) {
+    error = std::string("landlock ruleset: ") + std::strerror(errno);
+    return false;
+  }
+  for (const auto& dir : readableDirs) {
+    int dirFd = ::open(dir.c_str(), O_PATH | O_CLOEXEC | O_DIRECTORY);
+    if (dirFd < 0) continue;  // nothing there to read yet
+    landlock_path_beneath_attr beneath{};
+    beneath.allowed_access = LANDLOCK_ACCESS_FS_READ_FILE | LANDLOCK_ACCESS_FS_READ_DIR;
+    beneath.parent_fd = dirFd;
+    ::syscall(SYS_landlock_add_rule, ruleset, LANDLOCK_RULE_PATH_BENEATH, &beneath, 0);
+    ::close(dirFd);
+  }
+  bool ok = ::syscall(SYS_landlock_restrict_self, ruleset, 0) == 0;
+  if (!ok) error = std::string("landlock restrict: ") + std::strerror(errno);
+  ::close(ruleset);
+  return ok;
+}
+
+bool ApplySeccomp(std::string& error) {
+  scmp_filter_ctx ctx = seccomp_init(SCMP_ACT_ERRNO(EPERM));
+  if (!ctx) {
+    error = "seccomp_init failed";
+    return false;
+  }
+  int rc = 0;
+  auto allow = [&](int nr) {
+    if (rc == 0) rc = seccomp_rule_add(ctx, SCMP_ACT_ALLOW, nr, 0);
+  };
+  auto allowIf = [&](int nr, scmp_arg_cmp cmp) {
+    if (rc == 0) rc = seccomp_rule_add(ctx, SCMP_ACT_ALLOW, nr, 1, cmp);
+  };
+  auto kill = [&](int nr) {
+    if (rc == 0) rc = seccomp_rule_add(ctx, SCMP_ACT_KILL_PROCESS, nr, 0);
+  };
+
+  // Serving: requests in, replies out on the channel; diagnostics on stderr.
+  for (int nr : {SCMP_SYS(read), SCMP_SYS(readv), SCMP_SYS(pread64), SCMP_SYS(close), SCMP_SYS(lseek)})
+    allow(nr);
+  for (int fd : {STDERR_FILENO, frame::kChannelFd}) {
+    allowIf(SCMP_SYS(write), SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(fd)));
+    allowIf(SCMP_SYS(writev), SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(fd)));
+  }
+  // Reading configuration: opens without any write intent (where files may be
+  // read at all is Landlock's part), and metadata.
+  const scmp_datum_t writeIntent = O_ACCMODE | O_CREAT | O_TRUNC | O_APPEND | O_PATH;
+  allowIf(SCMP_SYS(openat), SCMP_A2(SCMP_CMP_MASKED_EQ, writeIntent, 0));
+  for (int nr : {SCMP_SYS(fstat), SCMP_SYS(newfstatat), SCMP_SYS(statx)}) allow(nr);
+  // Memory, never executable.
+  for (int nr : {SCMP_SYS(brk), SCMP_SYS(munmap), SCMP_SYS(mremap), SCMP_SYS(madvise)}) allow(nr);
+  allowIf(SCMP_SYS(mmap), SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0));
+  allowIf(SCMP_SYS(mprotect), SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0));
+  // Runtime: locks, clocks, signals, the end.
+  for (int nr : {SCMP_SYS(futex), SCMP_SYS(sched_yield), SCMP_SYS(getpid), SCMP_SYS(gettid),
+                 SCMP_SYS(clock_gettime), SCMP_SYS(clock_nanosleep), SCMP_SYS(nanosleep),
+                 SCMP_SYS(gettimeofday), SCMP_SYS(getrandom), SCMP_SYS(rt_sigreturn),
+                 SCMP_SYS(rt_sigprocmask), SCMP_SYS(rt_sigaction), SCMP_SYS(sigaltstack),
+                 SCMP_SYS(restart_syscall), SCMP_SYS(tgkill), SCMP_SYS(exit), SCMP_SYS(exit_group)})
+    allow(nr);
+  // Never: running other code, watching other processes, making processes.
+  for (int nr : {SCMP_SYS(execve), SCMP_SYS(execveat), SCMP_SYS(ptrace), SCMP_SYS(process_vm_readv),
+                 SCMP_SYS(process_vm_writev), SCMP_SYS(fork), SCMP_SYS(vfork), SCMP_SYS(clone),
+                 SCMP_SYS(clone3)})
+    kill(nr);
+
+  if (rc == 0) rc = seccomp_load(ctx);
+  seccomp_release(ctx);
+  if (rc != 0) {
+    error = std::string("seccomp: ") + std::strerror(-rc);
+    return false;
+  }
+  return true;
+}
+
+bool ReadFull(int fd, char* out, std::size_t size) {
+  std::size_t done = 0;
+  while (done < size) {
+    ssize_t n = ::read(fd, out + done, size - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool WriteFull(int fd, const std::string& bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+void Say(const std::string& text) {
+  std::string line = text + "\n";
+  ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
+  (void)ignored;
+}
+
+}  // namespace
+
+ConfinementResult ConfineProcess(const std::vector<std::string>& readableDirs) {
+  ConfinementResult result;
+  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+    result.error = std::string("no_new_privs: ") + std::strerror(errno);
+    return result;
+  }
+  std::string landlockError;
+  result.landlock = ApplyLandlock(readableDirs, landlockError);
+  result.seccomp = ApplySeccomp(result.error);
+  if (result.seccomp && !result.landlock) result.error = landlockError;
+  return result;
+}
+
+int SandboxMain(int argc, char** argv, const SandboxSpec& spec) {
+  struct stat st {};
+  if (::fstat(frame::kChannelFd, &st) != 0 || !S_ISSOCK(st.st_mode) || argc < 2) {
+    Say(std::string(argc > 0 ? argv[0] : "sandbox") + ": runs only as a service of the TarnCore host");
+    return 2;
+  }
+  std::shared_ptr<ZObject> service;
+  for (const auto& [name, factory] : spec.methods) {
+    if (name == argv[1] && factory && factory(&service) && service) break;
+    service.reset();
+  }
+  if (!service) {
+    Say(std::string("unknown or failing method ") + argv[1]);
+    return 4;
+  }
+  ConfinementResult confined = ConfineProcess(spec.readableDirs);
+  if (!confined.seccomp) {
+    Say("confinement failed: " + confined.error);
+    return 3;
+  }
+
+  for (;;) {
+    unsigned char head[frame::kRequestHead];
+    if (!ReadFull(frame::kChannelFd, reinterpret_cast<char*>(head), sizeof(head))) break;
+    const uint32_t code = frame::GetU32(head);
+    const uint32_t flags = frame::GetU32(head + 4);
+    const uint32_t length = frame::GetU32(head + 8);
+    if (length > frame::kMaxPayload) break;
+    std::string body(length, '\0');
+    if (length > 0 && !ReadFull(frame::kChannelFd, body.data(), length)) break;
+    auto data = ZParcel::FromBytes(std::move(body));
+    auto reply = ZParcel::CreateInstance();
+    bool ok = false;
+    try {
+      ok = service->OnTransact(code, data, reply, flags);
+    } catch (...) {
+      ok = false;
+    }
+    if (!WriteFull(frame::kChannelFd, frame::EncodeReply(ok, ok ? reply->Data() : std::string())))
+      break;
+  }
+  // Past the filter, exit handlers (leak checkers among them) could only fail.
+  _exit(0);
+}
+
+}  // namespace tarn::zbrf

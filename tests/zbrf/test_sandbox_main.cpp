@@ -1,0 +1,138 @@
+// A sandboxed test service. "getTestService" serves one behaviour per
+// transaction code; "getScopeService" behaves for every code as the
+// environment variable ZBRF_TEST_BEHAVIOUR says ("hang", "garbage", "exit",
+// "busy", or anything else: accept), so it can stand in for the scope service.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "platform/zbrf/sandbox_frame.h"
+#include "platform/zbrf/sandbox_host.h"
+#include "zbrf_test_codes.h"
+
+namespace {
+
+using tarn::zbrf::ZParcel;
+namespace frame = tarn::zbrf::frame;
+
+void HangForever() {
+  for (;;) {
+    timespec t{3600, 0};
+    ::nanosleep(&t, nullptr);
+  }
+}
+
+void WriteRaw(const std::string& bytes) {
+  ssize_t ignored = ::write(frame::kChannelFd, bytes.data(), bytes.size());
+  (void)ignored;
+}
+
+std::string FirstString(ZParcel& data) {
+  std::string text;
+  data.ReadHeader();
+  for (uint32_t tag = data.ReadTag(); tag != 0; tag = data.ReadTag()) {
+    if (data.TagField(tag) == 1) {
+      data.ReadString(text);
+    } else {
+      data.SkipField(tag);
+    }
+  }
+  return text;
+}
+
+void ReplyErrno(ZParcel& reply, int result) {
+  reply.WriteStatus(0);
+  reply.WriteInt32(1, result < 0 ? errno : 0);
+}
+
+class TestService : public tarn::zbrf::ZObject {
+ public:
+  bool OnTransact(uint32_t code, const std::shared_ptr<ZParcel>& data, const std::shared_ptr<ZParcel>& reply,
+                  uint32_t flags) override {
+    using namespace zbrf_test;
+    switch (code) {
+      case kEcho:
+        reply->WriteStatus(0);
+        reply->WriteString(1, FirstString(*data));
+        reply->WriteInt32(2, static_cast<int32_t>(::getpid()));
+        reply->WriteInt32(3, static_cast<int32_t>(flags));
+        return true;
+      case kHang: HangForever(); return false;
+      case kGarbage: WriteRaw("\x07garbage that is no frame"); return true;
+      case kTrailingGarbage:
+        WriteRaw(frame::EncodeReply(true, "ok") + "unasked");
+        return true;
+      case kExit: _exit(0);
+      case kRefuse: return false;
+      case kOpenRead: {
+        int fd = ::open(FirstString(*data).c_str(), O_RDONLY | O_CLOEXEC);
+        ReplyErrno(*reply, fd);
+        if (fd >= 0) ::close(fd);
+        return true;
+      }
+      case kOpenWrite: {
+        int fd = ::open(FirstString(*data).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+        ReplyErrno(*reply, fd);
+        if (fd >= 0) ::close(fd);
+        return true;
+      }
+      case kSocket: {
+        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        ReplyErrno(*reply, fd);
+        if (fd >= 0) ::close(fd);
+        return true;
+      }
+      case kExec: {
+        char* argv[] = {const_cast<char*>("true"), nullptr};
+        ReplyErrno(*reply, ::execv("/bin/true", argv));
+        return true;
+      }
+      default: return false;
+    }
+  }
+};
+
+// Stands in for the scope service: answers every question the same way.
+class BehaviourService : public tarn::zbrf::ZObject {
+ public:
+  explicit BehaviourService(std::string behaviour) : behaviour_(std::move(behaviour)) {}
+  bool OnTransact(uint32_t, const std::shared_ptr<ZParcel>&, const std::shared_ptr<ZParcel>& reply,
+                  uint32_t) override {
+    if (behaviour_ == "hang") HangForever();
+    if (behaviour_ == "garbage") {
+      WriteRaw(std::string(64, '\xff'));
+      return true;
+    }
+    if (behaviour_ == "exit") _exit(0);
+    reply->WriteStatus(0);
+    reply->WriteInt32(1, behaviour_ == "busy" ? 1001 : 0);
+    return true;
+  }
+
+ private:
+  std::string behaviour_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  tarn::zbrf::SandboxSpec spec;
+  spec.methods.emplace_back("getTestService", [](std::shared_ptr<tarn::zbrf::ZObject>* out) {
+    *out = std::make_shared<TestService>();
+    return true;
+  });
+  spec.methods.emplace_back("getScopeService", [](std::shared_ptr<tarn::zbrf::ZObject>* out) {
+    const char* behaviour = std::getenv("ZBRF_TEST_BEHAVIOUR");
+    *out = std::make_shared<BehaviourService>(behaviour ? behaviour : "");
+    return true;
+  });
+  // Tests name a folder the service may read.
+  if (const char* readable = std::getenv("ZBRF_TEST_READABLE")) spec.readableDirs.emplace_back(readable);
+  return tarn::zbrf::SandboxMain(argc, argv, spec);
+}
