@@ -1,0 +1,167 @@
+// The reference scope service, both builds, behind the real service manager
+// and the proxy: decisions, the fallback when the sandboxed build dies, and
+// the refusal when a sandboxed service misbehaves.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+
+#include "access/scope_proxy.h"
+#include "fake_scope.h"
+#include "platform/log/log_capture.h"
+#include "platform/zbrf/sandbox_channel.h"
+#include "platform/zbrf/service_manager.h"
+#include "zbrf/zbrf_test_env.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using access_test::RecordingSink;
+using Clock = std::chrono::steady_clock;
+
+const char* kPolicy = R"({ "clients": {
+  "100": { "fingerprints": ["AB12"], "permissions": ["contacts.read"],
+           "scopes": [ { "id": 3, "name": "mail", "url": "https://mail", "permissions": ["mail.send"] } ] },
+  "200": { "fingerprints": ["CD34"], "whitelist": false } } })";
+
+class ServiceFixture : public ::testing::Test {
+ protected:
+  void SetUp() override { ScopeProxy::SetEventSink(&sink_); }
+  void TearDown() override {
+    ScopeProxy::SetEventSink(nullptr);
+    ::unsetenv("ZBRF_TEST_BEHAVIOUR");
+  }
+
+  void WritePolicy(const std::string& text) {
+    env_.root().WriteFile("etc/tarncore/scope-policy.json.tmp", text);
+    fs::rename(env_.root().At("etc/tarncore/scope-policy.json.tmp"), env_.root().At("etc/tarncore/scope-policy.json"));
+  }
+
+  std::unique_ptr<ScopeProxy> MakeProxy() {
+    ScopeProxy::Platform p = ScopeProxy::Platform::Default();
+    p.initServiceManager = [this] { manager_.Init(); };
+    p.createInstance = [this](const std::string& name, const std::string& method,
+                              std::shared_ptr<tarn::zbrf::ZObject>& object) {
+      bool ok = manager_.CreateInstance(name, method, object);
+      if (ok && name == ScopeProxy::kWasmServiceName) sandboxPid_ = tarn::zbrf::SandboxPid(*object);
+      return ok;
+    };
+    p.sleepMs = [this](uint32_t) { ++sleeps_; };
+    return std::make_unique<ScopeProxy>(std::move(p));
+  }
+
+  zbrf_test::ServiceRoot env_;
+  tarn::zbrf::ZServiceManager manager_;
+  RecordingSink sink_;
+  pid_t sandboxPid_ = 0;
+  int sleeps_ = 0;
+};
+
+class ReferenceServiceTest : public ServiceFixture {
+ protected:
+  void SetUp() override {
+    ServiceFixture::SetUp();
+    env_.Install(TARN_SCOPE_SANDBOX, "TarnCoreScopeSandbox");
+    env_.Install(TARN_SCOPE_LIBRARY, "libtarn_scope_service.so");
+    env_.Install(TARN_SCOPE_SERVICE_INFO, "ServiceInfo.json");
+    ASSERT_TRUE(manager_.RegisterServiceInfo(env_.PackageDir() + "/ServiceInfo.json"));
+    WritePolicy(kPolicy);
+  }
+};
+
+TEST_F(ReferenceServiceTest, TheSandboxedBuildDecidesFromThePolicy) {
+  auto proxy = MakeProxy();
+  ASSERT_TRUE(proxy->HasService());
+  EXPECT_FALSE(proxy->IsFallback());
+  EXPECT_GT(sandboxPid_, 0);
+  EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 0);
+  EXPECT_EQ(proxy->CheckCertFingerprint("200", "CD34"), 1000);
+  EXPECT_EQ(proxy->CheckCertFingerprint("100", "CD34"), 1);
+  EXPECT_TRUE(proxy->CheckPermission("100", "contacts.read"));
+  EXPECT_TRUE(proxy->CheckApiPermission("100", "mail.send", "https://mail"));
+  EXPECT_FALSE(proxy->CheckPermission("200", "contacts.read"));
+  std::list<Scope> scopes;
+  proxy->GetScopeByAppId("100", scopes);
+  ASSERT_EQ(scopes.size(), 1u);
+  EXPECT_EQ(scopes.front().GetUrl(), "https://mail");
+  proxy->SetLastCheckTime("100");
+  proxy->InvokeOpenGateway("204518762");
+
+  // The sandboxed program reads the policy again when it changes.
+  WritePolicy(R"({ "clients": { "200": { "fingerprints": ["CD34"] } } })");
+  EXPECT_EQ(proxy->CheckCertFingerprint("200", "CD34"), 0);
+  EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 1);
+  WritePolicy("this is not JSON");
+  EXPECT_EQ(proxy->CheckCertFingerprint("200", "CD34"), 1);
+  EXPECT_FALSE(proxy->CheckPermission("100", "contacts.read"));
+  EXPECT_FALSE(proxy->IsFallback());
+  EXPECT_TRUE(sink_.Records().empty());
+}
+
+TEST_F(ReferenceServiceTest, KillingTheSandboxedBuildFallsBackToTheNativeBuild) {
+  tarn::log::LogCapture log;
+  auto proxy = MakeProxy();
+  ASSERT_GT(sandboxPid_, 0);
+  ASSERT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 0);
+  ASSERT_EQ(::kill(sandboxPid_, SIGKILL), 0);
+
+  EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 0);
+  EXPECT_TRUE(proxy->IsFallback());
+  auto records = sink_.Records();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].statusCode, "-1");
+  EXPECT_EQ(records[0].apiName, "framework.CheckCertFingerprint");
+  EXPECT_EQ(records[1].statusCode, "907180001");
+  EXPECT_TRUE(log.Has(tarn::log::Level::Info, "LocalZObjectProxy Transact(LocalZbrfProxy::Transact)"));
+
+  // The native build reads the same policy, and stays.
+  EXPECT_EQ(proxy->CheckCertFingerprint("200", "CD34"), 1000);
+  EXPECT_TRUE(proxy->CheckPermission("100", "contacts.read"));
+  EXPECT_EQ(sink_.Records().size(), 2u);
+}
+
+class MisbehavingSandboxTest : public ServiceFixture {
+ protected:
+  void SetUp() override {
+    ServiceFixture::SetUp();
+    env_.Install(ZBRF_TEST_SANDBOX, "zbrf_test_sandbox");
+    // No native build: a failing sandbox leaves nothing to fall back to.
+    ASSERT_TRUE(manager_.RegisterServiceInfo(env_.WriteServiceInfo(R"({ "services": [
+      { "name": "wasm.scopeService", "kind": "sandbox", "path": "zbrf_test_sandbox", "methods": ["getScopeService"] } ] })")));
+  }
+};
+
+TEST_F(MisbehavingSandboxTest, ASilentServiceEndsInRefusalWithinTheBound) {
+  ::setenv("ZBRF_TEST_BEHAVIOUR", "hang", 1);
+  auto proxy = MakeProxy();
+  ASSERT_TRUE(proxy->HasService());
+  const auto start = Clock::now();
+  EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), -1);
+  // One time-out of at most 2 s; the two further tries fail at once.
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(8));
+  EXPECT_EQ(sleeps_, 0);
+  const auto again = Clock::now();
+  EXPECT_FALSE(proxy->CheckPermission("100", "contacts.read"));
+  EXPECT_LT(Clock::now() - again, std::chrono::milliseconds(1500));
+}
+
+TEST_F(MisbehavingSandboxTest, GarbageEndsInRefusal) {
+  ::setenv("ZBRF_TEST_BEHAVIOUR", "garbage", 1);
+  auto proxy = MakeProxy();
+  const auto start = Clock::now();
+  EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), -1);
+  EXPECT_FALSE(proxy->CheckApiPermission("100", "p", "u"));
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(4));
+  EXPECT_EQ(sink_.StatusCodes(), (std::vector<std::string>{"-1", "907180001", "-1", "907180001"}));
+}
+
+TEST_F(MisbehavingSandboxTest, AServiceBusy220TimesGivesTheBusyOutcome) {
+  ::setenv("ZBRF_TEST_BEHAVIOUR", "busy", 1);
+  auto proxy = MakeProxy();
+  EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 2000);
+  EXPECT_EQ(sleeps_, 220);
+}
+
+}  // namespace

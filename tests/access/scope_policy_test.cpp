@@ -1,0 +1,153 @@
+#include "scope_policy.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "access/scope_service.h"
+#include "scope_service_object.h"
+#include "support/temp_root.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using tarn::scope::ScopePolicy;
+
+const char* kPolicy = R"({ "clients": {
+  "100": { "fingerprints": ["ab12"], "permissions": ["contacts.read"],
+           "scopes": [ { "id": 3, "name": "mail", "url": "https://mail", "permissions": ["mail.send", "mail.read"] },
+                       { "id": 4, "name": "files", "url": "https://files", "permissions": ["files.read"] } ] },
+  "200": { "fingerprints": ["CD34", "EF56"], "whitelist": false },
+  "300": { "fingerprints": "not a list", "scopes": [ 5, { "id": "x", "name": "odd" } ] } } })";
+
+class ScopePolicyTest : public ::testing::Test {
+ protected:
+  // Writes through a new file and a rename, as editors and installers do.
+  void Write(const std::string& text) {
+    root_.WriteFile("etc/tarncore/scope-policy.json.tmp", text);
+    fs::rename(root_.At("etc/tarncore/scope-policy.json.tmp"), root_.At("etc/tarncore/scope-policy.json"));
+  }
+  tarn::test::TempRoot root_;
+  ScopePolicy policy_{tarn::scope::DefaultPolicyPath()};
+};
+
+TEST_F(ScopePolicyTest, FingerprintsAreAcceptedOnlyForTheirClient) {
+  Write(kPolicy);
+  EXPECT_EQ(policy_.path(), root_.At("etc/tarncore/scope-policy.json"));
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "AB12"), 0);
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "ab12"), 0);
+  EXPECT_EQ(policy_.CheckCertFingerprint("200", "EF56"), 1000);
+  EXPECT_EQ(policy_.CheckCertFingerprint("200", "AB12"), 1);
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", ""), 1);
+  EXPECT_EQ(policy_.CheckCertFingerprint("999", "AB12"), 1);
+  EXPECT_EQ(policy_.CheckCertFingerprint("300", "not a list"), 1);
+}
+
+TEST_F(ScopePolicyTest, PermissionsComeFromTheClientOrItsScopes) {
+  Write(kPolicy);
+  EXPECT_TRUE(policy_.CheckPermission("100", "contacts.read"));
+  EXPECT_TRUE(policy_.CheckPermission("100", "files.read"));
+  EXPECT_FALSE(policy_.CheckPermission("100", "files.write"));
+  EXPECT_FALSE(policy_.CheckPermission("200", "contacts.read"));
+  EXPECT_FALSE(policy_.CheckPermission("100", ""));
+  // With a scope uri, a scope grants only its own permissions.
+  EXPECT_TRUE(policy_.CheckApiPermission("100", "mail.send", "https://mail"));
+  EXPECT_FALSE(policy_.CheckApiPermission("100", "mail.send", "https://files"));
+  EXPECT_TRUE(policy_.CheckApiPermission("100", "contacts.read", "https://files"));
+}
+
+TEST_F(ScopePolicyTest, ScopesAreGivenInFileOrderAndOddEntriesAreTolerated) {
+  Write(kPolicy);
+  auto scopes = policy_.GetScopes("100");
+  ASSERT_EQ(scopes.size(), 2u);
+  EXPECT_EQ(scopes[0].id, 3);
+  EXPECT_EQ(scopes[0].url, "https://mail");
+  EXPECT_EQ(scopes[0].permissions, (std::vector<std::string>{"mail.send", "mail.read"}));
+  auto odd = policy_.GetScopes("300");
+  ASSERT_EQ(odd.size(), 1u);
+  EXPECT_EQ(odd[0].id, 0);
+  EXPECT_EQ(odd[0].name, "odd");
+  EXPECT_TRUE(policy_.GetScopes("999").empty());
+}
+
+TEST_F(ScopePolicyTest, APolicyThatIsNotJsonOrMissingRefusesEverything) {
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "AB12"), 1);  // no file yet
+  Write(kPolicy);
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "AB12"), 0);
+  Write("{ \"clients\": { \"100\": { \"fingerprints\": [\"AB12\"] } ");  // cut short
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "AB12"), 1);
+  EXPECT_FALSE(policy_.CheckPermission("100", "contacts.read"));
+  Write("[1, 2]");
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "AB12"), 1);
+  Write(kPolicy);
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "AB12"), 0);
+  fs::remove(root_.At("etc/tarncore/scope-policy.json"));
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "AB12"), 1);
+}
+
+TEST_F(ScopePolicyTest, AChangedFileIsReadAgain) {
+  Write(R"({ "clients": { "100": { "fingerprints": ["AB12"] } } })");
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "AB12"), 0);
+  // Same inode, rewritten in place with another size.
+  std::ofstream(root_.At("etc/tarncore/scope-policy.json"), std::ios::trunc)
+      << R"({ "clients": { "100": { "fingerprints": ["AB12"], "whitelist": false } } })";
+  EXPECT_EQ(policy_.CheckCertFingerprint("100", "AB12"), 1000);
+}
+
+TEST_F(ScopePolicyTest, CallersAreRemembered) {
+  EXPECT_EQ(policy_.LastCheckTime("100"), 0);
+  policy_.SetLastCheckTime("100");
+  policy_.InvokeOpenGateway("204518762");
+  EXPECT_GT(policy_.LastCheckTime("100"), 0);
+  EXPECT_GT(policy_.LastOpenGateway("204518762"), 0);
+  EXPECT_EQ(policy_.LastOpenGateway("100"), 0);
+}
+
+// The serving object through the container's own stub, in process.
+TEST_F(ScopePolicyTest, TheServiceObjectAnswersTheStubsTransactions) {
+  Write(kPolicy);
+  auto object = std::make_shared<tarn::scope::ScopeServiceObject>(
+      std::make_shared<ScopePolicy>(tarn::scope::DefaultPolicyPath()));
+  service::ZpScopeService stub(std::make_shared<LocalZbrfProxy>(object));
+  int32_t code = -1;
+  bool allowed = false;
+  EXPECT_TRUE(stub.CheckCertFingerprint("200", "cd34", code));
+  EXPECT_EQ(code, 1000);
+  EXPECT_TRUE(stub.CheckApiPermission("100", "mail.read", "https://mail", allowed));
+  EXPECT_TRUE(allowed);
+  EXPECT_TRUE(stub.CheckPermission("100", "nope", allowed));
+  EXPECT_FALSE(allowed);
+  std::vector<std::shared_ptr<service::ScopeItem>> items;
+  EXPECT_TRUE(stub.GetScopeByAppId("100", items));
+  ASSERT_EQ(items.size(), 2u);
+  EXPECT_EQ(items[1]->name, "files");
+  EXPECT_EQ(items[1]->permissions, std::vector<std::string>{"files.read"});
+  EXPECT_TRUE(stub.SetLastCheckTime("100"));
+  EXPECT_TRUE(stub.InvokeOpenGateway("100"));
+  EXPECT_GT(object->policy().LastCheckTime("100"), 0);
+  EXPECT_GT(object->policy().LastOpenGateway("100"), 0);
+
+  // Requests without the header, and unknown codes, are not served.
+  auto data = tarn::zbrf::ZParcel::CreateInstance();
+  data->WriteString(1, "100");
+  EXPECT_FALSE(object->OnTransact(3, data, tarn::zbrf::ZParcel::CreateInstance(), 0));
+  data = tarn::zbrf::ZParcel::CreateInstance();
+  data->WriteHeader();
+  EXPECT_FALSE(object->OnTransact(42, data, tarn::zbrf::ZParcel::CreateInstance(), 0));
+  // Unknown request fields are passed over.
+  data = tarn::zbrf::ZParcel::CreateInstance();
+  data->WriteHeader();
+  data->WriteInt32(9, 1);
+  data->WriteString(1, "200");
+  data->WriteString(2, "EF56");
+  auto reply = tarn::zbrf::ZParcel::CreateInstance();
+  ASSERT_TRUE(object->OnTransact(1, data, reply, 0));
+  int32_t status = -1, value = -1;
+  reply->ReadStatus(status);
+  ASSERT_NE(reply->ReadTag(), 0u);
+  reply->ReadInt32(value);
+  EXPECT_EQ(value, 1000);
+}
+
+}  // namespace

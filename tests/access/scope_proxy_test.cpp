@@ -1,0 +1,248 @@
+#include "access/scope_proxy.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <thread>
+
+#include "fake_scope.h"
+#include "platform/log/log_capture.h"
+
+namespace {
+
+using access_test::FakePlatform;
+using access_test::FakeScopeObject;
+using access_test::RecordingSink;
+using tarn::log::Level;
+using ::testing::ElementsAre;
+
+class ScopeProxyTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ScopeProxy::SetEventSink(&sink_); }
+  void TearDown() override { ScopeProxy::SetEventSink(nullptr); }
+
+  std::unique_ptr<ScopeProxy> Make() { return std::make_unique<ScopeProxy>(platform_.Make()); }
+
+  FakePlatform platform_;
+  RecordingSink sink_;
+  tarn::log::LogCapture log_;
+};
+
+TEST_F(ScopeProxyTest, AHealthySandboxedServiceAnswersOnTheFirstTry) {
+  platform_.wasm = std::make_shared<FakeScopeObject>();
+  platform_.native = std::make_shared<FakeScopeObject>();
+  platform_.wasm->allowed = true;
+  auto proxy = Make();
+  EXPECT_TRUE(log_.Has(Level::Info, "scope proxy create service with wasm success(ScopeProxy::CreateWasmScopeService)"));
+  EXPECT_TRUE(proxy->CheckPermission("app", "perm"));
+  EXPECT_EQ(platform_.wasm->Calls(), 1);
+  EXPECT_EQ(platform_.nativeCreations.load(), 0);
+  EXPECT_FALSE(proxy->IsFallback());
+  EXPECT_TRUE(sink_.Records().empty());
+}
+
+TEST_F(ScopeProxyTest, WithNeitherBuildEveryCallRefusesAtOnce) {
+  auto proxy = Make();
+  EXPECT_EQ(platform_.wasmCreations.load(), 3);
+  EXPECT_EQ(platform_.nativeCreations.load(), 1);
+  EXPECT_EQ(log_.Count(Level::Error, "scope proxy create service with wasm failed(ScopeProxy::CreateWasmScopeService)"), 3u);
+  EXPECT_TRUE(log_.Has(Level::Error, "scope proxy create service with native dll failed(ScopeProxy::CreateDllScopeService)"));
+  EXPECT_FALSE(proxy->HasService());
+
+  EXPECT_FALSE(proxy->CheckPermission("app", "perm"));
+  EXPECT_TRUE(log_.Has(Level::Error, "ScopeProxy: mScopeService is null. fallback: 0(ScopeProxy::CheckPermission)"));
+  EXPECT_EQ(proxy->CheckCertFingerprint("app", "FP"), -1);
+  EXPECT_EQ(platform_.sleeps.load(), 0);
+  EXPECT_FALSE(proxy->CheckApiPermission("app", "perm", "uri"));
+  std::list<Scope> scopes(2);
+  proxy->GetScopeByAppId("app", scopes);
+  EXPECT_EQ(scopes.size(), 2u);
+
+  // Only the failed creation was reported, with an elapsed time of 0.
+  auto records = sink_.Records();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].statusCode, "907180001");
+  EXPECT_EQ(records[0].apiName, "framework.CreateScopeService");
+  EXPECT_EQ(records[0].callTime, "0");
+}
+
+TEST_F(ScopeProxyTest, ABrokenSandboxFallsBackToTheNativeBuildForGood) {
+  platform_.wasm = std::make_shared<FakeScopeObject>();
+  platform_.native = std::make_shared<FakeScopeObject>();
+  platform_.wasm->failTransact = true;
+  platform_.wasm->onCall = [this] { platform_.now += 7; };
+  platform_.native->allowed = true;
+  auto proxy = Make();
+
+  EXPECT_TRUE(proxy->CheckPermission("app", "perm"));
+  EXPECT_EQ(platform_.wasm->Calls(), 3);
+  EXPECT_EQ(platform_.native->Calls(), 1);
+  EXPECT_TRUE(proxy->IsFallback());
+  EXPECT_TRUE(log_.Has(Level::Info, "scope proxy call will with native dll(ScopeProxy::IsNeedTry)"));
+  EXPECT_TRUE(log_.Has(Level::Info, "scope proxy create service with dll success(ScopeProxy::CreateDllScopeService)"));
+  auto records = sink_.Records();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].statusCode, "-1");
+  EXPECT_EQ(records[0].apiName, "framework.CheckPermission");
+  EXPECT_EQ(records[0].callTime, "21");  // three failed tries of 7 ms
+  EXPECT_EQ(records[1].statusCode, "907180001");
+  EXPECT_EQ(records[1].callTime, "0");
+
+  // From now on only the native build is asked, once per call.
+  EXPECT_EQ(proxy->CheckCertFingerprint("app", "FP"), 0);
+  proxy->SetLastCheckTime("app");
+  proxy->InvokeOpenGateway("app");
+  EXPECT_EQ(platform_.wasm->Calls(), 3);
+  EXPECT_EQ(platform_.native->Calls(), 4);
+  EXPECT_EQ(sink_.Records().size(), 2u);
+}
+
+TEST_F(ScopeProxyTest, TheNativeBuildGetsOneTryPerCall) {
+  platform_.native = std::make_shared<FakeScopeObject>();
+  auto proxy = Make();
+  ASSERT_TRUE(proxy->IsFallback());
+  platform_.native->failTransact = true;
+  EXPECT_FALSE(proxy->CheckApiPermission("app", "perm", "uri"));
+  EXPECT_EQ(proxy->CheckCertFingerprint("app", "FP"), -1);
+  EXPECT_EQ(platform_.native->Calls(), 2);
+  EXPECT_EQ(platform_.nativeCreations.load(), 1);
+}
+
+TEST_F(ScopeProxyTest, AFailedNativeCreationKeepsTheSandboxForTheNextCall) {
+  platform_.wasm = std::make_shared<FakeScopeObject>();
+  platform_.wasm->failTransact = true;
+  auto proxy = Make();
+  EXPECT_FALSE(proxy->CheckPermission("app", "perm"));
+  EXPECT_EQ(platform_.wasm->Calls(), 3);
+  EXPECT_FALSE(proxy->IsFallback());
+  EXPECT_TRUE(proxy->HasService());
+  EXPECT_FALSE(proxy->CheckPermission("app", "perm"));
+  EXPECT_EQ(platform_.wasm->Calls(), 6);
+  EXPECT_EQ(platform_.nativeCreations.load(), 2);
+  EXPECT_EQ(sink_.StatusCodes(), (std::vector<std::string>{"-1", "907180001", "-1", "907180001"}));
+}
+
+TEST_F(ScopeProxyTest, ABusyServiceIsAskedAgainEvery100msUpTo220Times) {
+  platform_.wasm = std::make_shared<FakeScopeObject>();
+  platform_.wasm->fingerprintCodes = {1001};
+  auto proxy = Make();
+  EXPECT_EQ(proxy->CheckCertFingerprint("app", "FP"), 2000);
+  EXPECT_EQ(platform_.wasm->Calls(), 220);
+  EXPECT_EQ(platform_.sleeps.load(), 220);
+  EXPECT_TRUE(log_.Has(Level::Warn, "scope proxy invokewithtry times limit(ScopeProxy::CheckCertFingerprint)"));
+}
+
+TEST_F(ScopeProxyTest, TheFirstAnswerThatIsNotBusyIsReturned) {
+  platform_.wasm = std::make_shared<FakeScopeObject>();
+  platform_.wasm->fingerprintCodes = {1001, 1001, 1000};
+  auto proxy = Make();
+  EXPECT_EQ(proxy->CheckCertFingerprint("app", "FP"), 1000);
+  EXPECT_EQ(platform_.wasm->Calls(), 3);
+  EXPECT_EQ(platform_.sleeps.load(), 2);
+  // Busy is waited out only for the fingerprint.
+  platform_.wasm->fingerprintCodes = {7};
+  EXPECT_EQ(proxy->CheckCertFingerprint("app", "FP"), 7);
+  EXPECT_EQ(platform_.sleeps.load(), 2);
+}
+
+TEST_F(ScopeProxyTest, ABusyAnswerStandsWhileLaterPassesGetNoAnswer) {
+  platform_.native = std::make_shared<FakeScopeObject>();
+  auto proxy = Make();
+  platform_.native->fingerprintCodes = {1001};
+  platform_.native->answersBeforeFailing = 1;
+  EXPECT_EQ(proxy->CheckCertFingerprint("app", "FP"), 2000);
+  EXPECT_EQ(platform_.sleeps.load(), 220);
+  EXPECT_EQ(platform_.native->Calls(), 220);
+}
+
+TEST_F(ScopeProxyTest, ScopesAreAppendedInServiceOrder) {
+  platform_.wasm = std::make_shared<FakeScopeObject>();
+  platform_.wasm->scopes = {{"4", "contacts", "https://c", "read", "write"}, {"5", "files", "", }};
+  auto proxy = Make();
+  std::list<Scope> scopes(1);
+  proxy->GetScopeByAppId("app", scopes);
+  ASSERT_EQ(scopes.size(), 3u);
+  auto it = std::next(scopes.begin());
+  EXPECT_EQ(it->GetId(), 4);
+  EXPECT_EQ(it->GetName(), "contacts");
+  EXPECT_EQ(it->GetUrl(), "https://c");
+  EXPECT_THAT(it->GetPermissions(), ElementsAre("read", "write"));
+  ++it;
+  EXPECT_EQ(it->GetId(), 5);
+  EXPECT_TRUE(it->GetPermissions().empty());
+
+  // The exported function goes to the process's proxy and always says 0.
+  ScopeProxy::SetInstanceForTesting(proxy.get());
+  std::list<Scope> exported;
+  EXPECT_EQ(TarnGetScopeByAppId("app", exported), 0);
+  EXPECT_EQ(exported.size(), 2u);
+  platform_.wasm->failTransact = true;
+  EXPECT_EQ(TarnGetScopeByAppId("app", exported), 0);
+  EXPECT_EQ(exported.size(), 2u);
+  ScopeProxy::SetInstanceForTesting(nullptr);
+}
+
+TEST_F(ScopeProxyTest, EntryLinesNameTheOperationAndItsArguments) {
+  platform_.wasm = std::make_shared<FakeScopeObject>();
+  auto proxy = Make();
+  proxy->CheckCertFingerprint("42", "ABC");
+  proxy->SetLastCheckTime("42");
+  proxy->InvokeOpenGateway("204518762");
+  proxy->CheckPermission("42", "p");
+  proxy->CheckApiPermission("42", "p", "u");
+  std::list<Scope> scopes;
+  proxy->GetScopeByAppId("42", scopes);
+  for (const char* line : {
+           "ScopeProxy: CheckCertFingerprint enter appId:42 packageFingerprint:ABC(ScopeProxy::CheckCertFingerprint)",
+           "ScopeProxy: SetLastCheckTime enter appId:42(ScopeProxy::SetLastCheckTime)",
+           "ScopeProxy: InvokeOpenGateway enter appId:204518762(ScopeProxy::InvokeOpenGateway)",
+           "ScopeProxy: CheckPermission enter(ScopeProxy::CheckPermission)",
+           "ScopeProxy: CheckApiPermission enter(ScopeProxy::CheckApiPermission)",
+           "ScopeProxy: GetScopeByAppId enter(ScopeProxy::GetScopeByAppId)"}) {
+    EXPECT_TRUE(log_.Has(Level::Info, line)) << line;
+  }
+  auto requests = platform_.wasm->Requests();
+  ASSERT_EQ(requests.size(), 6u);
+  EXPECT_EQ(requests[2].fields[1], std::vector<std::string>{"204518762"});
+}
+
+TEST_F(ScopeProxyTest, ReportsCarryTheFrameworkRecordFields) {
+  auto proxy = Make();
+  auto records = sink_.Records();
+  ASSERT_EQ(records.size(), 1u);
+  const ScopeEventRecord& r = records[0];
+  EXPECT_EQ(r.version, "4.0");
+  EXPECT_EQ(r.service, "framework");
+  EXPECT_EQ(r.appid, "");
+  EXPECT_EQ(r.package, "com.vantrel.tarn.framework");
+  EXPECT_EQ(r.baseVersion, "6.3.0");
+  EXPECT_EQ(r.kitSdkVersion, "6.3.0");
+  EXPECT_EQ(r.apiLevel, "1");
+  EXPECT_EQ(r.direction, "res");
+  EXPECT_EQ(r.result, "-1");
+  EXPECT_TRUE(std::regex_match(r.transId, std::regex(R"(framework\.CreateScopeService\d{14}\d{1,9})"))) << r.transId;
+}
+
+TEST_F(ScopeProxyTest, ConcurrentCallersAllGetTheNativeDecisionAfterTheFallback) {
+  platform_.wasm = std::make_shared<FakeScopeObject>();
+  platform_.native = std::make_shared<FakeScopeObject>();
+  platform_.wasm->failTransact = true;
+  platform_.native->fingerprintCodes = {1000};
+  auto proxy = Make();
+  std::atomic<int> right{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 20; ++i)
+        if (proxy->CheckCertFingerprint("app", "FP") == 1000) ++right;
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(right.load(), 160);
+  EXPECT_TRUE(proxy->IsFallback());
+  // At most one sandbox round per thread that raced into the fallback.
+  EXPECT_LE(platform_.wasm->Calls(), 3 * 8);
+}
+
+}  // namespace

@@ -1,0 +1,224 @@
+#include "access/scope_service.h"
+
+#include <gtest/gtest.h>
+
+#include "fake_scope.h"
+#include "platform/log/log_capture.h"
+
+namespace {
+
+using access_test::Decode;
+using tarn::zbrf::ZObject;
+using tarn::zbrf::ZParcel;
+
+// Records each request and answers with fixed reply bytes.
+class Remote : public ZObject {
+ public:
+  bool Transact(uint32_t code, const std::shared_ptr<ZParcel>& data, const std::shared_ptr<ZParcel>& reply,
+                uint32_t flags) override {
+    requests.push_back(Decode(code, *data));
+    lastFlags = flags;
+    if (!succeed) return false;
+    reply->SetData(replyBytes);
+    return true;
+  }
+  std::vector<access_test::DecodedRequest> requests;
+  uint32_t lastFlags = 99;
+  bool succeed = true;
+  std::string replyBytes;
+};
+
+std::string ReplyWith(const std::function<void(ZParcel&)>& fields) {
+  ZParcel p;
+  p.WriteStatus(0);
+  fields(p);
+  return p.Data();
+}
+
+class StubTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<Remote> remote_ = std::make_shared<Remote>();
+  service::ZpScopeService stub_{remote_};
+};
+
+TEST_F(StubTest, EachOperationIsOneNumberedTransactionWithItsFields) {
+  remote_->replyBytes = ReplyWith([](ZParcel&) {});
+  int32_t code = 0;
+  bool allowed = false;
+  std::vector<std::shared_ptr<service::ScopeItem>> items;
+  EXPECT_TRUE(stub_.CheckCertFingerprint("app", "FP", code));
+  EXPECT_TRUE(stub_.CheckApiPermission("app", "perm", "uri", allowed));
+  EXPECT_TRUE(stub_.CheckPermission("app", "perm", allowed));
+  EXPECT_TRUE(stub_.SetLastCheckTime("app"));
+  EXPECT_TRUE(stub_.GetScopeByAppId("app", items));
+  EXPECT_TRUE(stub_.InvokeOpenGateway("app"));
+
+  using Fields = std::map<uint32_t, std::vector<std::string>>;
+  const std::vector<std::pair<uint32_t, Fields>> expected = {
+      {1, {{1, {"app"}}, {2, {"FP"}}}},
+      {2, {{1, {"app"}}, {2, {"perm"}}, {3, {"uri"}}}},
+      {3, {{1, {"app"}}, {2, {"perm"}}}},
+      {4, {{1, {"app"}}}},
+      {5, {{1, {"app"}}}},
+      {6, {{1, {"app"}}}},
+  };
+  ASSERT_EQ(remote_->requests.size(), expected.size());
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(remote_->requests[i].code, expected[i].first);
+    EXPECT_TRUE(remote_->requests[i].header);
+    EXPECT_EQ(remote_->requests[i].fields, expected[i].second) << "transaction " << expected[i].first;
+  }
+  EXPECT_EQ(remote_->lastFlags, 0u);
+}
+
+TEST_F(StubTest, RepliesAreReadAfterTheStatusWordSkippingUnknownFields) {
+  remote_->replyBytes = ReplyWith([](ZParcel& p) {
+    p.WriteString(7, "ignored");
+    p.WriteInt32(9, 3);
+    p.WriteInt32(1, 1000);
+  });
+  int32_t code = 0;
+  EXPECT_TRUE(stub_.CheckCertFingerprint("a", "b", code));
+  EXPECT_EQ(code, 1000);
+
+  // Repeated: the last one wins.
+  remote_->replyBytes = ReplyWith([](ZParcel& p) {
+    p.WriteBool(1, true);
+    p.WriteBool(1, false);
+  });
+  bool allowed = true;
+  EXPECT_TRUE(stub_.CheckPermission("a", "p", allowed));
+  EXPECT_FALSE(allowed);
+}
+
+TEST_F(StubTest, AReplyWithoutTheFieldLeavesTheOutArgumentButCountsAsAnExchange) {
+  remote_->replyBytes = ReplyWith([](ZParcel& p) { p.WriteString(2, "other"); });
+  int32_t code = 55;
+  bool allowed = true;
+  std::vector<std::shared_ptr<service::ScopeItem>> items;
+  EXPECT_TRUE(stub_.CheckCertFingerprint("a", "b", code));
+  EXPECT_EQ(code, 55);
+  EXPECT_TRUE(stub_.CheckApiPermission("a", "p", "u", allowed));
+  EXPECT_TRUE(allowed);
+  EXPECT_TRUE(stub_.GetScopeByAppId("a", items));
+  EXPECT_TRUE(items.empty());
+  // Even an empty reply (no status word) is an exchange that took place.
+  remote_->replyBytes.clear();
+  EXPECT_TRUE(stub_.CheckCertFingerprint("a", "b", code));
+  EXPECT_EQ(code, 55);
+}
+
+TEST_F(StubTest, AFailedExchangeLeavesEverythingAsItWas) {
+  remote_->succeed = false;
+  int32_t code = 4;
+  bool allowed = true;
+  std::vector<std::shared_ptr<service::ScopeItem>> items(1);
+  EXPECT_FALSE(stub_.CheckCertFingerprint("a", "b", code));
+  EXPECT_FALSE(stub_.CheckApiPermission("a", "p", "u", allowed));
+  EXPECT_FALSE(stub_.CheckPermission("a", "p", allowed));
+  EXPECT_FALSE(stub_.SetLastCheckTime("a"));
+  EXPECT_FALSE(stub_.GetScopeByAppId("a", items));
+  EXPECT_FALSE(stub_.InvokeOpenGateway("a"));
+  EXPECT_EQ(code, 4);
+  EXPECT_TRUE(allowed);
+  EXPECT_EQ(items.size(), 1u);
+}
+
+TEST_F(StubTest, ScopeItemsArriveInOrderWithTheirPermissions) {
+  service::ScopeItem first, second;
+  first.id = 1;
+  first.name = "contacts";
+  first.url = "https://a";
+  first.permissions = {"read", "write"};
+  second.id = -2;
+  remote_->replyBytes = ReplyWith([&](ZParcel& p) {
+    p.WriteParcelable(1, first);
+    p.WriteInt32(3, 8);
+    p.WriteParcelable(1, second);
+  });
+  std::vector<std::shared_ptr<service::ScopeItem>> items;
+  ASSERT_TRUE(stub_.GetScopeByAppId("a", items));
+  ASSERT_EQ(items.size(), 2u);
+  EXPECT_EQ(items[0]->id, 1);
+  EXPECT_EQ(items[0]->name, "contacts");
+  EXPECT_EQ(items[0]->url, "https://a");
+  EXPECT_EQ(items[0]->permissions, (std::vector<std::string>{"read", "write"}));
+  EXPECT_EQ(items[1]->id, -2);
+  EXPECT_TRUE(items[1]->permissions.empty());
+}
+
+TEST(ScopeItemTest, ReadsFieldsInAnyOrderAndSizeIsTheEncodedLength) {
+  service::ScopeItem item;
+  item.id = 300;
+  item.name = "n";
+  item.url = std::string(200, 'u');
+  item.permissions = {"p1", "", "p3"};
+  ZParcel p;
+  item.WriteToParcel(p);
+  EXPECT_EQ(item.Size(), p.Size());
+
+  ZParcel shuffled;
+  shuffled.WriteString(4, "b");
+  shuffled.WriteString(99, "unknown");
+  shuffled.WriteString(2, "name");
+  shuffled.WriteString(4, "c");
+  shuffled.WriteInt32(1, 12);
+  service::ScopeItem read;
+  EXPECT_TRUE(read.ReadFromParcel(shuffled));
+  EXPECT_EQ(read.id, 12);
+  EXPECT_EQ(read.name, "name");
+  EXPECT_EQ(read.permissions, (std::vector<std::string>{"b", "c"}));
+}
+
+TEST(ZpScopeServiceTest, ServesNothingItself) {
+  service::ZpScopeService stub(std::make_shared<Remote>());
+  auto data = ZParcel::CreateInstance();
+  data->WriteHeader();
+  EXPECT_FALSE(stub.OnTransact(1, data, ZParcel::CreateInstance(), 0));
+}
+
+TEST(LocalZbrfProxyTest, HandsBothParcelsOverFromTheirStart) {
+  // The target reads the request and its own reply; the proxy rewinds both.
+  class Target : public ZObject {
+   public:
+    bool OnTransact(uint32_t code, const std::shared_ptr<ZParcel>& data, const std::shared_ptr<ZParcel>& reply,
+                    uint32_t flags) override {
+      seenAt = data->Position();
+      data->ReadHeader();
+      seenCode = code;
+      seenFlags = flags;
+      reply->WriteStatus(0);
+      reply->WriteInt32(1, 1000);
+      int32_t status;
+      reply->ReadStatus(status);  // moves the reply's read position
+      return answer;
+    }
+    std::size_t seenAt = 99;
+    uint32_t seenCode = 0, seenFlags = 0;
+    bool answer = true;
+  };
+  auto target = std::make_shared<Target>();
+  LocalZbrfProxy proxy(target);
+  auto data = ZParcel::CreateInstance();
+  data->WriteHeader();
+  data->WriteString(1, "x");
+  data->ReadHeader();  // as if already read from
+  auto reply = ZParcel::CreateInstance();
+  tarn::log::LogCapture capture;
+  EXPECT_TRUE(proxy.Transact(3, data, reply, 5));
+  EXPECT_EQ(target->seenAt, 0u);
+  EXPECT_EQ(target->seenCode, 3u);
+  EXPECT_EQ(target->seenFlags, 5u);
+  EXPECT_EQ(reply->Position(), 0u);
+  EXPECT_TRUE(capture.Has(tarn::log::Level::Info, "LocalZObjectProxy Transact(LocalZbrfProxy::Transact)"));
+
+  // The stub reads through the proxy what the target wrote.
+  service::ZpScopeService stub(std::make_shared<LocalZbrfProxy>(target));
+  int32_t code = 0;
+  EXPECT_TRUE(stub.CheckCertFingerprint("a", "b", code));
+  EXPECT_EQ(code, 1000);
+  target->answer = false;
+  EXPECT_FALSE(stub.CheckCertFingerprint("a", "b", code));
+}
+
+}  // namespace
