@@ -6,6 +6,8 @@
 #include <json/value.h>
 
 #include <atomic>
+#include <chrono>
+#include <thread>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -24,6 +26,15 @@
 namespace tarn::test {
 
 constexpr int kLong = 10000;  // ms: an upper bound for liveness only
+
+inline bool Eventually(const std::function<bool()>& done) {
+  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 class FakeVerifier : public SignatureVerifyer {
  public:
