@@ -1,0 +1,91 @@
+#include "kit/KitLibrary.h"
+
+#include <dlfcn.h>
+#include <link.h>
+#include <unistd.h>
+
+#include "platform/security/signature.h"
+#include "tarnkit/tarn_kit.h"
+
+namespace tarn::kit {
+
+namespace {
+
+// A table without its terminator stops here instead of running off.
+constexpr std::size_t kMaxKitStrings = 4096;
+
+const link_map* LinkMapOf(void* module) {
+  link_map* map = nullptr;
+  if (!module || ::dlinfo(module, RTLD_DI_LINKMAP, &map) != 0) return nullptr;
+  return map;
+}
+
+}  // namespace
+
+void* OpenLibrary(const std::string& path, std::string& error) {
+  void* module = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (!module) {
+    const char* text = ::dlerror();
+    error = text ? text : "";
+  }
+  return module;
+}
+
+void CloseLibrary(void* module) {
+  if (module) ::dlclose(module);
+}
+
+void* FindExport(void* module, const std::string& name) {
+  if (!module) return nullptr;
+  void* symbol = ::dlsym(module, name.c_str());
+  if (!symbol) return nullptr;
+  // dlsym also searches the library's dependencies.
+  const link_map* map = LinkMapOf(module);
+  Dl_info info{};
+  link_map* owner = nullptr;
+  if (!map || ::dladdr1(symbol, &info, reinterpret_cast<void**>(&owner), RTLD_DL_LINKMAP) == 0) {
+    return nullptr;
+  }
+  return owner == map ? symbol : nullptr;
+}
+
+int LoadKitString(void* module, std::uint32_t id, char16_t* buffer, std::size_t capacity) {
+  if (!buffer || capacity == 0) return 0;
+  buffer[0] = 0;
+  const auto* table = static_cast<const TarnKitString*>(FindExport(module, kTarnKitStringsSymbol));
+  if (!table) return 0;
+  for (std::size_t i = 0; i < kMaxKitStrings; ++i) {
+    const TarnKitString& entry = table[i];
+    if (entry.id == 0 && entry.text == nullptr) break;
+    if (entry.id != id || entry.text == nullptr) continue;
+    std::size_t n = 0;
+    while (n + 1 < capacity && entry.text[n] != 0) {
+      buffer[n] = entry.text[n];
+      ++n;
+    }
+    buffer[n] = 0;
+    return static_cast<int>(n);
+  }
+  return 0;
+}
+
+KitFile::~KitFile() { Close(); }
+
+bool KitFile::OpenVerified(const std::string& path) {
+  Close();
+  fd_ = tarn::security::OpenVerified(path, tarn::security::Trust::kPlatformOrMaker);
+  return fd_ >= 0;
+}
+
+bool KitFile::IsMappedAs(void* module) const {
+  const link_map* map = LinkMapOf(module);
+  // The dynamic section lies in a mapping of the library's file.
+  return map && map->l_ld && tarn::security::MappedFromFile(map->l_ld, fd_);
+}
+
+void KitFile::Close() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+}  // namespace tarn::kit

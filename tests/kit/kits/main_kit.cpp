@@ -1,0 +1,136 @@
+// A kit for the tests: good answers, and the bad ones a kit can give.
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "tarnkit/tarn_kit.h"
+
+namespace {
+
+std::atomic<int> g_initCount{0};
+std::atomic<int> g_sessionEvents{0};
+std::atomic<int> g_networkEvents{0};
+std::mutex g_mutex;
+TarnKitCallback g_broadcast;
+std::string g_lastSession;
+std::string g_lastNetwork;
+
+void Answer(const TarnKitCallback& callback, std::string text) { callback(text.data()); }
+
+// The value of "syncMessageId" in the header text the container passes.
+std::string SyncMessageId(const char* header) {
+  const std::string text = header ? header : "";
+  const std::string key = "\"syncMessageId\"";
+  std::size_t at = text.find(key);
+  if (at == std::string::npos) return "";
+  at = text.find('"', text.find(':', at + key.size()) + 1);
+  const std::size_t end = text.find('"', at + 1);
+  return text.substr(at + 1, end - at - 1);
+}
+
+std::string LateAnswer(const std::string& id, const std::string& note) {
+  return "{\"header\":{\"syncMessageId\":\"" + id +
+         "\",\"status_code\":\"0\",\"error_code\":\"0\",\"error_reason\":\"success\"},"
+         "\"body\":{\"late\":\"" + note + "\"}}";
+}
+
+// Answers from a thread of the kit's own once the api function has returned.
+void Later(std::function<void()> work) {
+  std::thread([work = std::move(work)] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    work();
+  }).detach();
+}
+
+}  // namespace
+
+TARN_KIT_API void Init(TarnKitCallback broadcast) {
+  ++g_initCount;
+  std::lock_guard lock(g_mutex);
+  g_broadcast = std::move(broadcast);
+}
+
+TARN_KIT_API void Echo(const char*, const char* body, TarnKitCallback callback) {
+  Answer(callback, std::string("{\"echo\":") + (body && *body ? body : "{}") + "}");
+}
+
+TARN_KIT_API void Late(const char* header, const char*, TarnKitCallback callback) {
+  const std::string id = SyncMessageId(header);
+  Later([id, callback] { Answer(callback, LateAnswer(id, "once")); });
+}
+
+TARN_KIT_API void Never(const char*, const char*, TarnKitCallback) {}
+
+TARN_KIT_API void NotJson(const char*, const char*, TarnKitCallback callback) {
+  Answer(callback, "this is no JSON, \"syncMessageId\" or not");
+}
+
+TARN_KIT_API void UnknownId(const char*, const char*, TarnKitCallback callback) {
+  Answer(callback, LateAnswer("424242", "unknown"));
+}
+
+TARN_KIT_API void BodyOnlyId(const char* header, const char*, TarnKitCallback callback) {
+  Answer(callback, "{\"result\":{\"syncMessageId\":\"" + SyncMessageId(header) + "\"}}");
+}
+
+TARN_KIT_API void Twice(const char*, const char*, TarnKitCallback callback) {
+  Answer(callback, "{\"answer\":1}");
+  Answer(callback, "{\"answer\":2}");
+}
+
+TARN_KIT_API void TwiceLate(const char* header, const char*, TarnKitCallback callback) {
+  const std::string id = SyncMessageId(header);
+  Later([id, callback] {
+    Answer(callback, LateAnswer(id, "first"));
+    Answer(callback, LateAnswer(id, "second"));
+    Answer(callback, "{\"answer\":\"third, without the id\"}");
+  });
+}
+
+TARN_KIT_API void Throw(const char*, const char*, TarnKitCallback) {
+  throw std::runtime_error("a kit that throws");
+}
+
+TARN_KIT_API void Broadcast(const char*, const char* body, TarnKitCallback callback) {
+  TarnKitCallback broadcast;
+  {
+    std::lock_guard lock(g_mutex);
+    broadcast = g_broadcast;
+  }
+  Answer(broadcast, std::string("{\"header\":{\"action\":\"test\"},\"notifyMsg\":") + body + "}");
+  Answer(callback, "{\"broadcast\":\"sent\"}");
+}
+
+TARN_KIT_API void Stats(const char*, const char*, TarnKitCallback callback) {
+  std::string session, network;
+  {
+    std::lock_guard lock(g_mutex);
+    session = g_lastSession;
+    network = g_lastNetwork;
+  }
+  Answer(callback, "{\"initCount\":" + std::to_string(g_initCount.load()) +
+                       ",\"sessionEvents\":" + std::to_string(g_sessionEvents.load()) +
+                       ",\"lastSession\":\"" + session + "\",\"networkEvents\":" +
+                       std::to_string(g_networkEvents.load()) + ",\"lastNetwork\":\"" + network + "\"}");
+}
+
+TARN_KIT_API void OnWinSessionChanged(const char* type, const char* session, TarnKitCallback callback) {
+  ++g_sessionEvents;
+  {
+    std::lock_guard lock(g_mutex);
+    g_lastSession = std::string(type) + "/" + session;
+  }
+  Answer(callback, "{\"seen\":true}");
+}
+
+TARN_KIT_API void OnWinNetworkChanged(const char* status, const char*, TarnKitCallback callback) {
+  ++g_networkEvents;
+  {
+    std::lock_guard lock(g_mutex);
+    g_lastNetwork = status;
+  }
+  Answer(callback, "{\"seen\":true}");
+}
