@@ -54,7 +54,7 @@ class Cli : public tarn::test::PipelineFixture {};
 TEST_F(Cli, CallBuildsAWellFormedRequestAndExitsZeroOnSuccess) {
   std::mutex m;
   std::string headerText;
-  gates_.onInvoke = [&](const RequestHeader&, const ConvertedRequest& request,
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request,
                         ServerResCallBack* cb, ResponseStatus&) {
     {
       std::lock_guard lock(m);
@@ -62,7 +62,7 @@ TEST_F(Cli, CallBuildsAWellFormedRequestAndExitsZeroOnSuccess) {
     }
     std::string body = request.body;
     cb->Excute(body);  // echo the body back
-  };
+  });
   CliRun run = Tarncore({"call", "Demo.Echo", "--body", "{\"x\":[1,2]}", "--header", "client_id=abc",
                       "--header", "custom=7"});
   EXPECT_EQ(0, run.exitCode) << run.output;

@@ -62,8 +62,13 @@ class FakeGates : public DefaultRequestGates {
   bool IsInitComplete() override { return initComplete(); }
   void Invoke(const RequestHeader& header, const ConvertedRequest& request,
               ServerResCallBack* callback, ResponseStatus& status) override {
-    if (onInvoke) {
-      onInvoke(header, request, callback, status);
+    InvokeFn fn;
+    {
+      std::lock_guard lock(mutex);
+      fn = onInvoke;
+    }
+    if (fn) {
+      fn(header, request, callback, status);
     } else {
       DefaultRequestGates::Invoke(header, request, callback, status);
     }
@@ -89,6 +94,13 @@ class FakeGates : public DefaultRequestGates {
   std::vector<ApiRecord> Records() {
     std::lock_guard lock(mutex);
     return records;
+  }
+
+  // Set before the requests that use it; read under the lock because a request
+  // may come from another process, a hand-off a race detector can't see.
+  void SetInvoke(InvokeFn fn) {
+    std::lock_guard lock(mutex);
+    onInvoke = std::move(fn);
   }
 
   std::function<bool()> initComplete = [] { return true; };

@@ -162,11 +162,11 @@ TEST_F(Pipeline, RefusalsOfSignatureAndFingerprint) {
 
 TEST_F(Pipeline, PlatformCallerSkipsTheFingerprintAndVerificationCanBeOff) {
   std::atomic<bool> flagged{false};
-  gates_.onInvoke = [&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
                         ResponseStatus& status) {
     flagged = cb->isTarnCoreRequest;
     SetResponseStatus(status, TarnStatus::kApiNotSupported);
-  };
+  });
   gates_.tarnCoreCaller = true;
   std::string response;
   ASSERT_EQ(0, Send(60, Request("core"), response));
@@ -186,12 +186,12 @@ TEST_F(Pipeline, PlatformCallerSkipsTheFingerprintAndVerificationCanBeOff) {
 
 TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
   std::string seenHeader;
-  gates_.onInvoke = [&](const RequestHeader&, const ConvertedRequest& request,
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request,
                         ServerResCallBack* cb, ResponseStatus&) {
     seenHeader = request.header;
     std::string result = "{\"v\":1}";
     cb->Excute(result);
-  };
+  });
   std::string response;
   ASSERT_EQ(0, Send(70, Request("c1"), response));
   EXPECT_NE(std::string::npos, seenHeader.find("\"syncMessageId\":\"70\""));
@@ -210,22 +210,22 @@ TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
       [&] { return logs_.Has(Level::Info, "RequestInvoke.excute end. (RequestInvoke::Excute)"); }));
 
   // An empty result is wrapped as it is, though that is no JSON.
-  gates_.onInvoke = [](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
+  gates_.SetInvoke([](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
                        ResponseStatus&) {
     std::string empty;
     cb->Excute(empty);
-  };
+  });
   ASSERT_EQ(0, Send(71, Request("c1"), response));
   EXPECT_EQ(",\"body\":}", response.substr(response.size() - 9));
 }
 
 TEST_F(Pipeline, KitAnswerWithItsOwnHeaderGoesOutUnchanged) {
   const std::string own = "{\"header\":{\"status_code\":\"5\"},\"body\":{\"x\":2}}";
-  gates_.onInvoke = [&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
                         ResponseStatus&) {
     std::string copy = own;
     cb->Excute(copy);
-  };
+  });
   std::string response;
   ASSERT_EQ(0, Send(72, Request("c1"), response));
   EXPECT_EQ(own, response);
@@ -233,11 +233,11 @@ TEST_F(Pipeline, KitAnswerWithItsOwnHeaderGoesOutUnchanged) {
 
 TEST_F(Pipeline, LateAnswerFromAnotherThreadFindsItsCallbackById) {
   std::promise<std::string> taken;
-  gates_.onInvoke = [&](const RequestHeader&, const ConvertedRequest& request,
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request,
                         ServerResCallBack*, ResponseStatus&) {
     Json::Value header = Parse(request.header);
     taken.set_value(header["syncMessageId"].asString());  // as a kit would keep it
-  };
+  });
   auto reply = std::async(std::launch::async, [&] {
     std::string response;
     int code = Send(-80, Request("c1"), response);
@@ -276,7 +276,7 @@ TEST_F(Pipeline, ConcurrentRequestsEachGetTheirOwnAnswer) {
   std::mutex m;
   std::condition_variable cv;
   int inside = 0;
-  gates_.onInvoke = [&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
                         ResponseStatus&) {
     {
       std::unique_lock lock(m);
@@ -286,7 +286,7 @@ TEST_F(Pipeline, ConcurrentRequestsEachGetTheirOwnAnswer) {
     }
     std::string result = "{\"id\":\"" + cb->msgIdentify + "\"}";
     cb->Excute(result);
-  };
+  });
   TarnCoreIPCMessageClient other(IpcAddressClientSide, true, false);
   auto a = std::async(std::launch::async, [&] {
     std::string r;
@@ -307,7 +307,7 @@ TEST_F(Pipeline, DepartedClientLosesItsAnswerAndOthersCarryOn) {
   std::promise<void> release;
   std::shared_future<void> released = release.get_future().share();
   std::promise<void> entered;
-  gates_.onInvoke = [&](const RequestHeader& header, const ConvertedRequest&,
+  gates_.SetInvoke([&](const RequestHeader& header, const ConvertedRequest&,
                         ServerResCallBack* cb, ResponseStatus&) {
     if (header.client_id == "slow") {
       entered.set_value();
@@ -315,7 +315,7 @@ TEST_F(Pipeline, DepartedClientLosesItsAnswerAndOthersCarryOn) {
     }
     std::string result = "{}";
     cb->Excute(result);
-  };
+  });
   {
     TarnCoreIPCMessageClient leaver(IpcAddressClientSide, true, false);
     auto gone = std::async(std::launch::async, [&] {
@@ -413,6 +413,24 @@ TEST_F(Pipeline, BroadcastsReachListenersWithTheirOwnRandomId) {
                                          "(ServerManager::SendUpdateFailedBroadcast)"));
   EXPECT_TRUE(logs_.Has(Level::Debug,
                         "ClientManager.BroadcastMessage success(ServerManager::BroadcastMessage)"));
+}
+
+TEST_F(Pipeline, MessagesWithoutAKnownCallerOrOfAnotherCodeAreDropped) {
+  std::string text = "{}";
+  TagIPCMessageItem item;
+  item.messageCode = IpcRequestMessageCode;
+  item.syncMessageId = 4711;  // no connection sent this id
+  item.body = text.data();
+  item.bodySize = 3;
+  ServerManager::GetInstance().OnMsgCallback(item);
+  item.messageCode = IpcBroadcastMessageCode;
+  ServerManager::GetInstance().OnMsgCallback(item);
+  EXPECT_EQ(0u, ServerManager::GetInstance().CallbackCount());
+  EXPECT_TRUE(logs_.Has(Level::Info, "ServerManager.OnMsgCallback syncMessageId = 4711 callerPid = "
+                                     "0(ServerManager::OnMsgCallback)"));
+  EXPECT_EQ(2u, logs_.Count(Level::Info,
+                            "ServerManager.OnMsgCallback end.(ServerManager::OnMsgCallback)"));
+  EXPECT_FALSE(logs_.Contains("RequestInvoke.excute begin."));
 }
 
 TEST(BroadcastId, NineRandomDecimalDigits) {

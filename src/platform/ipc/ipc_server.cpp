@@ -57,6 +57,9 @@ struct ServerCore::Connection {
   bool pinned = false;
 
   // Read side: only the worker holding the one-shot read event touches these.
+  // The one-shot event already hands them from worker to worker; the lock,
+  // never contended, states that hand-off in terms the memory model knows.
+  std::mutex readMutex;
   unsigned char header[kFrameHeaderSize];
   std::size_t headerGot = 0;
   TagIPCMessageItem item;
@@ -236,7 +239,12 @@ void ServerCore::WorkerLoop() {
       continue;
     }
     frames.clear();
-    if (ReadFrames(*conn, frames)) {
+    bool keep;
+    {
+      std::lock_guard lock(conn->readMutex);
+      keep = ReadFrames(*conn, frames);
+    }
+    if (keep) {
       RearmRead(*conn);
     } else {
       Close(conn);
