@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <thread>
 
 #include "platform/commonutil/vtprocess.h"
@@ -19,6 +20,12 @@ using namespace tarn::os;
 using namespace std::chrono_literals;
 
 namespace {
+
+// A name no process had before, also across repeated runs.
+std::string UniqueName(const std::string& stem) {
+  static int serial = 0;
+  return stem + std::to_string(::getpid() % 100000) + "n" + std::to_string(++serial);
+}
 
 bool Eventually(const std::function<bool()>& condition) {
   for (int i = 0; i < 500; ++i) {
@@ -66,7 +73,7 @@ class ProcessTest : public ::testing::Test {
 };
 
 TEST_F(ProcessTest, StartedProgramRunsDetachedAndIsFoundByNameWithoutCase) {
-  std::string name = "TarnSleep" + std::to_string(::getpid());
+  std::string name = UniqueName("TarnSleep");
   std::string path = SleepCopy(name);
   int leaked[2];
   ASSERT_EQ(::pipe(leaked), 0);  // not close-on-exec: must not reach the program
@@ -94,10 +101,14 @@ TEST_F(ProcessTest, StartedProgramRunsDetachedAndIsFoundByNameWithoutCase) {
   ::close(leaked[1]);
 
   EXPECT_TRUE(SystemProcesses().FindByName(name + "x").empty());
+
+  // A process that has ended is not running, even before anyone reaped it.
+  ::kill(pid, SIGKILL);
+  EXPECT_TRUE(Eventually([&] { return SystemProcesses().FindByName(name).empty(); }));
 }
 
 TEST_F(ProcessTest, LongNamesMatchAndWideStartWorks) {
-  std::string name = "TarnCoreLongHelperName" + std::to_string(::getpid() % 1000);
+  std::string name = UniqueName("TarnCoreLongHelperName");
   std::string path = SleepCopy(name);
   ASSERT_TRUE(VTPROCESS::StartProcess(std::wstring(path.begin(), path.end()), L"30"));
   auto pids = WaitForName(name);

@@ -330,6 +330,7 @@ TEST(ThreadManagerTest, RemovableThreadsGetOnlyTheExitEventAndASecond) {
 }
 
 TEST(ThreadManagerTest, InstanceIsOneObjectAndCanBeRenewedForTests) {
+  ThreadManager::ResetInstanceForTesting();
   ThreadManager& first = ThreadManager::Instance();
   EXPECT_EQ(&first, &ThreadManager::Instance());
   first.WaitAll();
@@ -340,6 +341,8 @@ TEST(ThreadManagerTest, InstanceIsOneObjectAndCanBeRenewedForTests) {
   EXPECT_EQ(tarn::os::WaitForSingle(fresh.processExitEvent, 0), tarn::os::kWaitTimeout);
   EXPECT_TRUE(fresh.Create([](void*) -> std::uint32_t { return 0; }, nullptr, "x", true));
   fresh.WaitAll();
+  // Its threads are detached now: a second WaitAll finds them not joinable.
+  EXPECT_THROW(fresh.WaitAll(), std::system_error);
 }
 
 }  // namespace

@@ -55,6 +55,17 @@ std::string Comm(const std::string& procDir) {
   return comm;
 }
 
+// A process that ended but was not reaped yet (zombie) or is being torn down.
+bool HasEnded(const std::string& procDir) {
+  std::ifstream in(procDir + "/stat");
+  std::string stat;
+  std::getline(in, stat);
+  auto close = stat.rfind(')');
+  if (close == std::string::npos || close + 2 >= stat.size()) return true;
+  char state = stat[close + 2];
+  return state == 'Z' || state == 'X' || state == 'x';
+}
+
 bool NameMatches(const std::string& name, const std::string& exe, const std::string& comm) {
   if (!exe.empty() && SameIgnoringCase(name, exe)) return true;
   if (comm.empty()) return false;
@@ -151,7 +162,7 @@ std::vector<pid_t> SystemProcesses::FindByName(const std::string& name) {
     for (const char* q = p; *q; ++q) digits = digits && std::isdigit(static_cast<unsigned char>(*q));
     if (!digits) continue;
     std::string procDir = std::string("/proc/") + p;
-    if (NameMatches(name, ExeName(procDir), Comm(procDir))) {
+    if (NameMatches(name, ExeName(procDir), Comm(procDir)) && !HasEnded(procDir)) {
       found.push_back(static_cast<pid_t>(std::stol(p)));
     }
   }
