@@ -69,10 +69,11 @@ bool HasEnded(const std::string& procDir) {
 bool NameMatches(const std::string& name, const std::string& exe, const std::string& comm) {
   if (!exe.empty() && SameIgnoringCase(name, exe)) return true;
   if (comm.empty()) return false;
-  if (name.size() > kCommLength && comm.size() == kCommLength) {
-    return SameIgnoringCase(name.substr(0, kCommLength), comm);
-  }
-  return SameIgnoringCase(name, comm);
+  if (SameIgnoringCase(name, comm)) return true;
+  // Without a readable exe (another user's process) comm is all there is, cut
+  // to its first 15 characters.
+  return exe.empty() && name.size() > kCommLength && comm.size() == kCommLength &&
+         SameIgnoringCase(name.substr(0, kCommLength), comm);
 }
 
 // Starts a program detached: an intermediate child spawns it and exits at once,

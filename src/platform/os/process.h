@@ -13,9 +13,9 @@ class Processes {
  public:
   virtual ~Processes() = default;
   // Pids of the running processes called name: the file name of /proc/<pid>/exe
-  // or /proc/<pid>/comm, compared without case. comm holds only the first 15
-  // characters, so a longer name matches on those. A process that has ended but
-  // was not reaped yet doesn't count.
+  // or /proc/<pid>/comm, compared without case. Where exe can't be read (another
+  // user's process) a longer name matches the 15 characters comm keeps. A
+  // process that has ended but was not reaped yet doesn't count.
   virtual std::vector<pid_t> FindByName(const std::string& name) = 0;
   // Starts path with the arguments (one text split at blanks), detached: in its
   // own session, standard handles on /dev/null, nothing else inherited, and not
