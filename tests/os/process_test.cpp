@@ -94,8 +94,13 @@ TEST_F(ProcessTest, StartedProgramRunsDetachedAndIsFoundByNameWithoutCase) {
   }
   EXPECT_EQ(fds, (std::set<std::string>{"0", "1", "2"}));
 
-  std::ifstream cmdline("/proc/" + std::to_string(pid) + "/cmdline");
-  std::string args((std::istreambuf_iterator<char>(cmdline)), std::istreambuf_iterator<char>());
+  // exe turns to the program a moment before exec has laid out its arguments.
+  std::string args;
+  Eventually([&] {
+    std::ifstream cmdline("/proc/" + std::to_string(pid) + "/cmdline");
+    args.assign(std::istreambuf_iterator<char>(cmdline), std::istreambuf_iterator<char>());
+    return !args.empty();
+  });
   EXPECT_EQ(args, path + std::string("\0" "30\0", 4));
   ::close(leaked[0]);
   ::close(leaked[1]);
