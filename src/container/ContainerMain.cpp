@@ -11,7 +11,12 @@
 #include <climits>
 #include <cstdlib>
 
+#include "access/scope_proxy.h"
+#include "access/scope_util.h"
+#include "access/zbrf_log_adapter.h"
+#include "container/ContainerRequestGates.h"
 #include "container/TarnContainerProcess.h"
+#include "kit/KitManagerApi.h"
 #include "container/pipe_message.h"
 #include "platform/log/tarn_log.h"
 #include "platform/os/event.h"
@@ -19,6 +24,7 @@
 #include "platform/os/places.h"
 #include "platform/os/registry.h"
 #include "pipeline/ServerManager.h"
+#include "platform/zbrf/service_manager.h"
 #include "thread/ThreadManager.h"
 
 namespace {
@@ -92,12 +98,16 @@ std::uint32_t svcThreadFun(void* /*param*/) {
   (void)installDirectory;
 
   CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun IPCServer start.");
+  // The first request can come as soon as the endpoint is open: the gates
+  // that decide on it are in place before.
+  ContainerRequestGates::InstallForProcess();
   ServerManager::GetInstance().ServerInit();
   CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun IPCServer end.");
 
-  // KitManagerApi::Init(): the kit runtime is not there yet.
-  // ZServiceManager::GetInstance()->RegisterLogAdapter(new ZbrfLogAdapter): the
-  // service framework and its log adapter are not there yet.
+  KitManagerApi::GetInstance().Init();
+
+  // The manager owns the adapter.
+  tarn::zbrf::ZServiceManager::GetInstance().RegisterLogAdapter(new ZbrfLogAdapter());
 
   auto& threads = ThreadManager::Instance();
   if (tarn::os::WaitForSingle(threads.processExitEvent, 0) != tarn::os::kWaitObject0) {
@@ -116,9 +126,12 @@ std::uint32_t svcThreadFun(void* /*param*/) {
       // FirewallUtils::AddContainerUIRule(installPath as wide text): the
       // firewall rules are not there yet.
     }
-    // EvManager::ReportMsgProc start, ScopeUtil::ListFiles of the scope cache,
-    // ScopeProxy::InvokeOpenGateway("204518762"), UpgradeManager::ClearRedundantFile()
-    // and InitNetworkMonitor(), whose loop would keep this thread: not there yet.
+    // EvManager::ReportMsgProc start: the event reporter is not there yet.
+    ScopeUtil::RefreshScopeCache();  // ListFiles of <common app data>/Vantrel/TARNCORE/cache/
+    ScopeProxy::Instance().InvokeOpenGateway("204518762");
+    // UpgradeManager::ClearRedundantFile(): the upgrade manager is not there yet.
+    // InitNetworkMonitor(), whose loop keeps this thread for the process's
+    // life: the network monitor is not there yet.
   }
 
   CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun end.");

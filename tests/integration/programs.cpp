@@ -18,9 +18,14 @@ namespace fs = std::filesystem;
 
 namespace tarn::test {
 
-std::string InstallPrograms(const TempRoot& root) {
+std::string InstallPrograms(const TempRoot& root, bool withConfig) {
   const std::string dir = root.At("opt/tarncore/");
   fs::create_directories(dir);
+  // Without a readable configuration the container stops the service.
+  if (withConfig) {
+    root.WriteFile("opt/tarncore/config/remoteConfig.json",
+                   "{ \"TimerPeriodTarnCoreUpdate\": \"86400000\", \"packageInfo\": [] }\n");
+  }
   for (const char* built : {"src/container/TarnCoreContainer", "tools/service/TarnCoreService"}) {
     const fs::path from = fs::path(BuildDir()) / built;
     fs::copy_file(from, fs::path(dir) / from.filename(), fs::copy_options::overwrite_existing);

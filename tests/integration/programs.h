@@ -12,8 +12,9 @@
 namespace tarn::test {
 
 // Copies TarnCoreContainer and TarnCoreService from the build tree into
-// <root>/opt/tarncore/ and gives that folder, with a trailing '/'.
-std::string InstallPrograms(const TempRoot& root);
+// <root>/opt/tarncore/, with a remote configuration that names no package
+// (withConfig false leaves it out), and gives that folder, with a trailing '/'.
+std::string InstallPrograms(const TempRoot& root, bool withConfig = true);
 
 struct SpawnOptions {
   int stdinFd = -1;   // -1: /dev/null

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -162,6 +163,20 @@ TEST_F(ServiceTest, ContainerEndsWhenTheServiceDies) {
   const auto end = std::chrono::steady_clock::now() + 10s;
   while (ProcessAlive(pid) && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(10ms);
   EXPECT_FALSE(ProcessAlive(pid));
+}
+
+TEST_F(ServiceTest, TheContainerCanStopTheService) {
+  // With no remote configuration the container asks its parent service to stop.
+  std::filesystem::remove(install_ + "config/remoteConfig.json");
+  StartService();
+  int status = -1;
+  ASSERT_TRUE(WaitExit(service_, 20s, &status)) << ReadText(ServiceLog(root_));
+  service_ = -1;
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(CountText(ServiceLog(root_), "signal 15 received"), 1);
+  EXPECT_EQ(CountText(ServiceLog(root_), "TarnCoreContainer ended, exit code 0"), 1);
+  EXPECT_EQ(CountText(ContainerLog(root_), "Main, TarnCoreService stop, TarnCoreContainer exit(main)"), 1);
+  EXPECT_EQ(ContainerPids().size(), 1u);
 }
 
 TEST_F(ServiceTest, OneServicePerMachineRoot) {

@@ -1,0 +1,27 @@
+#include "container/ContainerRequestGates.h"
+
+#include <mutex>
+
+#include "config/ConfigManager.h"
+#include "kit/KitManagerApi.h"
+
+bool ContainerRequestGates::IsInitComplete() { return KitManagerApi::GetInstance().isInitComplete; }
+
+void ContainerRequestGates::Invoke(const RequestHeader& header, const ConvertedRequest& request,
+                                   ServerResCallBack* callback, ResponseStatus& status) {
+  // The kit manager works on its own copies (it lower-cases the api name).
+  RequestHeader headerCopy = header;
+  ConvertedRequest requestCopy = request;
+  KitManagerApi::GetInstance().Invoke(headerCopy, requestCopy, callback, status);
+}
+
+bool ContainerRequestGates::VerifyEnabled() { return ConfigManager::GetInstance().verifyEnabled; }
+
+void ContainerRequestGates::InstallForProcess() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    // Request threads may still be in a gate while statics are destroyed at
+    // exit, so the gates are never destroyed.
+    RequestGates::Install(new ContainerRequestGates);
+  });
+}

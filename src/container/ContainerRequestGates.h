@@ -1,0 +1,25 @@
+#pragma once
+// The request pipeline's gates as this process has them: each subsystem that
+// is there answers its part; the rest keep DefaultRequestGates' behaviour.
+// Installed once in main, before the IPC endpoint opens, and never freed.
+//
+//   access control (AccessRequestGates): caller verification, whitelist note,
+//                                         core-process test
+//   kit manager: IsInitComplete, Invoke
+//   configuration: VerifyEnabled
+//   still default: the event reporter's RecordApiCall, the notify builders
+#include "access/access_request_gates.h"
+
+class ContainerRequestGates : public AccessRequestGates {
+ public:
+  // KitManagerApi's "init complete".
+  bool IsInitComplete() override;
+  // KitManagerApi::Invoke.
+  void Invoke(const RequestHeader& header, const ConvertedRequest& request,
+              ServerResCallBack* callback, ResponseStatus& status) override;
+  // ConfigManager::verifyEnabled.
+  bool VerifyEnabled() override;
+
+  // Installs the process's gates (once).
+  static void InstallForProcess();
+};
