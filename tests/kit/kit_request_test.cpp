@@ -29,6 +29,8 @@ TEST_F(KitRequest, AnswerGivenInsideTheCallReachesTheClient) {
   EXPECT_EQ("Main.Echo", answer["header"]["api_name"].asString());
   EXPECT_TRUE(log.Has(Level::Info, "kit method invoke success.packageName = com.test.main method = Echo "
                                    "msgIdentify = 11(LoadManger::Invoke)"));
+  // The answer leaves before the request's thread has finished.
+  ASSERT_TRUE(Eventually([&] { return Lines("RequestInvoke.excute end.") == 1 && Callbacks() == 0; }));
   // The gates ran in their order, then the call.
   const std::vector<std::string> order = {"KitManagerApi.Invoke start. msgIdentify = 11",
                                           "KitManagerApi.CheckApiLevel begin.",
@@ -43,7 +45,6 @@ TEST_F(KitRequest, AnswerGivenInsideTheCallReachesTheClient) {
     if (next < order.size() && record.text.find(order[next]) != std::string::npos) ++next;
   }
   EXPECT_EQ(order.size(), next) << "missing: " << (next < order.size() ? order[next] : "");
-  EXPECT_EQ(0u, Callbacks());
 }
 
 TEST_F(KitRequest, LateAnswerFromTheKitsThreadFindsItsRequestByTheId) {

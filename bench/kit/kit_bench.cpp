@@ -1,0 +1,302 @@
+// The full road of one kit request: client socket, the endpoint's worker, the
+// pipeline's gates for a caller already in the whitelist, the kit manager's
+// decision tree (dispatch map, force update, load check, API level and
+// permission gates), the call into the demo kit's Echo, its answer through the
+// callback and the response back to the client. Beside it, in the same run, a
+// plain Unix-socket ping-pong that moves frames of the same sizes with one
+// blocking thread per connection and no work at all.
+//
+//   kit_bench [--benchmark_filter=...]
+//
+// Every log line of the container is written (info threshold, asynchronous
+// file sink; KIT_BENCH_LOG=off turns the log off, for comparison only).
+// BM_PipelineOnlyEcho answers in the pipeline's seam without the kit runtime,
+// to tell the kit runtime's share from the endpoint's. Each variant reports p50 and p99 round-trip latency in
+// microseconds over all its clients, and throughput as items per second.
+#include <benchmark/benchmark.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/ConfigManager.h"
+#include "config/ConfigPlatform.h"
+#include "kit/KitManagerApi.h"
+#include "pipeline/RequestGates.h"
+#include "pipeline/ServerManager.h"
+#include "pipeline/ServerResCallBack.h"
+#include "platform/ipc/ipc_client.h"
+#include "platform/ipc/signature_manager.h"
+#include "platform/log/tarn_log.h"
+#include "platform/security/signature.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+const std::string kClientId = "bench";
+const std::string kEchoRequest =
+    "{\"header\":{\"version\":\"1.0\",\"srv_name\":\"Demo\",\"api_name\":\"Demo.Echo\","
+    "\"app_id\":\"bench\",\"pkg_name\":\"bench\",\"sdk_version\":\"5.3.0.300\",\"session_id\":\"s\","
+    "\"transaction_id\":\"t\",\"kitSdkVersion\":\"1\",\"apiLevel\":\"1\",\"client_id\":\"" +
+    kClientId + "\"},\"body\":{\"text\":\"hello, kit\"}}";
+
+// The pipeline's seam as the container fills it for the kit manager. With
+// `direct` set, the seam answers at once with an echo of the same size, which
+// shows what the endpoint and the pipeline cost without the kit runtime.
+class KitGates : public DefaultRequestGates {
+ public:
+  bool IsInitComplete() override { return KitManagerApi::GetInstance().isInitComplete; }
+  void Invoke(const RequestHeader& header, const ConvertedRequest& request, ServerResCallBack* callback,
+              ResponseStatus& status) override {
+    if (direct.load(std::memory_order_relaxed)) {
+      std::string answer = "{\"echo\":" + request.body + "}";
+      callback->Excute(answer);
+      return;
+    }
+    RequestHeader ownHeader = header;
+    ConvertedRequest ownRequest = request;
+    KitManagerApi::GetInstance().Invoke(ownHeader, ownRequest, callback, status);
+  }
+  std::atomic<bool> direct{false};
+};
+
+std::string g_root;
+std::string g_rawPath;
+KitGates g_gates;
+std::size_t g_requestFrame = 0;   // bytes of the echo request's frame
+std::size_t g_responseFrame = 0;  // bytes of its response's frame
+
+// Latencies of all clients of one run; the last client to finish reports.
+struct Samples {
+  std::mutex mutex;
+  std::vector<double> micros;
+  std::atomic<int> done{0};
+
+  void Report(benchmark::State& state, std::vector<double>& mine) {
+    std::lock_guard lock(mutex);
+    micros.insert(micros.end(), mine.begin(), mine.end());
+    if (++done < state.threads()) return;
+    std::sort(micros.begin(), micros.end());
+    auto at = [&](double q) {
+      return micros.empty() ? 0.0 : micros[std::min(micros.size() - 1, static_cast<std::size_t>(q * micros.size()))];
+    };
+    // Counters are summed over threads: only this thread sets these.
+    state.counters["p50_us"] = at(0.50);
+    state.counters["p99_us"] = at(0.99);
+    micros.clear();
+    done = 0;
+  }
+};
+
+Samples g_kitSamples;
+Samples g_pipelineSamples;
+Samples g_rawSamples;
+
+void EchoRoundTrips(benchmark::State& state, bool direct, Samples& samples) {
+  if (state.thread_index() == 0) g_gates.direct = direct;
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+  std::string text = kEchoRequest;
+  std::string response;
+  std::vector<double> micros;
+  micros.reserve(1 << 16);
+  // Ids must not collide between clients: the callback table is keyed by them.
+  int32_t id = (state.thread_index() + 1) * 10000000;
+  for (auto _ : state) {
+    TagIPCMessageItem item;
+    item.target = IpcAddressContainer;
+    item.source = IpcAddressClientSide;
+    item.messageCode = IpcRequestMessageCode;
+    item.reserved = -1;
+    item.syncMessageId = ++id;
+    item.body = text.data();
+    item.bodySize = static_cast<uint32_t>(text.size() + 1);
+    const auto start = Clock::now();
+    const int code = client.SendMessageSync(item, response, 10000);
+    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    if (code != 0 || response.find("\"status_code\":\"0\"") == std::string::npos) {
+      state.SkipWithError(("no echo: client code " + std::to_string(code) + " " + response).c_str());
+      break;
+    }
+  }
+  state.SetItemsProcessed(state.iterations());
+  samples.Report(state, micros);
+}
+
+void BM_KitEcho(benchmark::State& state) { EchoRoundTrips(state, false, g_kitSamples); }
+void BM_PipelineOnlyEcho(benchmark::State& state) { EchoRoundTrips(state, true, g_pipelineSamples); }
+
+// --- the plain ping-pong -------------------------------------------------
+
+bool WriteAll(int fd, const char* p, std::size_t n) {
+  while (n) {
+    ssize_t w = ::send(fd, p, n, MSG_NOSIGNAL);
+    if (w <= 0) return false;
+    p += w;
+    n -= static_cast<std::size_t>(w);
+  }
+  return true;
+}
+
+bool ReadAll(int fd, char* p, std::size_t n) {
+  while (n) {
+    ssize_t r = ::recv(fd, p, n, 0);
+    if (r <= 0) return false;
+    p += r;
+    n -= static_cast<std::size_t>(r);
+  }
+  return true;
+}
+
+int Connect(const std::string& path) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// One thread per connection: read a request frame, write a response frame.
+void RawServer(int listenFd) {
+  for (;;) {
+    int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) return;
+    std::thread([fd] {
+      std::vector<char> in(g_requestFrame);
+      std::vector<char> out(g_responseFrame, 'x');
+      while (ReadAll(fd, in.data(), in.size()) && WriteAll(fd, out.data(), out.size())) {
+      }
+      ::close(fd);
+    }).detach();
+  }
+}
+
+void BM_RawUnixPingPong(benchmark::State& state) {
+  int fd = Connect(g_rawPath);
+  if (fd < 0) {
+    state.SkipWithError("connect failed");
+    return;
+  }
+  std::vector<char> out(g_requestFrame, 'r');
+  std::vector<char> in(g_responseFrame);
+  std::vector<double> micros;
+  micros.reserve(1 << 16);
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    if (!WriteAll(fd, out.data(), out.size()) || !ReadAll(fd, in.data(), in.size())) {
+      state.SkipWithError("ping-pong broke");
+      break;
+    }
+    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+  }
+  ::close(fd);
+  state.SetItemsProcessed(state.iterations());
+  g_rawSamples.Report(state, micros);
+}
+
+BENCHMARK(BM_RawUnixPingPong)->Threads(1)->Threads(4)->Threads(16)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_KitEcho)->Threads(1)->Threads(4)->Threads(16)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_PipelineOnlyEcho)->Threads(1)->Threads(4)->Threads(16)->UseRealTime()->MinTime(2.0);
+
+// A machine root with the demo installation: configuration, the demo kits as
+// the build laid them out, and the build's key trusted.
+bool PrepareMachine() {
+  char tmpl[] = "/tmp/tarn-kit-bench.XXXXXX";
+  if (!::mkdtemp(tmpl)) return false;
+  g_root = tmpl;
+  ::setenv("TARNCORE_ROOT", g_root.c_str(), 1);
+  const std::string install = g_root + "/opt/tarncore/";
+  std::error_code ec;
+  fs::create_directories(install + "config", ec);
+  fs::create_directories(install + "kits", ec);
+  fs::copy_file(TARN_DEMO_CONFIG, install + "config/remoteConfig.json", ec);
+  if (ec) return false;
+  fs::copy(TARN_DEMO_KITS_DIR "/com.vantrel.demo", install + "kits/com.vantrel.demo", fs::copy_options::recursive,
+           ec);
+  if (ec) return false;
+  tarn::config::SetInstallDirectoryForTesting(install);
+  auto key = tarn::security::ReadPublicKeyFile(TARN_DEV_PUBLIC_KEY);
+  return key && tarn::security::InstallTrustedKey(*key, tarn::security::KeyKind::kMaker, "tarn-dev");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (!PrepareMachine()) {
+    std::fprintf(stderr, "kit_bench: could not lay out the machine root\n");
+    return 1;
+  }
+  tarn::log::Open("kit_bench", 2, 10);
+  const char* logSetting = std::getenv("KIT_BENCH_LOG");
+  tarn::log::SetThreshold(logSetting && std::string(logSetting) == "off" ? tarn::log::Level::Off
+                                                                        : tarn::log::Level::Info);
+  RequestGates::Install(&g_gates);
+  SignatureManager::GetInstance()->AddSignatureWhiteList(static_cast<uint32_t>(::getpid()), kClientId);
+  ServerManager::GetInstance().ServerInit();
+  if (!KitManagerApi::GetInstance().Init()) {
+    std::fprintf(stderr, "kit_bench: the kits did not come up; see %s\n", tarn::log::LogFilePath().c_str());
+    return 1;
+  }
+
+  // One real round trip gives the sizes the ping-pong moves.
+  {
+    TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+    std::string text = kEchoRequest;
+    std::string response;
+    TagIPCMessageItem item;
+    item.target = IpcAddressContainer;
+    item.source = IpcAddressClientSide;
+    item.messageCode = IpcRequestMessageCode;
+    item.reserved = -1;
+    item.syncMessageId = 1;
+    item.body = text.data();
+    item.bodySize = static_cast<uint32_t>(text.size() + 1);
+    if (client.SendMessageSync(item, response, 10000) != 0) {
+      std::fprintf(stderr, "kit_bench: no answer to the first echo\n");
+      return 1;
+    }
+    std::fprintf(stderr, "kit_bench: echo answer: %s\n", response.c_str());
+    g_requestFrame = 32 + text.size() + 1;
+    g_responseFrame = 32 + response.size() + 1;
+  }
+
+  g_rawPath = g_root + "/raw.sock";
+  int listenFd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, g_rawPath.c_str(), sizeof(addr.sun_path) - 1);
+  if (::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || ::listen(listenFd, 64) != 0) {
+    return 1;
+  }
+  std::thread(RawServer, listenFd).detach();
+
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+
+  FlushTarnLogFile();
+  std::fprintf(stderr, "kit_bench: log %s\n", tarn::log::LogFilePath().c_str());
+  ServerManager::GetInstance().ServerUnInit();
+  ::shutdown(listenFd, SHUT_RDWR);
+  if (!std::getenv("KIT_BENCH_KEEP_ROOT")) {
+    std::error_code ec;
+    fs::remove_all(g_root, ec);
+  }
+  return 0;
+}
