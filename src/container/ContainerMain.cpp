@@ -19,6 +19,7 @@
 #include "kit/KitManagerApi.h"
 #include "container/pipe_message.h"
 #include "platform/log/tarn_log.h"
+#include "platform/os/dbg_sdk.h"
 #include "platform/os/event.h"
 #include "platform/os/last_error.h"
 #include "platform/os/places.h"
@@ -44,7 +45,7 @@ int TarnCoreContainerMain(const std::wstring& commandLine) {
 
   initTarnLog(10, 10);
   CLOGI("main", "TarnCoreContainer.main begin.");
-  // DbgSdkInit(): the crash handler is not in the platform layer yet.
+  DbgSdkInit();
   // HttpUtil::Https_curl_global_init(): the HTTP layer is not there yet.
   // NoticeManager::StartPrivacyNotice(): the privacy notice is not there yet.
 
@@ -75,7 +76,7 @@ int TarnCoreContainerMain(const std::wstring& commandLine) {
   ThreadManager::Instance().WaitAll();
   CLOGI("main", "Main, flush log and TarnCoreContainer end.");
   FlushTarnLogFile();
-  // DbgSdkUnInit(): see DbgSdkInit.
+  DbgSdkUnInit();
 
   // The product name stands where SystemEnvironment::GetOSVersion will.
   if (MustTerminateAtExit(tarn::os::OperatingSystemName(), NativeProcessorArchitecture())) {
@@ -171,7 +172,7 @@ void InitDataDirectories() {
   LogDirHandle(base + "/Vantrel/TARNCORE/cache/");
   const std::string ucsLog = base + "/Vantrel/TARNCORE/log/tarnwucs";
   LogDirHandle(ucsLog);
-  // TarnCoreUcs::InitUcsKmsLog(ucsLog): that library is not there yet.
+  TarnCoreUcs::InitUcsKmsLog(ucsLog);
   LogDirHandle(base + "/Vantrel/TARNCORE/ev");
   LogDirHandle(base + "/Vantrel/TARNCORE/ev/work");
 }

@@ -10,6 +10,7 @@
 
 #include "container/ContainerMain.h"
 #include "platform/log/log_capture.h"
+#include "platform/os/dbg_sdk.h"
 #include "support/temp_root.h"
 
 using tarn::log::Level;
@@ -111,6 +112,7 @@ TEST(InitDataDirectories, MakesTheFourFoldersOrLogsEachFailure) {
       EXPECT_TRUE(IsDirectory(root.At(std::string("var/lib/Vantrel/TARNCORE/") + dir))) << dir;
     }
     EXPECT_FALSE(capture.Contains("Failed to create log directory"));
+    EXPECT_EQ(TarnCoreUcs::UcsKmsLogPath(), root.At("var/lib/Vantrel/TARNCORE/log/tarnwucs"));
   }
   {
     tarn::test::TempRoot root;

@@ -140,4 +140,18 @@ TEST(ContainerByHand, AnExitDuringThePauseSkipsTheStartupTail) {
   }
 }
 
+TEST(ContainerByHand, ACrashLeavesItsReport) {
+  TempRoot root;
+  RunningContainer c(InstallPrograms(root) + "TarnCoreContainer", "0x5");
+  const std::string word = Utf16le("NotifyWorkStatus1");
+  ASSERT_EQ(ReadBytes(c.output, word.size(), 15s), word);
+  const pid_t pid = c.pid;
+  ASSERT_EQ(::kill(pid, SIGSEGV), 0);
+  const int status = c.Wait(15s);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV);
+  const std::string report =
+      ReadText(root.At("var/lib/Vantrel/TARNCORE/log/crash-" + std::to_string(pid) + ".txt"));
+  EXPECT_FALSE(report.empty());
+}
+
 }  // namespace
