@@ -64,6 +64,7 @@ struct ServerCore::Connection {
   std::size_t headerGot = 0;
   TagIPCMessageItem item;
   std::unique_ptr<char[]> body;
+  std::size_t bodyCap = 0;  // grows with what arrives, not with what the header claims
   std::size_t bodyGot = 0;
   bool inBody = false;
 
@@ -308,12 +309,25 @@ void ServerCore::RearmRead(Connection& conn) {
 bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames) {
   thread_local std::unique_ptr<char[]> scratch(new char[kScratchSize]);
 
+  // A header may claim up to 16 MiB; memory follows the bytes actually sent.
+  auto grow = [&](std::size_t want) {
+    if (want <= c.bodyCap) return true;
+    std::size_t cap = std::min<std::size_t>(c.item.bodySize + 1, std::max(want, c.bodyCap * 2));
+    std::unique_ptr<char[]> bigger(new (std::nothrow) char[cap]);
+    if (!bigger) return false;
+    if (c.bodyGot) std::memcpy(bigger.get(), c.body.get(), c.bodyGot);
+    c.body = std::move(bigger);
+    c.bodyCap = cap;
+    return true;
+  };
   auto finish = [&] {
+    if (!grow(c.item.bodySize + 1)) return false;
     c.body[c.item.bodySize] = '\0';  // delivered text is always terminated
     Frame f;
     f.item = c.item;
     f.item.body = c.body.get();
     f.body = std::move(c.body);
+    c.bodyCap = 0;
     c.inBody = false;
     c.bodyGot = 0;
     {
@@ -321,6 +335,7 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames) {
       routes_[f.item.syncMessageId] = Route{c.id, c.pid};
     }
     frames.push_back(std::move(f));
+    return true;
   };
   auto fail = [&](const char* why) {
     LogIpc(log::Level::Warn, std::string("ipc connection closed: ") + why + ", pid " +
@@ -332,11 +347,15 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames) {
   while (budget > 0) {
     // A large body is read straight into its buffer.
     if (c.inBody && c.item.bodySize - c.bodyGot >= kScratchSize) {
-      ssize_t n = ::recv(c.fd, c.body.get() + c.bodyGot, c.item.bodySize - c.bodyGot, 0);
+      if (!grow(std::min<std::size_t>(c.item.bodySize, c.bodyGot + kReadBudget))) {
+        return fail("out of memory");
+      }
+      ssize_t n = ::recv(c.fd, c.body.get() + c.bodyGot,
+                         std::min<std::size_t>(c.item.bodySize, c.bodyCap) - c.bodyGot, 0);
       if (n > 0) {
         c.bodyGot += static_cast<std::size_t>(n);
         budget -= std::min(budget, static_cast<std::size_t>(n));
-        if (c.bodyGot == c.item.bodySize) finish();
+        if (c.bodyGot == c.item.bodySize && !finish()) return fail("out of memory");
         continue;
       }
       if (n == 0) return false;
@@ -366,18 +385,22 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames) {
           case HeaderCheck::TooLarge: return fail("frame too large");
           case HeaderCheck::Ok: break;
         }
-        c.body.reset(new (std::nothrow) char[c.item.bodySize + 1]);
-        if (!c.body) return fail("out of memory");
+        c.body.reset();
+        c.bodyCap = 0;
         c.bodyGot = 0;
+        if (!grow(std::min<std::size_t>(c.item.bodySize + 1, kScratchSize))) {
+          return fail("out of memory");
+        }
         c.inBody = true;
-        if (c.item.bodySize == 0) finish();
+        if (c.item.bodySize == 0 && !finish()) return fail("out of memory");
       } else {
         std::size_t take = std::min<std::size_t>(c.item.bodySize - c.bodyGot, left);
+        if (!grow(c.bodyGot + take)) return fail("out of memory");
         std::memcpy(c.body.get() + c.bodyGot, p, take);
         c.bodyGot += take;
         p += take;
         left -= take;
-        if (c.bodyGot == c.item.bodySize) finish();
+        if (c.bodyGot == c.item.bodySize && !finish()) return fail("out of memory");
       }
     }
     // A short read means the socket is drained; the re-armed level-triggered
