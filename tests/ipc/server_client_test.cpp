@@ -333,6 +333,18 @@ TEST_F(IpcServerTest, LargeBodiesCrossWhole) {
   EXPECT_EQ("echo:" + text, response);
 }
 
+TEST_F(IpcServerTest, BodyOfExactly16MiBIsAccepted) {
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [this](TagIPCMessageItem& item) {
+    Answer(item.syncMessageId, std::to_string(item.bodySize) + ":" + item.body[item.bodySize - 2]);
+  });
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+  std::string text(16u * 1024 * 1024 - 1, 'y');
+  text.back() = 'z';
+  std::string response;
+  ASSERT_EQ(0, Call(client, 6, text, response));  // plus its terminator: 16 MiB on the wire
+  EXPECT_EQ("16777216:z", response);
+}
+
 TEST_F(IpcServerTest, ClientReportsItsOwnFailuresWithTheirCodes) {
   std::atomic<bool> answer{false};
   host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
