@@ -22,38 +22,40 @@ constexpr int kErrorProcNotFound = 127;
 
 // One request's answer callback. It keeps its own copies of the package, the
 // method and the item pointer: the api record it was made from is gone by the
-// time a late answer comes. Copies of it share `answered`, so one callback
-// delivers to its own request once, however often the kit calls it.
-struct AnswerCallback {
-  ServerResCallBack* item;
-  std::string packageName;
-  std::string apiName;
-  std::shared_ptr<std::atomic<bool>> answered;
+// time a late answer comes. Copies of the callback share one state, so one
+// callback delivers to its own request once, however often the kit calls it.
+struct AnswerState {
+  AnswerState(ServerResCallBack* request, const std::string& package, const std::string& method)
+      : item(request), packageName(package), apiName(method) {}
+  ServerResCallBack* const item;
+  const std::string packageName;
+  const std::string apiName;
+  std::atomic<bool> answered{false};
+};
 
-  void operator()(char* text) const {
-    std::string answer(text ? text : "");
-    ServerResCallBack* target = item;
-    if (answer.find("\"syncMessageId\"") != std::string::npos) {
-      std::string syncMessageId;
-      LoadManger::GetInstance().GetJsonFieldForSyncMessageId(answer, syncMessageId);
-      target = ServerManager::GetInstance().GetServerResCallBackByMessageId(syncMessageId);
-      if (!target) {
-        CLOGE("LoadManger::Invoke", "kit method invoke failed.GetServerResCallBackByMessageId is null");
-        return;
-      }
-    }
-    if (!target) return;
-    // A second answer to this request: the item was answered, and deleted.
-    if (target == item && answered->exchange(true)) {
+void DeliverAnswer(AnswerState& state, char* text) {
+  std::string answer(text ? text : "");
+  ServerResCallBack* target = state.item;
+  if (answer.find("\"syncMessageId\"") != std::string::npos) {
+    std::string syncMessageId;
+    LoadManger::GetInstance().GetJsonFieldForSyncMessageId(answer, syncMessageId);
+    target = ServerManager::GetInstance().GetServerResCallBackByMessageId(syncMessageId);
+    if (!target) {
       CLOGE("LoadManger::Invoke", "kit method invoke failed.GetServerResCallBackByMessageId is null");
       return;
     }
-    CLOGI("LoadManger::Invoke", "kit method invoke success.packageName = "
-                                    << packageName << " method = " << apiName
-                                    << " msgIdentify = " << target->msgIdentify);
-    target->Excute(answer);
   }
-};
+  if (!target) return;
+  // A second answer to this request: the item was answered, and deleted.
+  if (target == state.item && state.answered.exchange(true)) {
+    CLOGE("LoadManger::Invoke", "kit method invoke failed.GetServerResCallBackByMessageId is null");
+    return;
+  }
+  CLOGI("LoadManger::Invoke", "kit method invoke success.packageName = "
+                                  << state.packageName << " method = " << state.apiName
+                                  << " msgIdentify = " << target->msgIdentify);
+  target->Excute(answer);
+}
 
 }  // namespace
 
@@ -78,8 +80,9 @@ bool LoadManger::Invoke(KitApiDetailInfo& api, ServerResCallBack* item, Converte
                                     << " msgIdentify = " << msgIdentify);
     return false;
   }
-  AnswerCallback answer{item, api.packageName, api.apiName, std::make_shared<std::atomic<bool>>(false)};
-  function(request.header.c_str(), request.body.c_str(), TarnKitCallback(std::move(answer)));
+  auto state = std::make_shared<AnswerState>(item, api.packageName, api.apiName);
+  function(request.header.c_str(), request.body.c_str(),
+           [state](char* text) { DeliverAnswer(*state, text); });
   return true;
 }
 
