@@ -1,6 +1,6 @@
 // The loader's library operations with real kit libraries: exports of the
-// library alone, its string table, and the tie between a tested file and the
-// library that got mapped.
+// library alone, and the tie between a tested file and the library that got
+// mapped.
 #include <dlfcn.h>
 
 #include <string>
@@ -38,19 +38,6 @@ TEST_F(KitLibrary, ExportsAreTheLibrarysOwn) {
 
   EXPECT_EQ(nullptr, tarn::kit::OpenLibrary(install + "kits/nothing.so", error));
   EXPECT_NE(std::string::npos, error.find("nothing.so")) << error;
-}
-
-TEST_F(KitLibrary, StringTableIsReadByIdAndCutToTheBuffer) {
-  std::string error;
-  void* module = tarn::kit::OpenLibrary(Library(), error);
-  ASSERT_NE(nullptr, module) << error;
-  char16_t buffer[1024];
-  EXPECT_EQ(64, tarn::kit::LoadKitString(module, kTarnKitVerifyStringId, buffer, 1024));
-  EXPECT_EQ(0, tarn::kit::LoadKitString(module, 5, buffer, 1024));
-  EXPECT_EQ(0, buffer[0]);
-  EXPECT_EQ(9, tarn::kit::LoadKitString(module, kTarnKitVerifyStringId, buffer, 10));
-  EXPECT_EQ(0, buffer[9]);
-  tarn::kit::CloseLibrary(module);
 }
 
 TEST_F(KitLibrary, LoadedLibraryMustBeTheFileThatWasTested) {

@@ -167,28 +167,6 @@ TEST_F(KitStart, SignatureIsTestedBeforeTheLibraryIsMapped) {
   EXPECT_TRUE(log.Records().empty());
 }
 
-TEST_F(KitStart, LibraryWithoutItsEntryFunctionIsDeadForGood) {
-  Setup({{"com.test.noentry", "NoEntry"}});
-  EXPECT_TRUE(manager.Init());
-  const std::string library = LibraryOf("com.test.noentry", "libtest_noentry_kit.so");
-  EXPECT_TRUE(log.Has(Level::Error, "LoadKit method init invoke failed. dllPath: " + library + "(LoadManger::LoadKit)"));
-  EXPECT_TRUE(loader.HasKit("com.test.noentry"));
-  ASSERT_EQ(1u, loader.loadedKits->count("com.test.noentry"));
-  EXPECT_EQ(nullptr, loader.loadedKits->at("com.test.noentry"));
-  EXPECT_TRUE(loader.LoadKitDll("com.test.noentry"));  // true, but nothing is loaded again
-  EXPECT_EQ(1u, Lines("Load kit to load LibraryEx begin"));
-  EXPECT_TRUE(log.Has(Level::Error, "Load kit failed packageName = com.test.noentry(LoadManger::LoadKitDll)"));
-}
-
-TEST_F(KitStart, OnlyKitsOfTypeAppAreLoaded) {
-  Setup({{"com.test.service", "Service"}});
-  EXPECT_TRUE(manager.Init());
-  EXPECT_FALSE(loader.HasKit("com.test.service"));
-  EXPECT_TRUE(log.Has(Level::Info, "LoadKit packageName = com.test.service(LoadManger::LoadKit)"));
-  EXPECT_EQ(0u, Lines("Load kit to load LibraryEx begin"));
-  EXPECT_EQ(0u, Lines("sign verify"));
-}
-
 TEST_F(KitStart, LibraryWithoutTheVerificationStringPassesWithAnErrorLine) {
   Setup({{"com.test.nostring", "NoString"}});
   EXPECT_TRUE(manager.Init());

@@ -101,6 +101,14 @@ TEST_F(KitRequest, DeadKitAnswersApiNotSupportedAndIsNeverLoadedAgain) {
                                           "(KitManagerApi::InvokeToKit)"));
   }
   EXPECT_EQ(1u, Lines("Load kit to load LibraryEx begin"));
+  EXPECT_TRUE(log.Has(Level::Error, "LoadKit method init invoke failed. dllPath: " + KitDir("com.test.noentry") +
+                                        "libtest_noentry_kit.so(LoadManger::LoadKit)"));
+  // Dead: an entry without a handle, which no load replaces.
+  ASSERT_EQ(1u, loader.loadedKits->count("com.test.noentry"));
+  EXPECT_EQ(nullptr, loader.loadedKits->at("com.test.noentry"));
+  EXPECT_TRUE(loader.LoadKitDll("com.test.noentry"));
+  EXPECT_TRUE(log.Has(Level::Error, "Load kit failed packageName = com.test.noentry(LoadManger::LoadKitDll)"));
+  EXPECT_EQ(1u, Lines("Load kit to load LibraryEx begin"));
 }
 
 TEST_F(KitRequest, KitOfAnotherTypeIsNeverLoaded) {
