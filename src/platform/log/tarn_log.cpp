@@ -68,6 +68,20 @@ spdlog::logger* CurrentLogger() {
   return GetState().current.load(std::memory_order_acquire);
 }
 
+// Flushing every line costs the writer a write(2) per line; a short period
+// keeps the file current for readers without that.
+void StartPeriodicFlush() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::thread([] {
+      for (;;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        if (auto* logger = CurrentLogger()) logger->flush();
+      }
+    }).detach();
+  });
+}
+
 }  // namespace
 
 bool Enabled(Level level) noexcept {
@@ -107,7 +121,7 @@ void Open(const std::string& baseName, int fileCount, int fileSizeMiB) {
                                                     spdlog::async_overflow_policy::block);
     logger->set_pattern("[%Y-%m-%d %H:%M:%S.%e] [%P:%t] [%L] %v");
     logger->set_level(spdlog::level::trace);  // the threshold is tested before formatting
-    logger->flush_on(spdlog::level::trace);   // the writer thread flushes, not the caller
+    logger->flush_on(spdlog::level::warn);  // failures reach the disk at once
   } catch (const spdlog::spdlog_ex&) {
     return;  // no file: lines still reach the hooks
   }
@@ -116,6 +130,7 @@ void Open(const std::string& baseName, int fileCount, int fileSizeMiB) {
   s.loggers.push_back(logger);
   s.current.store(logger.get(), std::memory_order_release);
   s.path = path;
+  StartPeriodicFlush();
 }
 
 void Write(Level level, std::string_view tag, std::string_view text) {
