@@ -1,6 +1,5 @@
 #include "platform/log/tarn_log.h"
 
-#include <spdlog/async.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
@@ -111,17 +110,19 @@ void Open(const std::string& baseName, int fileCount, int fileSizeMiB) {
   const std::string path = dir + baseName + ".log";
   std::shared_ptr<spdlog::logger> logger;
   try {
-    static std::once_flag poolOnce;
-    std::call_once(poolOnce, [] { spdlog::init_thread_pool(16384, 1); });
+    // Callers format and copy into the file's stdio buffer under the sink's
+    // lock; the disk sees a write when the buffer fills, on a warning, or from
+    // the periodic flush. That costs a request thread far less than waking a
+    // writer thread per line.
     auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
         path, static_cast<std::size_t>(std::max(1, fileSizeMiB)) * 1024 * 1024,
         static_cast<std::size_t>(std::max(1, fileCount) - 1));
-    logger = std::make_shared<spdlog::async_logger>(baseName, std::move(sink),
-                                                    spdlog::thread_pool(),
-                                                    spdlog::async_overflow_policy::block);
-    logger->set_pattern("[%Y-%m-%d %H:%M:%S.%e] [%P:%t] [%L] %v");
+    logger = std::make_shared<spdlog::logger>(baseName, std::move(sink));
+    // The pid goes into the pattern as text: %P would ask the kernel per line.
+    logger->set_pattern("[%Y-%m-%d %H:%M:%S.%e] [" + std::to_string(::getpid()) +
+                        ":%t] [%L] %v");
     logger->set_level(spdlog::level::trace);  // the threshold is tested before formatting
-    logger->flush_on(spdlog::level::warn);  // failures reach the disk at once
+    logger->flush_on(spdlog::level::warn);    // failures reach the disk at once
   } catch (const spdlog::spdlog_ex&) {
     return;  // no file: lines still reach the hooks
   }
@@ -182,15 +183,7 @@ void TARNLOGE(std::string tag, std::string text) {
 }
 
 void FlushTarnLogFile() {
-  auto logger = tarn::log::CurrentLogger();
-  if (!logger) return;
-  logger->flush();
-  // The async writer drains its queue in order; wait until it has, briefly.
-  auto pool = spdlog::thread_pool();
-  for (int i = 0; pool && i < 200 && pool->queue_size() > 0; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  if (auto* logger = tarn::log::CurrentLogger()) logger->flush();
 }
 
 bool TarnCreateDirbyLev(const std::string& path, int /*level*/) {
