@@ -1,5 +1,6 @@
 #include "platform/log/tarn_log.h"
 
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
@@ -7,10 +8,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <streambuf>
 #include <thread>
 #include <vector>
 
@@ -47,6 +50,143 @@ spdlog::level::level_enum ToSpd(Level level) {
   }
   return spdlog::level::off;
 }
+
+}  // namespace
+
+// The stream a line is formed in, kept per thread and reset for each line to
+// what a new std::ostringstream would be.
+class Line::Buffer : public std::streambuf {
+ public:
+  Buffer() : stream(this) {}
+
+  void Reset() {
+    text.clear();
+    stream.clear();
+    stream.exceptions(std::ios_base::goodbit);
+    stream.flags(std::ios_base::dec | std::ios_base::skipws);
+    stream.fill(' ');
+    stream.width(0);
+    stream.precision(6);
+  }
+
+  std::string text;
+  std::ostream stream;
+  bool busy = false;
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (!traits_type::eq_int_type(c, traits_type::eof())) text.push_back(traits_type::to_char_type(c));
+    return traits_type::not_eof(c);
+  }
+  std::streamsize xsputn(const char* s, std::streamsize n) override {
+    text.append(s, static_cast<std::size_t>(n));
+    return n;
+  }
+};
+
+namespace {
+
+// What a thread reuses from line to line. Threads may log from the destructors
+// of other thread-local objects, after this one is gone: `t_scratchGone` (with
+// no destructor of its own) tells them to make do with locals then.
+struct Scratch {
+  ~Scratch() {
+    delete line;
+    line = nullptr;
+    formatter.reset();
+    t_scratchGone = true;
+  }
+  static thread_local bool t_scratchGone;
+
+  Line::Buffer* line = nullptr;
+  std::string payload;
+  spdlog::memory_buf_t formatted;
+  std::unique_ptr<spdlog::formatter> formatter;
+  std::uint64_t formatterOwner = 0;
+};
+thread_local bool Scratch::t_scratchGone = false;
+
+// A rare huge line (a request text) should not pin its memory to a thread.
+constexpr std::size_t kKeptCapacity = 64 * 1024;
+
+void KeepSmall(std::string& text) {
+  if (text.capacity() > kKeptCapacity) std::string().swap(text);
+}
+
+Scratch* ThreadScratch() {
+  if (Scratch::t_scratchGone) return nullptr;
+  thread_local Scratch scratch;
+  return &scratch;
+}
+
+// Hands the rotating file a line that is already formatted.
+class Verbatim final : public spdlog::formatter {
+ public:
+  void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override {
+    dest.append(msg.payload.begin(), msg.payload.end());
+  }
+  std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<Verbatim>(); }
+};
+
+// The log file. Each thread formats its lines with its own copy of the
+// pattern before it takes the file's lock, so the lock covers only the copy
+// into the file's buffer (and, now and then, a write or a rotation). Lines of
+// one thread stay in their order, and a line is in the file's buffer before
+// its Write returns.
+class FileSink final : public spdlog::sinks::sink {
+ public:
+  FileSink(const std::string& path, std::size_t maxSize, std::size_t maxFiles, const std::string& pattern)
+      : id_(NextId()), pattern_(std::make_unique<spdlog::pattern_formatter>(pattern)) {
+    // A larger buffer than stdio's own means one write(2) per many lines.
+    auto buffer = std::make_shared<std::vector<char>>(64 * 1024);
+    spdlog::file_event_handlers handlers;
+    handlers.after_open = [buffer](const spdlog::filename_t&, std::FILE* file) {
+      std::setvbuf(file, buffer->data(), _IOFBF, buffer->size());
+    };
+    file_ = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(path, maxSize, maxFiles, false, handlers);
+    file_->set_formatter(std::make_unique<Verbatim>());
+  }
+
+  void log(const spdlog::details::log_msg& msg) override {
+    Scratch* scratch = ThreadScratch();
+    std::unique_ptr<spdlog::formatter> ownFormatter;
+    spdlog::memory_buf_t ownBuffer;
+    spdlog::formatter* formatter;
+    spdlog::memory_buf_t* out;
+    if (scratch) {
+      if (scratch->formatterOwner != id_) {
+        scratch->formatter = pattern_->clone();
+        scratch->formatterOwner = id_;
+      }
+      formatter = scratch->formatter.get();
+      out = &scratch->formatted;
+    } else {
+      ownFormatter = pattern_->clone();
+      formatter = ownFormatter.get();
+      out = &ownBuffer;
+    }
+    out->clear();
+    formatter->format(msg, *out);
+    spdlog::details::log_msg line(msg.time, msg.source, msg.logger_name, msg.level,
+                                  spdlog::string_view_t(out->data(), out->size()));
+    file_->log(line);
+  }
+
+  void flush() override { file_->flush(); }
+  // The pattern is fixed when the sink is made.
+  void set_pattern(const std::string&) override {}
+  void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
+
+ private:
+  static std::uint64_t NextId() {
+    static std::atomic<std::uint64_t> next{1};
+    return next.fetch_add(1, std::memory_order_relaxed);
+  }
+
+  const std::uint64_t id_;  // tells a thread's copy of the pattern which sink it is for
+  const std::unique_ptr<spdlog::formatter> pattern_;
+  std::shared_ptr<spdlog::sinks::rotating_file_sink_mt> file_;
+};
 
 struct State {
   std::mutex mutex;  // guards logger replacement and the hook table
@@ -110,17 +250,16 @@ void Open(const std::string& baseName, int fileCount, int fileSizeMiB) {
   const std::string path = dir + baseName + ".log";
   std::shared_ptr<spdlog::logger> logger;
   try {
-    // Callers format and copy into the file's stdio buffer under the sink's
-    // lock; the disk sees a write when the buffer fills, on a warning, or from
-    // the periodic flush. That costs a request thread far less than waking a
-    // writer thread per line.
-    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
+    // Callers format their line and copy it into the file's buffer; the disk
+    // sees a write when the buffer fills, on a warning, or from the periodic
+    // flush. That costs a request thread far less than waking a writer thread
+    // per line. The pid goes into the pattern as text: %P would ask the
+    // kernel per line.
+    auto sink = std::make_shared<FileSink>(
         path, static_cast<std::size_t>(std::max(1, fileSizeMiB)) * 1024 * 1024,
-        static_cast<std::size_t>(std::max(1, fileCount) - 1));
+        static_cast<std::size_t>(std::max(1, fileCount) - 1),
+        "[%Y-%m-%d %H:%M:%S.%e] [" + std::to_string(::getpid()) + ":%t] [%L] %v");
     logger = std::make_shared<spdlog::logger>(baseName, std::move(sink));
-    // The pid goes into the pattern as text: %P would ask the kernel per line.
-    logger->set_pattern("[%Y-%m-%d %H:%M:%S.%e] [" + std::to_string(::getpid()) +
-                        ":%t] [%L] %v");
     logger->set_level(spdlog::level::trace);  // the threshold is tested before formatting
     logger->flush_on(spdlog::level::warn);    // failures reach the disk at once
   } catch (const spdlog::spdlog_ex&) {
@@ -143,9 +282,53 @@ void Write(Level level, std::string_view tag, std::string_view text) {
     for (auto& [id, hook] : s.hooks) hook(record);
   }
   if (auto logger = CurrentLogger()) {
-    logger->log(ToSpd(level), "[{}] {}", tag, text);
+    Scratch* scratch = ThreadScratch();
+    std::string own;
+    std::string& payload = scratch ? scratch->payload : own;
+    payload.clear();
+    payload.reserve(tag.size() + text.size() + 3);
+    payload += '[';
+    payload += tag;
+    payload += "] ";
+    payload += text;
+    logger->log(ToSpd(level), spdlog::string_view_t(payload.data(), payload.size()));
+    if (scratch) {
+      KeepSmall(scratch->payload);
+      if (scratch->formatted.capacity() > kKeptCapacity) scratch->formatted = spdlog::memory_buf_t();
+    }
   }
 }
+
+Line::Line() {
+  Scratch* scratch = ThreadScratch();
+  if (scratch) {
+    if (!scratch->line) scratch->line = new Buffer;
+    if (!scratch->line->busy) {
+      buffer_ = scratch->line;
+      owned_ = false;
+    } else {
+      buffer_ = new Buffer;
+      owned_ = true;
+    }
+  } else {
+    buffer_ = new Buffer;
+    owned_ = true;
+  }
+  buffer_->Reset();
+  buffer_->busy = true;
+  stream_ = &buffer_->stream;
+}
+
+Line::~Line() {
+  if (owned_) {
+    delete buffer_;
+  } else {
+    KeepSmall(buffer_->text);
+    buffer_->busy = false;
+  }
+}
+
+std::string_view Line::Text() const noexcept { return buffer_->text; }
 
 int AddHook(Hook hook) {
   State& s = GetState();

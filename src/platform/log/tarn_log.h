@@ -1,9 +1,10 @@
 #pragma once
 // The container's log: the five functions the system calls by name, on spdlog
-// with an asynchronous rotating file, plus a level test so hot paths can skip
+// with a buffered rotating file, plus a level test so hot paths can skip
 // building text nobody will read.
 #include <functional>
-#include <sstream>
+#include <ostream>
+#include <sstream>  // callers have long relied on it
 #include <string>
 #include <string_view>
 
@@ -48,6 +49,28 @@ using Hook = std::function<void(const Record&)>;
 int AddHook(Hook hook);
 void RemoveHook(int id);
 
+// The text of one line while it is formed, through a std::ostream with its
+// default formatting. It borrows its thread's stream, so a line costs no
+// stream construction; a line formed while another one is (a value whose
+// operator<< logs) gets a stream of its own.
+class Line {
+ public:
+  class Buffer;  // defined by the log library
+
+  Line();
+  ~Line();
+  Line(const Line&) = delete;
+  Line& operator=(const Line&) = delete;
+
+  std::ostream& Stream() noexcept { return *stream_; }
+  std::string_view Text() const noexcept;
+
+ private:
+  Buffer* buffer_;
+  std::ostream* stream_;
+  bool owned_;
+};
+
 }  // namespace tarn::log
 
 // TARN_LOG(level, tag, "Class::Method", message << values) forms
@@ -55,9 +78,9 @@ void RemoveHook(int id);
 #define TARN_LOG(level, tag, where, ...)                                \
   do {                                                                  \
     if (::tarn::log::Enabled(level)) {                                  \
-      std::ostringstream tarn_log_stream_;                              \
-      tarn_log_stream_ << __VA_ARGS__ << "(" << where << ")";           \
-      ::tarn::log::Write(level, tag, tarn_log_stream_.str());           \
+      ::tarn::log::Line tarn_log_line_;                                 \
+      tarn_log_line_.Stream() << __VA_ARGS__ << "(" << where << ")";    \
+      ::tarn::log::Write(level, tag, tarn_log_line_.Text());            \
     }                                                                   \
   } while (0)
 
