@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <utility>
 
 #include "pipeline/ServerResCallBack.h"
 #include "platform/log/tarn_log.h"
@@ -75,6 +76,13 @@ std::string ConnectManager::Render(const Json::Value& value) {
 
 ConvertedRequest ConnectManager::ConvertRequest(ServerResCallBack& callback,
                                                 ResponseStatus& status) {
+  ParsedHeader unused;
+  return ConvertRequest(callback, status, unused);
+}
+
+ConvertedRequest ConnectManager::ConvertRequest(ServerResCallBack& callback, ResponseStatus& status,
+                                                ParsedHeader& parsed) {
+  parsed.present = false;
   ConvertedRequest request;
   const std::string& text = callback.requestText;
   Json::Value root;
@@ -91,6 +99,8 @@ ConvertedRequest ConnectManager::ConvertRequest(ServerResCallBack& callback,
     if (HasKey(text, "\"apiLevel\"")) request.apiLevel = header["apiLevel"].asCString();
     if (HasKey(text, "\"srv_name\"")) request.srv_name = header["srv_name"].asCString();
     if (HasKey(text, "\"sdk_version\"")) request.sdk_version = header["sdk_version"].asCString();
+    parsed.header = std::move(header);
+    parsed.present = true;
   }
   if (HasKey(text, "\"body\"")) request.body = Render(root["body"]);
   return request;
@@ -121,8 +131,93 @@ RequestHeader ConnectManager::GetReqHeader(const std::string& headerText, Respon
   return header;
 }
 
+namespace {
+
+// The eleven keys and where each value lives, in the order a read takes them.
+struct HeaderField {
+  const char* quotedKey;
+  const char* key;
+  std::string RequestHeader::*field;
+};
+constexpr HeaderField kHeaderFields[] = {
+    {"\"version\"", "version", &RequestHeader::version},
+    {"\"srv_name\"", "srv_name", &RequestHeader::srv_name},
+    {"\"api_name\"", "api_name", &RequestHeader::api_name},
+    {"\"app_id\"", "app_id", &RequestHeader::app_id},
+    {"\"pkg_name\"", "pkg_name", &RequestHeader::pkg_name},
+    {"\"sdk_version\"", "sdk_version", &RequestHeader::sdk_version},
+    {"\"session_id\"", "session_id", &RequestHeader::session_id},
+    {"\"transaction_id\"", "transaction_id", &RequestHeader::transaction_id},
+    {"\"kitSdkVersion\"", "kitSdkVersion", &RequestHeader::kitSdkVersion},
+    {"\"apiLevel\"", "apiLevel", &RequestHeader::apiLevel},
+    {"\"client_id\"", "client_id", &RequestHeader::client_id},
+};
+
+bool IsAscii(const std::string& text) {
+  for (char c : text) {
+    if (static_cast<unsigned char>(c) >= 0x80) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+RequestHeader ConnectManager::GetReqHeader(const std::string& headerText, const ParsedHeader& parsed,
+                                           ResponseStatus& status) {
+  // Rendering and parsing again give back every value as it was, with one
+  // exception: the writer replaces bytes that aren't UTF-8. Such a value, or
+  // anything unusual, takes the way through the text.
+  if (!parsed.present || !parsed.header.isObject()) return GetReqHeader(headerText, status);
+  RequestHeader header;
+  const Json::Value& root = parsed.header;
+  for (const HeaderField& f : kHeaderFields) {
+    // A present key with a missing or non-string member throws, as it would
+    // from the text: the types survive the round trip.
+    if (HasKey(headerText, f.quotedKey)) header.*f.field = root[f.key].asCString();
+  }
+  for (const HeaderField& f : kHeaderFields) {
+    if (!IsAscii(header.*f.field)) return GetReqHeader(headerText, status);
+  }
+  return header;
+}
+
 std::string ConnectManager::GetResHeader(const RequestHeader& header,
                                          const ResponseStatus& status) {
+  // The template's keys are exactly the eleven set here, so the rendered
+  // object is these members in the library's key order, each value quoted by
+  // the library. A text with a zero byte inside takes the library's whole way.
+  const std::pair<const char*, const std::string*> members[] = {
+      {"{\"api_name\":", &header.api_name},
+      {",\"app_id\":", &header.app_id},
+      {",\"error_code\":", &status.error_code},
+      {",\"error_reason\":", &status.error_reason},
+      {",\"pkg_name\":", &header.pkg_name},
+      {",\"resolution\":", &status.resolution},
+      {",\"session_id\":", &header.session_id},
+      {",\"srv_name\":", &header.srv_name},
+      {",\"status_code\":", &status.status_code},
+      {",\"transaction_id\":", &header.transaction_id},
+      {",\"version\":", &header.version},
+  };
+  bool plain = ResHeaderTemplate() != nullptr;
+  std::size_t size = 2;
+  for (const auto& [prefix, value] : members) {
+    if (value->find('\0') != std::string::npos) plain = false;
+    size += std::char_traits<char>::length(prefix) + value->size() + 2;
+  }
+  if (!plain) return GetResHeaderFromTemplate(header, status);
+  std::string out;
+  out.reserve(size + 16);
+  for (const auto& [prefix, value] : members) {
+    out += prefix;
+    out += Json::valueToQuotedString(value->c_str());
+  }
+  out += "}\n";
+  return out;
+}
+
+std::string ConnectManager::GetResHeaderFromTemplate(const RequestHeader& header,
+                                                     const ResponseStatus& status) {
   const Json::Value* tmpl = ResHeaderTemplate();
   if (!tmpl) return {};
   Json::Value root = *tmpl;

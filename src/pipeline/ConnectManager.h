@@ -20,15 +20,32 @@ class ServerResCallBack;
 
 class ConnectManager {
  public:
+  // The request's "header" object as ConvertRequest parsed it, so that
+  // GetReqHeader can read it instead of parsing the rendered text again.
+  struct ParsedHeader {
+    Json::Value header;
+    bool present = false;  // header holds what the rendered header text was made of
+  };
+
   // Parses the callback's requestText. On text that is not JSON: status
   // 907135000 and an empty record. May throw Json::LogicError (see above).
   static ConvertedRequest ConvertRequest(ServerResCallBack& callback, ResponseStatus& status);
+  // The same, and hands the parsed header to `parsed`.
+  static ConvertedRequest ConvertRequest(ServerResCallBack& callback, ResponseStatus& status,
+                                         ParsedHeader& parsed);
   // Reads the eleven fields of a rendered header. Not JSON (or empty): status
   // 907135000 and an empty record. May throw Json::LogicError.
   static RequestHeader GetReqHeader(const std::string& headerText, ResponseStatus& status);
+  // The same result, logs and exceptions for the header text that ConvertRequest
+  // rendered from `parsed`, read from `parsed` where that gives the same values.
+  static RequestHeader GetReqHeader(const std::string& headerText, const ParsedHeader& parsed,
+                                    ResponseStatus& status);
 
   // Response header with the identity fields of header and the status fields.
   static std::string GetResHeader(const RequestHeader& header, const ResponseStatus& status);
+  // The same text made the long way: the parsed template, its members set, rendered.
+  static std::string GetResHeaderFromTemplate(const RequestHeader& header,
+                                              const ResponseStatus& status);
   // Response header with the status fields only.
   static void GetResErrorHeader(ResponseStatus& status, std::string& out);
 

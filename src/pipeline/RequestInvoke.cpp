@@ -19,7 +19,8 @@ void RequestInvoke::Excute(ServerResCallBack* callback) {
     ResponseStatus status;
     if (!IsInitComplite(callback, status)) return;
 
-    ConvertedRequest request = ConnectManager::ConvertRequest(*callback, status);
+    ConnectManager::ParsedHeader parsed;
+    ConvertedRequest request = ConnectManager::ConvertRequest(*callback, status, parsed);
     if (status.status_code != "0") {
       CLOGE("RequestInvoke::Excute", "req message parse error. msgIdentify = " << msgIdentify);
       callback->ExcuteError(status);
@@ -29,7 +30,7 @@ void RequestInvoke::Excute(ServerResCallBack* callback) {
                                        << request.header << " msgIdentify = " << msgIdentify);
 
     const std::string headerText = request.header;
-    RequestHeader header = ConnectManager::GetReqHeader(headerText, status);
+    RequestHeader header = ConnectManager::GetReqHeader(headerText, parsed, status);
     if (status.status_code != "0") {
       CLOGE("RequestInvoke::Excute", "req message parse error. msgIdentify = " << msgIdentify);
       callback->ExcuteError(status);

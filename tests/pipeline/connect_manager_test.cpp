@@ -191,4 +191,85 @@ TEST(ResponseBuilders, BodiesOfTheSpecialAnswers) {
   EXPECT_NE(std::string::npos, out.find(",\"body\":{\"forceUpdate\":\"2\"}\n}"));
 }
 
+// The request road reads the header that ConvertRequest parsed instead of its
+// rendered text, and renders response headers without the template's tree;
+// both must give what the long way gives, for any text.
+struct HeaderOutcome {
+  bool threw = false;
+  RequestHeader header;
+  ResponseStatus status;
+};
+
+HeaderOutcome ReadHeader(const std::string& text, bool fromParsed) {
+  Incoming in(text);
+  HeaderOutcome out;
+  try {
+    ConnectManager::ParsedHeader parsed;
+    ConvertedRequest r = ConnectManager::ConvertRequest(*in.callback, out.status, parsed);
+    out.header = fromParsed ? ConnectManager::GetReqHeader(r.header, parsed, out.status)
+                            : ConnectManager::GetReqHeader(r.header, out.status);
+  } catch (const Json::LogicError&) {
+    out.threw = true;
+  }
+  return out;
+}
+
+std::vector<std::string> Fields(const RequestHeader& h) {
+  return {h.version,    h.srv_name,       h.api_name,      h.app_id,   h.pkg_name, h.sdk_version,
+          h.session_id, h.transaction_id, h.kitSdkVersion, h.apiLevel, h.client_id};
+}
+
+TEST(GetReqHeader, ParsedHeaderReadsWhatTheRenderedTextReads) {
+  for (const std::string& text : {
+           std::string("{\"header\":{\"version\":\"1\",\"srv_name\":\"S\",\"api_name\":\"S.a\",\"app_id\":"
+                       "\"A\",\"pkg_name\":\"P\",\"sdk_version\":\"2\",\"session_id\":\"se\","
+                       "\"transaction_id\":\"tr\",\"kitSdkVersion\":\"k\",\"apiLevel\":\"9\","
+                       "\"client_id\":\"c\"},\"body\":{}}"),
+           std::string("{}"),
+           std::string("{\"body\":{\"header\":1}}"),
+           // Escapes, control characters, text that is and isn't UTF-8.
+           std::string("{\"header\":{\"app_id\":\"a\\\"b\\\\c\\n\\u0001\\/\",\"api_name\":\"x\"}}"),
+           std::string("{\"header\":{\"app_id\":\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\"}}"),
+           std::string("{\"header\":{\"app_id\":\"bad \xff\xfe \xc3\"}}"),
+           std::string("{\"header\":{\"app_id\":\"zero\\u0000cut\"}}"),
+           // A key spelled with an escape is present in the rendered text only.
+           std::string("{\"header\":{\"api\\u005fname\":\"E.e\"}}"),
+           // Keys that are present with other types, or only deeper down.
+           std::string("{\"header\":{\"client_id\":7}}"),
+           std::string("{\"header\":{\"client_id\":1.5e400}}"),
+           std::string("{\"header\":{\"client_id\":null}}"),
+           std::string("{\"header\":{\"x\":{\"client_id\":\"deep\"}}}"),
+           std::string("{\"header\":{\"x\":\"\\\"session_id\\\"\"}}"),
+           std::string("{\"header\":{\"pkg_name\":\"one\",\"pkg_name\":\"two\"}}"),
+       }) {
+    HeaderOutcome slow = ReadHeader(text, false);
+    HeaderOutcome fast = ReadHeader(text, true);
+    EXPECT_EQ(slow.threw, fast.threw) << text;
+    EXPECT_EQ(Fields(slow.header), Fields(fast.header)) << text;
+    EXPECT_EQ(slow.status.status_code, fast.status.status_code) << text;
+  }
+}
+
+TEST(ResponseBuilders, ResponseHeaderMatchesTheTemplateWay) {
+  const std::vector<std::string> values = {
+      "", "plain", "quote\" back\\ slash/", "tab\t nl\n cr\r \x01\x1f\x7f", "caf\xc3\xa9 \xf0\x9f\x98\x80",
+      "broken \xff\xc3 \xed\xa0\x80", std::string("zero\0inside", 11), "<script>&amp;"};
+  for (const std::string& v : values) {
+    RequestHeader h;
+    h.version = v;
+    h.srv_name = v + "s";
+    h.api_name = v;
+    h.app_id = "a";
+    h.pkg_name = v;
+    h.session_id = v;
+    h.transaction_id = v;
+    h.client_id = v;  // not in a response
+    ResponseStatus st;
+    st.resolution = v;
+    st.error_reason = v;
+    EXPECT_EQ(ConnectManager::GetResHeaderFromTemplate(h, st), ConnectManager::GetResHeader(h, st))
+        << v;
+  }
+}
+
 }  // namespace
