@@ -3,6 +3,7 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -17,8 +18,10 @@ constexpr const char* kResHeaderTemplate =
     "\"srv_name\":\"\",\"api_name\":\"\",\"app_id\":\"\",\"pkg_name\":\"\",\"session_id\":\"\","
     "\"transaction_id\":\"\",\"resolution\":\"\"}}";
 
+// The same answer as text.find(quotedKey) != npos; memmem is much quicker at
+// it in JSON, where the key's first character, '"', is everywhere.
 bool HasKey(const std::string& text, const char* quotedKey) {
-  return text.find(quotedKey) != std::string::npos;
+  return ::memmem(text.data(), text.size(), quotedKey, std::strlen(quotedKey)) != nullptr;
 }
 
 bool ParseText(const std::string& text, Json::Value& root) {
