@@ -14,7 +14,9 @@
 #include "access/scope_proxy.h"
 #include "access/scope_util.h"
 #include "access/zbrf_log_adapter.h"
+#include "config/ConfigPlatform.h"
 #include "container/ContainerRequestGates.h"
+#include "container/SystemEvents.h"
 #include "container/TarnContainerProcess.h"
 #include "kit/KitManagerApi.h"
 #include "container/pipe_message.h"
@@ -31,6 +33,15 @@
 namespace {
 
 using VantrelThread::ThreadManager;
+
+// The configuration hands each package's ServiceInfo.json to the service
+// framework, which is how the scope service becomes known.
+class ZbrfServiceInfoRegistrar : public tarn::config::ServiceInfoRegistrar {
+ public:
+  bool RegisterServiceInfo(const std::string& path) override {
+    return tarn::zbrf::ZServiceManager::GetInstance().RegisterServiceInfo(path);
+  }
+};
 
 // The exit handle as a descriptor to wait on: values beyond the descriptor
 // range are as invalid as a closed one.
@@ -51,9 +62,9 @@ int TarnCoreContainerMain(const std::wstring& commandLine) {
 
   if (!SetPrivilege()) CLOGE("main", "SetPrivilege failed.");
 
-  // Session events stop at the listener until the kit runtime's
-  // NotifyWinEventToKit and NoticeManager::LogonToCheckPrivacyNotice are
-  // installed here with TarnContainerProcess::SetEventHandlers.
+  // Session events go on to the kits. NoticeManager::LogonToCheckPrivacyNotice
+  // joins here when the privacy notice exists.
+  TarnContainerProcess::SetEventHandlers({&NotifyWinEventToKit, {}});
   if (TarnContainerProcess::GetParentPipeHandle(PipeHandles)) {
     ThreadManager::Instance().Create(TarnContainerProcess::Pipe_Listen, &PipeHandles.pipeRead,
                                      "TarnContainerProcess::Pipe_Listen", false);
@@ -105,6 +116,8 @@ std::uint32_t svcThreadFun(void* /*param*/) {
   ServerManager::GetInstance().ServerInit();
   CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun IPCServer end.");
 
+  static ZbrfServiceInfoRegistrar registrar;
+  tarn::config::SetServiceInfoRegistrar(&registrar);
   KitManagerApi::GetInstance().Init();
 
   // The manager owns the adapter.
