@@ -12,6 +12,15 @@ void ToLowerInPlace(std::string& text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
 }
 
+// Whether `key`, lower-cased the way ToLowerInPlace does it, equals `lowered`.
+bool EqualsLowered(const std::string& key, const std::string& lowered) {
+  if (key.size() != lowered.size()) return false;
+  for (std::size_t i = 0; i < key.size(); ++i) {
+    if (static_cast<char>(std::tolower(static_cast<unsigned char>(key[i]))) != lowered[i]) return false;
+  }
+  return true;
+}
+
 // "0", "12", "007" pass; "-1", "1.5", " 1", "-" and "" fail.
 bool IsNonNegativeIntegerText(const std::string& text) {
   if (text.empty()) return false;
@@ -70,22 +79,56 @@ bool ConfigManager::GetAPIInfo(std::string& uri, KitApiDetailInfo& info, Respons
     SetResponseStatus(status, TarnStatus::kApiNotSupported);
     return false;
   }
-  // The caller's own uri is lower-cased on purpose: everything after the gate sees it so.
-  ToLowerInPlace(uri);
-  // Keys keep their manifest case, so this is a scan and not a lookup.
-  for (const auto& [key, record] : kitApiDispathMap) {
-    std::string uriTemp = key;
-    ToLowerInPlace(uriTemp);
-    CLOGD("ConfigManager::GetAPIInfo", "kitApiDispathMap uriTemp." << uriTemp);
-    if (uriTemp == uri) {
-      CLOGD("ConfigManager::GetAPIInfo", "uri equal uriTemp.");
-      std::shared_ptr<KitApiDetailInfo> held = record;
-      if (held) info = *held;
-      CLOGD("ConfigManager::GetAPIInfo", "kitAPiInfo message kitName." << info.kitName);
-      return true;
-    }
+  bool matched = false;
+  std::shared_ptr<KitApiDetailInfo> held = ScanApiDispathMap(uri, matched);
+  if (matched) {
+    if (held) info = *held;
+    CLOGD("ConfigManager::GetAPIInfo", "kitAPiInfo message kitName." << info.kitName);
   }
   return true;
+}
+
+std::shared_ptr<const KitApiDetailInfo> ConfigManager::FindAPIInfo(std::string& uri,
+                                                                   ResponseStatus& status) {
+  if (kitApiDispathMap.empty()) {
+    CLOGE("ConfigManager::GetAPIInfo", "kitApiDispathMap is empty.");
+    SetResponseStatus(status, TarnStatus::kApiNotSupported);
+    return nullptr;
+  }
+  bool matched = false;
+  std::shared_ptr<KitApiDetailInfo> held = ScanApiDispathMap(uri, matched);
+  if (matched) {
+    CLOGD("ConfigManager::GetAPIInfo",
+          "kitAPiInfo message kitName." << (held ? held->kitName : std::string()));
+  }
+  return held;
+}
+
+std::shared_ptr<KitApiDetailInfo> ConfigManager::ScanApiDispathMap(std::string& uri, bool& matched) {
+  matched = false;
+  // The caller's own uri is lower-cased on purpose: everything after the gate sees it so.
+  ToLowerInPlace(uri);
+  // Keys keep their manifest case, so this is a scan and not a lookup. The
+  // lower-cased copy of each key is made only when the debug line shows it.
+  const bool showKeys = tarn::log::Enabled(tarn::log::Level::Debug);
+  std::string uriTemp;
+  for (const auto& [key, record] : kitApiDispathMap) {
+    bool equal;
+    if (showKeys) {
+      uriTemp = key;
+      ToLowerInPlace(uriTemp);
+      CLOGD("ConfigManager::GetAPIInfo", "kitApiDispathMap uriTemp." << uriTemp);
+      equal = uriTemp == uri;
+    } else {
+      equal = EqualsLowered(key, uri);
+    }
+    if (equal) {
+      CLOGD("ConfigManager::GetAPIInfo", "uri equal uriTemp.");
+      matched = true;
+      return record;
+    }
+  }
+  return nullptr;
 }
 
 void ConfigManager::GetKitApiLevel(const std::string& kitName, std::string& apiLevel) {
@@ -124,14 +167,14 @@ bool ConfigManager::CheckApiLevel(RequestHeader& header, ResponseStatus& status)
     return false;
   }
 
-  KitApiDetailInfo info;
-  GetAPIInfo(header.api_name, info, status);
-  if (info.apiLevel.empty()) {
+  // What GetAPIInfo would copy into a fresh record, read in place.
+  std::shared_ptr<const KitApiDetailInfo> info = FindAPIInfo(header.api_name, status);
+  if (!info || info->apiLevel.empty()) {
     CLOGE("ConfigManager::CheckApiLevel", "uri is not supported. uri = " << header.api_name);
     SetResponseStatus(status, TarnStatus::kApiNotSupported);
     return false;
   }
-  if (callerLevel <= tarn::config::Atoi32(info.apiLevel)) return true;
+  if (callerLevel <= tarn::config::Atoi32(info->apiLevel)) return true;
   CLOGE("ConfigManager::CheckApiLevel", "APILevel is low, need update. uri = " << header.api_name);
   SetLevelTooLowStatus(header, status);
   return false;

@@ -120,6 +120,9 @@ class ConfigManager {
   // Lower-cases `uri` in place. True unless the map is empty; `info` is filled
   // only when some key matches without regard to case.
   bool GetAPIInfo(std::string& uri, KitApiDetailInfo& info, ResponseStatus& status);
+  // GetAPIInfo with a fresh record, without the copy: the same scan, logs,
+  // lower-casing and status; the matching record, or null when none matched.
+  std::shared_ptr<const KitApiDetailInfo> FindAPIInfo(std::string& uri, ResponseStatus& status);
   // True if the caller's apiLevel is served. Lower-cases header.api_name.
   bool CheckApiLevel(RequestHeader& header, ResponseStatus& status);
   void GetKitApiLevel(const std::string& kitName, std::string& apiLevel);
@@ -132,6 +135,9 @@ class ConfigManager {
 
  private:
   ConfigManager() = default;
+  // The scan of GetAPIInfo with its debug lines; `matched` tells a matching
+  // key from none.
+  std::shared_ptr<KitApiDetailInfo> ScanApiDispathMap(std::string& uri, bool& matched);
 };
 
 // Fills `path` with the copy of remoteConfig.json to read: the cached copy if it

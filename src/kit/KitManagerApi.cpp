@@ -207,10 +207,10 @@ bool KitManagerApi::CheckApiPermission(ServerResCallBack* item, ConvertedRequest
                                        RequestHeader& header, ResponseStatus& status) {
   const bool isTarnCoreRequest = item && item->isTarnCoreRequest;
   auto lookup = [&request]() {
-    KitApiDetailInfo api;
     ResponseStatus ignored;
-    ConfigManager::GetInstance().GetAPIInfo(request.api_name, api, ignored);
-    return tarn::access::KitApiGates::ApiPermissionInfo{api.apiName, api.permission, api.scopeUri};
+    auto api = ConfigManager::GetInstance().FindAPIInfo(request.api_name, ignored);
+    if (!api) return tarn::access::KitApiGates::ApiPermissionInfo{};
+    return tarn::access::KitApiGates::ApiPermissionInfo{api->apiName, api->permission, api->scopeUri};
   };
   return tarn::access::KitApiGates::CheckApiPermission(isTarnCoreRequest, request.api_name, header,
                                                        lookup, status);
