@@ -60,7 +60,9 @@ spdlog::level::level_enum ToSpd(Level level) {
 // what a new std::ostringstream would be.
 class Line::Buffer : public std::streambuf {
  public:
-  Buffer() : stream(this) {}
+  // The stream keeps the locale it was made with; integers are written
+  // directly only where that locale formats them as std::to_chars does.
+  Buffer() : stream(this), classicNumbers(stream.getloc() == std::locale::classic()) {}
 
   void Reset() {
     text.clear();
@@ -74,6 +76,7 @@ class Line::Buffer : public std::streambuf {
 
   std::string text;
   std::ostream stream;
+  const bool classicNumbers;
   bool busy = false;
 
  protected:
@@ -146,6 +149,39 @@ class SpinThenSleepMutex {
 
 using RotatingFile = spdlog::sinks::rotating_file_sink<SpinThenSleepMutex>;
 
+// "%Y-%m-%d %H:%M:%S" of the line's time, written once per second of a
+// thread's lines instead of field by field for each line.
+class DateTimeFlag final : public spdlog::custom_flag_formatter {
+ public:
+  void format(const spdlog::details::log_msg& msg, const std::tm&, spdlog::memory_buf_t& dest) override {
+    const auto second = std::chrono::duration_cast<std::chrono::seconds>(msg.time.time_since_epoch());
+    if (second != second_ || size_ == 0) {
+      // The pattern's own time fields would have used the local time too.
+      const std::tm tm = spdlog::details::os::localtime(spdlog::log_clock::to_time_t(msg.time));
+      int n = std::snprintf(text_, sizeof(text_), "%d-%02d-%02d %02d:%02d:%02d", tm.tm_year + 1900,
+                            tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+      size_ = n > 0 ? std::min(static_cast<std::size_t>(n), sizeof(text_) - 1) : 0;
+      second_ = second;
+    }
+    dest.append(text_, text_ + size_);
+  }
+  std::unique_ptr<spdlog::custom_flag_formatter> clone() const override {
+    return std::make_unique<DateTimeFlag>();
+  }
+
+ private:
+  std::chrono::seconds second_{0};
+  char text_[64] = {};
+  std::size_t size_ = 0;
+};
+
+std::unique_ptr<spdlog::formatter> MakeLineFormatter(const std::string& pattern) {
+  auto formatter = std::make_unique<spdlog::pattern_formatter>();
+  formatter->add_flag<DateTimeFlag>('*');
+  formatter->set_pattern(pattern);
+  return formatter;
+}
+
 // Hands the rotating file a line that is already formatted.
 class Verbatim final : public spdlog::formatter {
  public:
@@ -163,7 +199,7 @@ class Verbatim final : public spdlog::formatter {
 class FileSink final : public spdlog::sinks::sink {
  public:
   FileSink(const std::string& path, std::size_t maxSize, std::size_t maxFiles, const std::string& pattern)
-      : id_(NextId()), pattern_(std::make_unique<spdlog::pattern_formatter>(pattern)) {
+      : id_(NextId()), pattern_(MakeLineFormatter(pattern)) {
     // A larger buffer than stdio's own means one write(2) per many lines.
     auto buffer = std::make_shared<std::vector<char>>(64 * 1024);
     spdlog::file_event_handlers handlers;
@@ -285,7 +321,8 @@ void Open(const std::string& baseName, int fileCount, int fileSizeMiB) {
     auto sink = std::make_shared<FileSink>(
         path, static_cast<std::size_t>(std::max(1, fileSizeMiB)) * 1024 * 1024,
         static_cast<std::size_t>(std::max(1, fileCount) - 1),
-        "[%Y-%m-%d %H:%M:%S.%e] [" + std::to_string(::getpid()) + ":%t] [%L] %v");
+        // %* is "%Y-%m-%d %H:%M:%S", kept per second.
+        "[%*.%e] [" + std::to_string(::getpid()) + ":%t] [%L] %v");
     logger = std::make_shared<spdlog::logger>(baseName, std::move(sink));
     logger->set_level(spdlog::level::trace);  // the threshold is tested before formatting
     logger->flush_on(spdlog::level::warn);    // failures reach the disk at once
@@ -356,6 +393,31 @@ Line::~Line() {
 }
 
 std::string_view Line::Text() const noexcept { return buffer_->text; }
+
+Line& Line::operator<<(const char* text) {
+  if (!text) {
+    *stream_ << text;  // what a stream does with a null text: it fails from here on
+    return *this;
+  }
+  return Append(std::string_view(text));
+}
+
+Line& Line::Append(std::string_view text) {
+  // A stream that failed writes nothing more; a width pads.
+  if (stream_->good() && stream_->width() == 0) {
+    buffer_->text.append(text);
+  } else {
+    *stream_ << text;
+  }
+  return *this;
+}
+
+bool Line::PlainNumbers() const noexcept {
+  return buffer_->classicNumbers && stream_->good() && stream_->width() == 0 &&
+         stream_->flags() == (std::ios_base::dec | std::ios_base::skipws);
+}
+
+void Line::AppendRaw(const char* data, std::size_t size) { buffer_->text.append(data, size); }
 
 int AddHook(Hook hook) {
   State& s = GetState();

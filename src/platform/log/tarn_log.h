@@ -2,6 +2,7 @@
 // The container's log: the five functions the system calls by name, on spdlog
 // with a buffered rotating file, plus a level test so hot paths can skip
 // building text nobody will read.
+#include <charconv>
 #include <functional>
 #include <ostream>
 #include <sstream>  // callers have long relied on it
@@ -49,10 +50,12 @@ using Hook = std::function<void(const Record&)>;
 int AddHook(Hook hook);
 void RemoveHook(int id);
 
-// The text of one line while it is formed, through a std::ostream with its
-// default formatting. It borrows its thread's stream, so a line costs no
-// stream construction; a line formed while another one is (a value whose
-// operator<< logs) gets a stream of its own.
+// The text of one line while it is formed, with what a new std::ostringstream
+// would make of the same insertions. It borrows its thread's stream, so a line
+// costs no stream construction; a line formed while another one is (a value
+// whose operator<< logs) gets a stream of its own. Texts and integers go
+// straight into the text while the stream has its default formatting; every
+// other value, and every value after a manipulator, goes through the stream.
 class Line {
  public:
   class Buffer;  // defined by the log library
@@ -65,7 +68,49 @@ class Line {
   std::ostream& Stream() noexcept { return *stream_; }
   std::string_view Text() const noexcept;
 
+  Line& operator<<(const char* text);
+  Line& operator<<(const std::string& text) { return Append(text); }
+  Line& operator<<(std::string_view text) { return Append(text); }
+  Line& operator<<(int value) { return Integer(value); }
+  Line& operator<<(long value) { return Integer(value); }
+  Line& operator<<(long long value) { return Integer(value); }
+  Line& operator<<(unsigned value) { return Integer(value); }
+  Line& operator<<(unsigned long value) { return Integer(value); }
+  Line& operator<<(unsigned long long value) { return Integer(value); }
+  Line& operator<<(std::ostream& (*manipulator)(std::ostream&)) {
+    *stream_ << manipulator;
+    return *this;
+  }
+  Line& operator<<(std::ios_base& (*manipulator)(std::ios_base&)) {
+    *stream_ << manipulator;
+    return *this;
+  }
+  template <typename T>
+  Line& operator<<(const T& value) {
+    *stream_ << value;
+    return *this;
+  }
+
  private:
+  Line& Append(std::string_view text);
+  template <typename I>
+  Line& Integer(I value) {
+    char digits[24];
+    auto end = std::to_chars(digits, digits + sizeof(digits), value).ptr;
+    return AppendNumber(digits, static_cast<std::size_t>(end - digits), value);
+  }
+  template <typename I>
+  Line& AppendNumber(const char* digits, std::size_t size, I value) {
+    if (PlainNumbers()) {
+      AppendRaw(digits, size);
+    } else {
+      *stream_ << value;
+    }
+    return *this;
+  }
+  bool PlainNumbers() const noexcept;
+  void AppendRaw(const char* data, std::size_t size);
+
   Buffer* buffer_;
   std::ostream* stream_;
   bool owned_;
@@ -79,7 +124,7 @@ class Line {
   do {                                                                  \
     if (::tarn::log::Enabled(level)) {                                  \
       ::tarn::log::Line tarn_log_line_;                                 \
-      tarn_log_line_.Stream() << __VA_ARGS__ << "(" << where << ")";    \
+      tarn_log_line_ << __VA_ARGS__ << "(" << where << ")";             \
       ::tarn::log::Write(level, tag, tarn_log_line_.Text());            \
     }                                                                   \
   } while (0)
