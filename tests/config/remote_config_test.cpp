@@ -315,6 +315,10 @@ TEST_F(RemoteConfig, DemoInstallationReads) {
     fs::create_directories(install + "kits/" + package);
     fs::copy_file(source + "/kits/" + package + "/kitManifest.json", ManifestPath(package));
   }
+  // The scope service's package has a manifest without kits.
+  fs::create_directories(install + "kits/com.vantrel.scopeservice");
+  fs::copy_file(source + "/services/scope/package/kitManifest.json",
+                ManifestPath("com.vantrel.scopeservice"));
   ASSERT_TRUE(cm.Init());
   EXPECT_TRUE(ErrorLines().empty());
   for (const char* uri : {"Demo.Echo", "Demo.Late", "Demo.Broadcast", "DemoLazy.Hello"}) {
