@@ -1,6 +1,5 @@
 #include "platform/ipc/ipc_client.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -73,6 +72,7 @@ struct Conn {
   std::vector<char> buffer = std::vector<char>(64 * 1024);
   std::size_t start = 0;
   std::size_t end = 0;
+  long long receiveTimeoutMs = 0;  // SO_RCVTIMEO as last set; 0: none (wait for ever)
   ~Conn() {
     if (fd >= 0) ::close(fd);
   }
@@ -109,24 +109,36 @@ ReadResult ReadFrame(Conn& c, const Clock::time_point* deadline, Frame& out) {
       c.end = have;
     }
     if (c.end == c.buffer.size()) c.buffer.resize(c.buffer.size() * 2);
+    int flags = 0;
     if (deadline) {
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now());
-      // Round up so a wait never ends just short of its deadline.
-      int ms = left.count() <= 0 ? 0 : static_cast<int>(left.count()) + 1;
-      pollfd p{c.fd, POLLIN, 0};
-      int r = ::poll(&p, 1, ms);
-      if (r < 0 && errno == EINTR) continue;
-      if (r == 0) {
-        if (Clock::now() >= *deadline) return ReadResult::Timeout;
-        continue;
+      // The wait is the receive itself, bounded by the socket's receive
+      // time-out. That stays as it is while it ends no later than the
+      // deadline (calls with the same time-out leave it alone); a receive
+      // that ends early with EAGAIN just comes round again.
+      auto left = std::chrono::duration_cast<std::chrono::microseconds>(*deadline - Clock::now());
+      if (left.count() <= 0) {
+        flags = MSG_DONTWAIT;  // what is there already still counts
+      } else {
+        // Round up so a wait never ends just short of its deadline.
+        const long long ms = (left.count() + 999) / 1000;
+        if (c.receiveTimeoutMs == 0 || c.receiveTimeoutMs > ms) {
+          timeval tv{};
+          tv.tv_sec = static_cast<time_t>(ms / 1000);
+          tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
+          if (::setsockopt(c.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0) return ReadResult::Dead;
+          c.receiveTimeoutMs = ms;
+        }
       }
     }
-    ssize_t n = ::recv(c.fd, c.buffer.data() + c.end, c.buffer.size() - c.end, 0);
+    ssize_t n = ::recv(c.fd, c.buffer.data() + c.end, c.buffer.size() - c.end, flags);
     if (n > 0) {
       c.end += static_cast<std::size_t>(n);
       continue;
     }
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)) {
+      if (deadline && Clock::now() >= *deadline) return ReadResult::Timeout;
+      continue;
+    }
     return ReadResult::Dead;
   }
 }
