@@ -90,6 +90,14 @@ double ProcessCpuMicros() {
   return micros(usage.ru_utime) + micros(usage.ru_stime);
 }
 
+// Context switches of the whole process, voluntary (a thread waits) and not:
+// on a virtual machine each one costs more than the work of a small request.
+double ProcessContextSwitches() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw);
+}
+
 // Latencies of all clients of one run; the last client to finish reports.
 struct Samples {
   std::mutex mutex;
@@ -97,11 +105,15 @@ struct Samples {
   int started = 0;
   int done = 0;
   double cpuAtStart = 0;
+  double switchesAtStart = 0;
   std::uint64_t requests = 0;
 
   void Start() {
     std::lock_guard lock(mutex);
-    if (started++ == 0) cpuAtStart = ProcessCpuMicros();
+    if (started++ == 0) {
+      cpuAtStart = ProcessCpuMicros();
+      switchesAtStart = ProcessContextSwitches();
+    }
   }
 
   void Report(benchmark::State& state, std::vector<double>& mine) {
@@ -110,6 +122,7 @@ struct Samples {
     requests += state.iterations();
     if (++done < state.threads()) return;
     const double cpu = ProcessCpuMicros() - cpuAtStart;
+    const double switches = ProcessContextSwitches() - switchesAtStart;
     std::sort(micros.begin(), micros.end());
     auto at = [&](double q) {
       return micros.empty() ? 0.0 : micros[std::min(micros.size() - 1, static_cast<std::size_t>(q * micros.size()))];
@@ -118,6 +131,7 @@ struct Samples {
     state.counters["p50_us"] = at(0.50);
     state.counters["p99_us"] = at(0.99);
     state.counters["cpu_us_per_req"] = requests ? cpu / static_cast<double>(requests) : 0.0;
+    state.counters["switches_per_req"] = requests ? switches / static_cast<double>(requests) : 0.0;
     micros.clear();
     started = done = 0;
     requests = 0;
