@@ -1,0 +1,134 @@
+#include "framework_request.h"
+
+#include <json/reader.h>
+#include <json/writer.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdint>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include "platform/ipc/ipc_client.h"
+#include "platform/ipc/ipc_message.h"
+#include "platform/os/random.h"
+
+namespace tarn::tools {
+
+namespace {
+
+constexpr int kClientUnreachable = 9001;
+constexpr int kClientConnectionLost = 9002;
+constexpr int kClientTimeout = 9003;
+constexpr int kAnswerTimeoutMs = 5000;
+// The container answers this while its kit manager is still starting.
+constexpr const char* kNotInited = "907135011";
+
+std::string RandomHex(std::size_t bytes) {
+  std::string raw(bytes, '\0');
+  tarn::os::CryptGenRandom(static_cast<std::uint32_t>(bytes), reinterpret_cast<std::uint8_t*>(raw.data()));
+  static const char* digits = "0123456789abcdef";
+  std::string out;
+  for (unsigned char b : raw) {
+    out += digits[b >> 4];
+    out += digits[b & 15];
+  }
+  return out;
+}
+
+std::int32_t RandomSyncId() {
+  std::uint32_t v = 0;
+  tarn::os::CryptGenRandom(sizeof(v), reinterpret_cast<std::uint8_t*>(&v));
+  return static_cast<std::int32_t>((v & 0x7fffffff) | 1);
+}
+
+std::string RequestText(const std::string& uri, const Json::Value& body, const std::string& pkgName) {
+  Json::Value header(Json::objectValue);
+  header["version"] = "1.0";
+  header["srv_name"] = "Framework";
+  header["api_name"] = uri;
+  header["app_id"] = kCoreClientId;
+  header["pkg_name"] = pkgName;
+  header["sdk_version"] = "5.3.0.300";
+  header["session_id"] = RandomHex(8);
+  header["transaction_id"] = RandomHex(16);
+  header["kitSdkVersion"] = "5.3.0.300";
+  header["apiLevel"] = "1";
+  header["client_id"] = kCoreClientId;
+  Json::Value request(Json::objectValue);
+  request["header"] = header;
+  request["body"] = body;
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return Json::writeString(builder, request);
+}
+
+FrameworkAnswer SendOnce(const std::string& text) {
+  FrameworkAnswer answer;
+  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
+  TagIPCMessageItem item;
+  item.target = IpcAddressContainer;
+  item.source = IpcAddressClientSide;
+  item.messageCode = IpcRequestMessageCode;
+  item.subCode = 0;
+  item.reserved = -1;
+  item.syncMessageId = RandomSyncId();
+  item.body = const_cast<char*>(text.c_str());
+  item.bodySize = static_cast<std::uint32_t>(text.size() + 1);
+  answer.clientCode = client.SendMessageSync(item, answer.text, kAnswerTimeoutMs);
+  if (answer.clientCode == 0) ReadAnswer(answer.text, answer);
+  return answer;
+}
+
+bool WorthRetrying(const FrameworkAnswer& answer) {
+  return answer.clientCode == kClientUnreachable || answer.clientCode == kClientConnectionLost ||
+         answer.clientCode == kClientTimeout || answer.statusCode == kNotInited;
+}
+
+}  // namespace
+
+void ReadAnswer(const std::string& text, FrameworkAnswer& answer) {
+  Json::Value root;
+  std::string errors;
+  std::istringstream in(text);
+  if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors) || !root.isObject()) return;
+  const Json::Value& status = root["header"]["status_code"];
+  if (status.isString()) answer.statusCode = status.asString();
+  for (const Json::Value* holder : {&root, &root["body"]}) {
+    if (holder->isObject() && (*holder)["returnCode"].isBool()) {
+      answer.hasReturnCode = true;
+      answer.returnCode = (*holder)["returnCode"].asBool();
+      return;
+    }
+  }
+}
+
+FrameworkAnswer SendFrameworkRequest(const std::string& uri, const Json::Value& body,
+                                     const std::string& pkgName, int waitMs) {
+  const std::string text = RequestText(uri, body, pkgName);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(waitMs, 0));
+  for (;;) {
+    FrameworkAnswer answer = SendOnce(text);
+    if (!WorthRetrying(answer) || std::chrono::steady_clock::now() >= deadline) return answer;
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
+}
+
+bool TerminalAttached() { return ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1; }
+
+Choice AskOnTerminal(const std::string& question) {
+  std::cout << question << " [y/N] " << std::flush;
+  std::string line;
+  if (!std::getline(std::cin, line)) {
+    std::cout << "\n";
+    return Choice::kNone;
+  }
+  std::transform(line.begin(), line.end(), line.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return line == "y" || line == "yes" ? Choice::kAccept : Choice::kDecline;
+}
+
+}  // namespace tarn::tools

@@ -1,0 +1,132 @@
+// TarnCoreUI: the update dialogs, on the terminal.
+//
+// The container starts it with one of two command lines:
+//   Dialog_ApiLevel  asks the user whether to update now, and tells the
+//                    container the decision ("907135014" agreed, "907135010"
+//                    refused); on agreement the container starts it again with
+//   Upgrade          which reports the update's outcome ("0" done, "907135007"
+//                    failed) for the whole platform.
+// Both answers go as "Framework.UpdatekitResult". The container counts an
+// update as in progress while a process of this name runs.
+#include <json/value.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include "framework_request.h"
+#include "platform/log/tarn_log.h"
+
+namespace {
+
+constexpr int kExitReported = 0;
+constexpr int kExitNotReported = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitNoAnswer = 3;
+constexpr int kDefaultWaitMs = 10000;
+
+constexpr const char* kUserAgree = "907135014";
+constexpr const char* kUserRefuse = "907135010";
+constexpr const char* kUpdateFailed = "907135007";
+constexpr const char* kUpdateDone = "0";
+// The container answers a result it took with this status.
+constexpr const char* kInvokeSuccess = "907135009";
+// What an update of the platform covers.
+constexpr const char* kUpdateKitName = "ALL";
+
+#define ULOG(level, where, ...) TARN_LOG(::tarn::log::Level::level, "ui", where, __VA_ARGS__)
+
+const char* kUsage = R"(Usage: TarnCoreUI Dialog_ApiLevel|Upgrade [--accept|--decline] [--wait MS]
+
+Dialog_ApiLevel  asks whether to update now; --accept or --decline answers
+                 without asking, otherwise the question goes to the terminal
+Upgrade          shows that the update runs and reports its outcome. This
+                 build has no updater of its own: --accept reports a finished
+                 update, anything else a failed one
+
+--wait MS  how long to keep trying to reach the container (default 10000)
+
+Exit status: 0 reported, 1 not reported, 2 usage, 3 no answer.
+)";
+
+// The dialogs' texts (en-US).
+const char* kPrompting = "prompting";
+const char* kNeedUpdate = "Tarn Core service components need to be updated. Update now?";
+const char* kUpdating = "Tarn Core service components are being updated.";
+
+bool Report(const std::string& resultCode, bool withKitName, int waitMs) {
+  Json::Value body(Json::objectValue);
+  body["resultCode"] = resultCode;
+  if (withKitName) body["updateKitName"] = kUpdateKitName;
+  const auto answer = tarn::tools::SendFrameworkRequest("Framework.UpdatekitResult", body, "TarnCoreUI", waitMs);
+  const bool taken = answer.clientCode == 0 && answer.statusCode == kInvokeSuccess;
+  ULOG(Info, "TarnCoreUI::Report",
+       "UpdatekitResult resultCode = " << resultCode << " client code = " << answer.clientCode
+                                       << " status = " << answer.statusCode);
+  return taken;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) {
+    std::cerr << kUsage;
+    return kExitUsage;
+  }
+  const std::string mode = argv[1];
+  if (mode != "Dialog_ApiLevel" && mode != "Upgrade") {
+    std::cerr << "TarnCoreUI: unknown command " << mode << "\n\n" << kUsage;
+    return kExitUsage;
+  }
+  tarn::tools::Choice choice = tarn::tools::Choice::kNone;
+  int waitMs = kDefaultWaitMs;
+  for (int i = 2; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--accept") {
+      choice = tarn::tools::Choice::kAccept;
+    } else if (arg == "--decline") {
+      choice = tarn::tools::Choice::kDecline;
+    } else if (arg == "--wait" && i + 1 < argc) {
+      char* end = nullptr;
+      const long v = std::strtol(argv[++i], &end, 10);
+      if (*end != '\0' || v < 0 || v > 600000) {
+        std::cerr << "TarnCoreUI: --wait needs milliseconds\n";
+        return kExitUsage;
+      }
+      waitMs = static_cast<int>(v);
+    } else {
+      std::cerr << "TarnCoreUI: unknown argument " << arg << "\n\n" << kUsage;
+      return kExitUsage;
+    }
+  }
+
+  tarn::log::Open("TarnCoreUI", 2, 1);
+  ULOG(Info, "TarnCoreUI::main", "TarnCoreUI begin, command = " << mode);
+  const bool terminal = tarn::tools::TerminalAttached();
+
+  bool reported;
+  if (mode == "Dialog_ApiLevel") {
+    if (choice == tarn::tools::Choice::kNone && terminal) {
+      std::cout << kPrompting << "\n";
+      choice = tarn::tools::AskOnTerminal(kNeedUpdate);
+    }
+    if (choice == tarn::tools::Choice::kNone) {
+      // Unanswered, the container lets the update go a minute after this
+      // process has ended.
+      ULOG(Info, "TarnCoreUI::main", "no terminal and no answer given; nothing reported.");
+      return kExitNoAnswer;
+    }
+    reported = Report(choice == tarn::tools::Choice::kAccept ? kUserAgree : kUserRefuse, false, waitMs);
+  } else {
+    if (terminal) std::cout << kUpdating << "\n";
+    // This build has no updater of its own to run: without --accept the
+    // outcome is a failed update, which the container passes on to clients.
+    const bool done = choice == tarn::tools::Choice::kAccept;
+    if (choice == tarn::tools::Choice::kNone) {
+      ULOG(Error, "TarnCoreUI::main", "no updater available; the update failed.");
+    }
+    reported = Report(done ? kUpdateDone : kUpdateFailed, true, waitMs);
+  }
+  ULOG(Info, "TarnCoreUI::main", "TarnCoreUI end, reported = " << reported);
+  return reported ? kExitReported : kExitNotReported;
+}
