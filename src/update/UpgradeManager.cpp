@@ -1,0 +1,257 @@
+#include "update/UpgradeManager.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "config/ConfigManager.h"
+#include "config/ConfigPlatform.h"
+#include "platform/appupdate/upgrade_api.h"
+#include "platform/commonutil/de.h"
+#include "platform/commonutil/vtprocess.h"
+#include "platform/log/tarn_log.h"
+#include "platform/os/event.h"
+#include "platform/os/named_mutex.h"
+#include "platform/os/places.h"
+#include "platform/os/process.h"
+#include "platform/os/registry.h"
+#include "platform/os/text.h"
+#include "platform/security/security.h"
+#include "thread/ThreadManager.h"
+
+using VantrelThread::ThreadManager;
+using VantrelThread::ThreadParam;
+
+namespace {
+constexpr int kMonitorChecks = 3;
+// The UI's name in log lines is the system's own; the file drops the suffix.
+constexpr const char* kUiFileName = "TarnCoreUI";
+constexpr const char* kInstallMutex = "TarnCore_Install";
+constexpr const char* kDownloadDir = "/Vantrel/TARNCORE/Download";
+constexpr const char* kServiceDb = "tarncoreservice.db";
+constexpr std::size_t kRegistryReadLimit = 64 * 1024;
+
+// A line of /proc/net/route or /proc/net/ipv6_route naming a usable default route.
+bool HasDefaultRoute(const char* file, bool v6) {
+  std::ifstream in(file);
+  std::string line;
+  constexpr unsigned long kRtfUp = 0x1, kRtfReject = 0x200;
+  while (std::getline(in, line)) {
+    std::istringstream fields(line);
+    std::vector<std::string> f;
+    for (std::string w; fields >> w;) f.push_back(w);
+    if (v6) {
+      // dest plen src splen nexthop metric ref use flags iface
+      if (f.size() < 10 || f[9] == "lo") continue;
+      if (f[0] != std::string(32, '0') || f[1] != "00") continue;
+      const unsigned long flags = std::strtoul(f[8].c_str(), nullptr, 16);
+      if ((flags & kRtfUp) && !(flags & kRtfReject)) return true;
+    } else {
+      // Iface Destination Gateway Flags RefCnt Use Metric Mask ...
+      if (f.size() < 8 || f[1] != "00000000" || f[7] != "00000000") continue;
+      const unsigned long flags = std::strtoul(f[3].c_str(), nullptr, 16);
+      if ((flags & kRtfUp) && !(flags & kRtfReject)) return true;
+    }
+  }
+  return false;
+}
+}  // namespace
+
+bool InternetGetConnectedState() {
+  return HasDefaultRoute("/proc/net/route", false) || HasDefaultRoute("/proc/net/ipv6_route", true);
+}
+
+UpgradeManager& UpgradeManager::GetInstance() {
+  static UpgradeManager instance;
+  return instance;
+}
+
+void UpgradeManager::Init() {
+  CLOGI("UpgradeManager::Init", "UpgradeManager.Init begin.");
+  workerEvent = tarn::os::Event::Create(false, false);
+  if (!workerEvent ||
+      !ThreadManager::Instance().Create(&UpgradeManager::WorkerThread, nullptr,
+                                        "UpgradeManager::WorkerThread", false)) {
+    CLOGE("UpgradeManager::Init", "UpgradeManager.Init StartAutoUpgrade failed.");
+  }
+  monitorEvent = tarn::os::Event::Create(false, false);
+  ThreadManager::Instance().Create(&UpgradeManager::MonitorThread, nullptr,
+                                   "UpgradeManager::MonitorThread", false);
+  CLOGI("UpgradeManager::Init", "UpgradeManager.Init end.");
+}
+
+std::uint32_t UpgradeManager::MonitorThread(void* param) {
+  auto* thread = static_cast<ThreadParam*>(param);
+  auto& self = GetInstance();
+  CLOGI("UpgradeManager::MonitorThread", "UpgradeManager. MonitorThread invoked.");
+  // Null or dead handles make the wait fail, which ends the loop below.
+  std::vector<tarn::os::Waitable*> handles{ThreadManager::Instance().processExitEvent.get(),
+                                           self.monitorEvent.get()};
+  std::uint32_t period = ConfigManager::GetInstance().upgradeTimeAfterStart;
+  CLOGI("UpgradeManager::MonitorThread",
+        "RemoteConfig param UpgradeManager upgradeTimeAfterStart = " << period);
+  self.monitorDone = false;
+  int count = 0;
+  while (thread->running && !self.monitorDone) {
+    const std::uint32_t wait = tarn::os::WaitForAny(handles, period);
+    if (wait == tarn::os::kWaitObject0 || wait == tarn::os::kWaitFailed) break;
+    ++count;
+    if (self.InternetConnected()) {
+      CLOGI("UpgradeManager::MonitorThread", "UpgradeManager. MonitorThread network ready.");
+      self.monitorDone = true;
+      if (self.workerEvent) self.workerEvent->Set();
+    }
+    period = self.monitorRetryMs_;
+    // Not tied to the check above: a network found at the last check still
+    // leaves the check owed, so the next connect wakes the worker once more.
+    if (count >= kMonitorChecks) {
+      self.monitorDone = true;
+      self.startupCheckDone = false;
+    }
+  }
+  CLOGI("UpgradeManager::MonitorThread", "UpgradeManager. MonitorThread quit.");
+  return 0;
+}
+
+std::uint32_t UpgradeManager::WorkerThread(void* param) {
+  auto* thread = static_cast<ThreadParam*>(param);
+  auto& self = GetInstance();
+  CLOGI("UpgradeManager::WorkerThread", "UpgradeManager. WorkerThread invoked.");
+  std::vector<tarn::os::Waitable*> handles{ThreadManager::Instance().processExitEvent.get(),
+                                           self.workerEvent.get()};
+  while (thread->running) {
+    const std::uint32_t period = ConfigManager::GetInstance().timerPeriodTarnCoreUpdate;
+    CLOGI("UpgradeManager::WorkerThread",
+          "RemoteConfig param UpgradeManager TimerPeriodTarnCoreUpdate = " << period);
+    const std::uint32_t wait = tarn::os::WaitForAny(handles, period);
+    if (wait == tarn::os::kWaitObject0 || wait == tarn::os::kWaitFailed) break;
+    if (self.IsAutoUpgradeEnable() || self.forceUpgrade) {
+      {
+        auto api = self.MakeUpgradeApi();
+        api->Init();
+        api->TarnCoreAppSilentUpgrade(self.forceUpgrade);
+      }
+      CLOGI("UpgradeManager::WorkerThread", "UpgradeManager. AutoUpgrade invoked.");
+    }
+    self.forceUpgrade = false;
+  }
+  CLOGI("UpgradeManager::WorkerThread", "UpgradeManager. WorkerThread quit.");
+  return 0;
+}
+
+bool UpgradeManager::IsAutoUpgradeEnable() {
+  const std::string value = ReadRegistryWideValue("SOFTWARE\\Tarn Core\\VTID", "AutoUpgrade");
+  CLOGI("UpgradeManager::IsAutoUpgradeEnable", "RegKey autoUpgrade Value " << value);
+  return value == "true";
+}
+
+std::string UpgradeManager::ReadRegistryWideValue(const std::string& keyName,
+                                                  const std::string& valueName) {
+  auto& registry = tarn::os::Registry();
+  if (registry.OpenKey(keyName) != 0) return {};
+  std::string value;
+  if (registry.GetValue(keyName, valueName, value, kRegistryReadLimit) != 0) return {};
+  // A REG_SZ read keeps what comes before its terminator.
+  const auto zero = value.find('\0');
+  if (zero != std::string::npos) value.resize(zero);
+  return value;
+}
+
+bool UpgradeManager::ContainsText(std::string text, std::string word) {
+  return text.find(word) != std::string::npos;
+}
+
+bool UpgradeManager::HasNewVersion() {
+  auto api = MakeUpgradeApi();
+  api->Init();
+  std::vector<char> buffer(tarn::appupdate::kCheckBufferSize, '\0');
+  if (!api->CheckTarnCoreUpdate(buffer.data())) return false;
+  buffer.back() = '\0';
+  return ContainsText(std::string(buffer.data()), "updateAppInfo");
+}
+
+bool UpgradeManager::StartVtFrameworkUi(std::wstring arguments) {
+  CLOGI("UpgradeManager::StartVtFrameworkUi", "UpgradeManager.StartVTFrameworkUI begin.");
+  if (ConfigManager::GetInstance().verifyEnabled) {
+    const std::string path = tarn::config::InstallDirectory() + kUiFileName;
+    if (!VerifyEmbeddedSignature(path.c_str())) {
+      CLOGE("UpgradeManager::StartVtFrameworkUi", "sign verify failed. exepath = TarnCoreUI.exe");
+      return false;
+    }
+    if (!VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(path))) {
+      CLOGE("UpgradeManager::StartVtFrameworkUi",
+            "vefify vantrel singn failed. exepath = TarnCoreUI.exe");
+      return false;
+    }
+  }
+  // The program's own folder, as the module path gives it.
+  const std::string directory = tarn::config::InstallDirectory();
+  if (directory.empty()) {
+    CLOGE("UpgradeManager::StartVtFrameworkUi",
+          "UpgradeManager.StartVTFrameworkUI GetModuleFileName failed. error: " << errno);
+    return false;
+  }
+  const std::wstring uiPath = tarn::os::Utf8ToWide(directory + kUiFileName);
+  if (!VTPROCESS::StartProcess(uiPath, arguments, nullptr)) {
+    CLOGE("UpgradeManager::StartVtFrameworkUi",
+          "UpgradeManager.StartVTFrameworkUI StartProcess failed.");
+    return false;
+  }
+  CLOGI("UpgradeManager::StartVtFrameworkUi",
+        "UpgradeManager.StartVTFrameworkUI StartProcess success.");
+  return true;
+}
+
+void UpgradeManager::ClearRedundantFile() {
+  // A running installer is only worth a line: the old downloads go all the same.
+  if (auto installer = tarn::os::NamedMutex::Open(kInstallMutex)) {
+    CLOGW("UpgradeManager::ClearRedundantFile",
+          "Install package is running. hInstl = " << installer->handle());
+  }
+  const std::string directory = tarn::os::CommonAppDataPath() + kDownloadDir;
+  const std::string clearPkg = "rm -rf -- " + directory;
+  const bool result = tarn::os::GetProcesses().RemoveTreeDetached(directory);
+  CLOGI("UpgradeManager::ClearRedundantFile",
+        "Remove old files, clearPkg = " << clearPkg << " result = " << (result ? 1 : 0));
+  if (DE::FileExists(kServiceDb) && DE::FileDelete(kServiceDb)) {
+    CLOGI("UpgradeManager::ClearRedundantFile",
+          "Delete tarncoreservice.db successfully, current path = " << DE::GetCurrentPathA());
+  }
+}
+
+void UpgradeManager::OnNetworkConnected() {
+  if (!startupCheckDone) {
+    CLOGI("NetworkConnectForUpdate", "Check update not success after startup 10 minutes, check it now.");
+    startupCheckDone = true;
+    if (workerEvent) workerEvent->Set();
+  }
+}
+
+std::unique_ptr<UpgradeAPI> UpgradeManager::MakeUpgradeApi() {
+  if (factory_) return factory_();
+  return std::make_unique<UpgradeAPI>();
+}
+
+bool UpgradeManager::InternetConnected() {
+  return probe_ ? probe_() : InternetGetConnectedState();
+}
+
+void UpgradeManager::SetUpgradeApiFactoryForTesting(UpgradeApiFactory factory) {
+  factory_ = std::move(factory);
+}
+
+void UpgradeManager::SetConnectivityProbeForTesting(std::function<bool()> probe) {
+  probe_ = std::move(probe);
+}
+
+void UpgradeManager::SetMonitorRetryPeriodForTesting(std::uint32_t ms) { monitorRetryMs_ = ms; }
+
+void UpgradeManager::ResetForTesting() {
+  monitorEvent = tarn::os::Event::Create(false, false);
+  workerEvent = tarn::os::Event::Create(false, false);
+  forceUpgrade = false;
+  monitorDone = false;
+  startupCheckDone = true;
+}
