@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -28,6 +29,7 @@
 #include "platform/ipc/signature_manager.h"
 #include "platform/log/tarn_log.h"
 #include "platform/security/security.h"
+#include "round_trip_stats.h"
 
 namespace {
 
@@ -74,14 +76,22 @@ TagIPCMessageItem Request(const std::string& text, int32_t id) {
   return item;
 }
 
-void PipelineRoundTrip(benchmark::State& state, const std::string& text, tarn::log::Level level) {
+using Clock = std::chrono::steady_clock;
+
+void PipelineRoundTrip(benchmark::State& state, const std::string& text, tarn::log::Level level,
+                       tarn::bench::RoundTrips& samples) {
   if (state.thread_index() == 0) tarn::log::SetThreshold(level);
   TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
   std::string response;
+  std::vector<double> micros;
+  micros.reserve(1 << 16);
+  samples.Start();
   int32_t id = state.thread_index() * 10000000;
   for (auto _ : state) {
     TagIPCMessageItem item = Request(text, ++id);
+    const auto start = Clock::now();
     int code = client.SendMessageSync(item, response, 10000);
+    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
     if (code != 0) {
       state.SkipWithError(("client code " + std::to_string(code)).c_str());
       break;
@@ -89,18 +99,24 @@ void PipelineRoundTrip(benchmark::State& state, const std::string& text, tarn::l
     benchmark::DoNotOptimize(response.data());
   }
   state.SetItemsProcessed(state.iterations());
+  samples.Report(state, micros);
   state.counters["response_bytes"] =
       benchmark::Counter(static_cast<double>(response.size() + 1), benchmark::Counter::kAvgThreads);
 }
 
+tarn::bench::RoundTrips g_refusedSamples;
+tarn::bench::RoundTrips g_answeredSamples;
+tarn::bench::RoundTrips g_loggedSamples;
+tarn::bench::RoundTrips g_rawSamples;
+
 void BM_Pipeline_EmptyObjectRefused(benchmark::State& state) {
-  PipelineRoundTrip(state, kEmptyRequest, tarn::log::Level::Off);
+  PipelineRoundTrip(state, kEmptyRequest, tarn::log::Level::Off, g_refusedSamples);
 }
 void BM_Pipeline_VerifiedRequestAnswered(benchmark::State& state) {
-  PipelineRoundTrip(state, kGoodRequest, tarn::log::Level::Off);
+  PipelineRoundTrip(state, kGoodRequest, tarn::log::Level::Off, g_answeredSamples);
 }
 void BM_Pipeline_VerifiedRequestAnswered_Logged(benchmark::State& state) {
-  PipelineRoundTrip(state, kGoodRequest, tarn::log::Level::Info);
+  PipelineRoundTrip(state, kGoodRequest, tarn::log::Level::Info, g_loggedSamples);
 }
 
 // --- the plain ping-pong -------------------------------------------------
@@ -162,22 +178,28 @@ void BM_RawUnixPingPong(benchmark::State& state) {
   }
   std::vector<char> out(32 + kEmptyRequest.size() + 1, 'r');
   std::vector<char> in(g_pongSize);
+  std::vector<double> micros;
+  micros.reserve(1 << 16);
+  g_rawSamples.Start();
   for (auto _ : state) {
+    const auto start = Clock::now();
     if (!WriteAll(fd, out.data(), out.size()) || !ReadAll(fd, in.data(), in.size())) {
       state.SkipWithError("ping-pong broke");
       break;
     }
+    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
   ::close(fd);
   state.SetItemsProcessed(state.iterations());
+  g_rawSamples.Report(state, micros);
   state.counters["response_bytes"] =
       benchmark::Counter(static_cast<double>(g_pongSize - 32), benchmark::Counter::kAvgThreads);
 }
 
-BENCHMARK(BM_RawUnixPingPong)->Threads(1)->Threads(8)->UseRealTime();
-BENCHMARK(BM_Pipeline_EmptyObjectRefused)->Threads(1)->Threads(8)->UseRealTime();
-BENCHMARK(BM_Pipeline_VerifiedRequestAnswered)->Threads(1)->Threads(8)->UseRealTime();
-BENCHMARK(BM_Pipeline_VerifiedRequestAnswered_Logged)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(BM_RawUnixPingPong)->Threads(1)->Threads(4)->Threads(8)->UseRealTime()->MinTime(1.0);
+BENCHMARK(BM_Pipeline_EmptyObjectRefused)->Threads(1)->Threads(4)->Threads(8)->UseRealTime()->MinTime(1.0);
+BENCHMARK(BM_Pipeline_VerifiedRequestAnswered)->Threads(1)->Threads(4)->Threads(8)->UseRealTime()->MinTime(1.0);
+BENCHMARK(BM_Pipeline_VerifiedRequestAnswered_Logged)->Threads(1)->Threads(4)->Threads(8)->UseRealTime()->MinTime(1.0);
 
 }  // namespace
 

@@ -14,7 +14,6 @@
 // to tell the kit runtime's share from the endpoint's. Each variant reports p50 and p99 round-trip latency in
 // microseconds over all its clients, and throughput as items per second.
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -41,6 +40,7 @@
 #include "platform/ipc/signature_manager.h"
 #include "platform/log/tarn_log.h"
 #include "platform/security/signature.h"
+#include "round_trip_stats.h"
 
 namespace {
 
@@ -80,63 +80,7 @@ KitGates g_gates;
 std::size_t g_requestFrame = 0;   // bytes of the echo request's frame
 std::size_t g_responseFrame = 0;  // bytes of its response's frame
 
-// CPU time of the whole process (clients, the endpoint's workers, the log
-// writer), in microseconds: per request it holds up better than wall time
-// on a machine that others share.
-double ProcessCpuMicros() {
-  rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
-  auto micros = [](const timeval& t) { return t.tv_sec * 1e6 + t.tv_usec; };
-  return micros(usage.ru_utime) + micros(usage.ru_stime);
-}
-
-// Context switches of the whole process, voluntary (a thread waits) and not:
-// on a virtual machine each one costs more than the work of a small request.
-double ProcessContextSwitches() {
-  rusage usage{};
-  ::getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw);
-}
-
-// Latencies of all clients of one run; the last client to finish reports.
-struct Samples {
-  std::mutex mutex;
-  std::vector<double> micros;
-  int started = 0;
-  int done = 0;
-  double cpuAtStart = 0;
-  double switchesAtStart = 0;
-  std::uint64_t requests = 0;
-
-  void Start() {
-    std::lock_guard lock(mutex);
-    if (started++ == 0) {
-      cpuAtStart = ProcessCpuMicros();
-      switchesAtStart = ProcessContextSwitches();
-    }
-  }
-
-  void Report(benchmark::State& state, std::vector<double>& mine) {
-    std::lock_guard lock(mutex);
-    micros.insert(micros.end(), mine.begin(), mine.end());
-    requests += state.iterations();
-    if (++done < state.threads()) return;
-    const double cpu = ProcessCpuMicros() - cpuAtStart;
-    const double switches = ProcessContextSwitches() - switchesAtStart;
-    std::sort(micros.begin(), micros.end());
-    auto at = [&](double q) {
-      return micros.empty() ? 0.0 : micros[std::min(micros.size() - 1, static_cast<std::size_t>(q * micros.size()))];
-    };
-    // Counters are summed over threads: only this thread sets these.
-    state.counters["p50_us"] = at(0.50);
-    state.counters["p99_us"] = at(0.99);
-    state.counters["cpu_us_per_req"] = requests ? cpu / static_cast<double>(requests) : 0.0;
-    state.counters["switches_per_req"] = requests ? switches / static_cast<double>(requests) : 0.0;
-    micros.clear();
-    started = done = 0;
-    requests = 0;
-  }
-};
+using Samples = tarn::bench::RoundTrips;
 
 Samples g_kitSamples;
 Samples g_pipelineSamples;
