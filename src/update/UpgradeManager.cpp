@@ -8,6 +8,7 @@
 
 #include "config/ConfigManager.h"
 #include "config/ConfigPlatform.h"
+#include "platform/appupdate/pinned_file.h"
 #include "platform/appupdate/upgrade_api.h"
 #include "platform/commonutil/de.h"
 #include "platform/commonutil/vtprocess.h"
@@ -174,13 +175,15 @@ bool UpgradeManager::HasNewVersion() {
 
 bool UpgradeManager::StartVtFrameworkUi(std::wstring arguments) {
   CLOGI("UpgradeManager::StartVtFrameworkUi", "UpgradeManager.StartVTFrameworkUI begin.");
+  // Held open from the test to the start, so the file started is the file tested.
+  std::unique_ptr<tarn::appupdate::PinnedFile> tested;
   if (ConfigManager::GetInstance().verifyEnabled) {
-    const std::string path = tarn::config::InstallDirectory() + kUiFileName;
-    if (!VerifyEmbeddedSignature(path.c_str())) {
+    tested = std::make_unique<tarn::appupdate::PinnedFile>(tarn::config::InstallDirectory() + kUiFileName);
+    if (!VerifyEmbeddedSignature(tested->ReadPath().c_str())) {
       CLOGE("UpgradeManager::StartVtFrameworkUi", "sign verify failed. exepath = TarnCoreUI.exe");
       return false;
     }
-    if (!VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(path))) {
+    if (!VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(tested->ReadPath()))) {
       CLOGE("UpgradeManager::StartVtFrameworkUi",
             "vefify vantrel singn failed. exepath = TarnCoreUI.exe");
       return false;
@@ -194,7 +197,7 @@ bool UpgradeManager::StartVtFrameworkUi(std::wstring arguments) {
     return false;
   }
   const std::wstring uiPath = tarn::os::Utf8ToWide(directory + kUiFileName);
-  if (!VTPROCESS::StartProcess(uiPath, arguments, nullptr)) {
+  if ((tested && !tested->SamePathTarget()) || !VTPROCESS::StartProcess(uiPath, arguments, nullptr)) {
     CLOGE("UpgradeManager::StartVtFrameworkUi",
           "UpgradeManager.StartVTFrameworkUI StartProcess failed.");
     return false;

@@ -4,6 +4,7 @@
 #include <json/json.h>
 
 #include <chrono>
+#include <cstdio>
 #include <mutex>
 #include <thread>
 
@@ -51,9 +52,13 @@ class FakeProcesses : public tarn::os::Processes {
 class FakeSignatures : public tarn::security::FileSignatureChecker {
  public:
   bool VerifyEmbedded(const std::string&) override { return embedded; }
-  bool VerifyMaker(const std::string&) override { return maker; }
+  bool VerifyMaker(const std::string&) override {
+    if (duringTest) duringTest();
+    return maker;
+  }
   std::string Thumb(const std::string&) override { return {}; }
   bool embedded = true, maker = true;
+  std::function<void()> duringTest;
 };
 
 // The update library with a canned check answer, counting its upgrades.
@@ -87,6 +92,7 @@ class UpdateTest : public ::testing::Test {
     tarn::os::SetProcessesForTesting(&processes_);
     tarn::security::FileSignatureChecker::SetInstanceForTesting(&signatures_);
     tarn::config::SetInstallDirectoryForTesting(root_.path() + "/opt/tarncore/");
+    root_.WriteFile("opt/tarncore/TarnCoreUI", "ui");
     auto& upgrade = UpgradeManager::GetInstance();
     upgrade.ResetForTesting();
     upgrade.SetUpgradeApiFactoryForTesting([this] { return std::make_unique<ScriptedUpgradeApi>(&library_); });
@@ -153,6 +159,14 @@ TEST_F(UpdateTest, FailedStartsLeaveTheSwitchIdle) {
       {"unsigned UI", [&] { signatures_.embedded = false; }, "907135007"},
       {"UI not by maker", [&] { signatures_.maker = false; }, "907135007"},
       {"UI does not start", [&] { processes_.startSucceeds = false; }, "907135007"},
+      {"UI replaced after its test",
+       [&] {
+         signatures_.duringTest = [&] {
+           root_.WriteFile("opt/tarncore/other", "ui");
+           std::rename(root_.At("opt/tarncore/other").c_str(), root_.At("opt/tarncore/TarnCoreUI").c_str());
+         };
+       },
+       "907135007"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -161,6 +175,7 @@ TEST_F(UpdateTest, FailedStartsLeaveTheSwitchIdle) {
     signatures_.embedded = signatures_.maker = true;
     processes_.startSucceeds = true;
     processes_.starts.clear();
+    signatures_.duringTest = nullptr;
     c.arrange();
     ResponseStatus status;
     EXPECT_FALSE(store.StartSelfUpdate(status, "5.3.0.300"));
@@ -168,7 +183,7 @@ TEST_F(UpdateTest, FailedStartsLeaveTheSwitchIdle) {
     EXPECT_EQ(status.error_code, c.code);
     EXPECT_TRUE(store.updatingKits.empty());
     EXPECT_EQ(store.updateStartTick, 0u);
-    if (!signatures_.embedded || !signatures_.maker) {
+    if (!signatures_.embedded || !signatures_.maker || signatures_.duringTest) {
       EXPECT_TRUE(processes_.starts.empty());
     }
   }

@@ -12,6 +12,7 @@
 #include "platform/commonutil/de.h"
 #include "platform/commonutil/httputil.h"
 #include "platform/commonutil/urlloader.h"
+#include "platform/appupdate/pinned_file.h"
 #include "platform/log/tarn_log.h"
 #include "platform/os/places.h"
 #include "platform/os/process.h"
@@ -121,19 +122,21 @@ bool UpgradeAPI::TarnCoreAppSilentUpgrade(bool force) {
              "download failed, status " << response.status << " " << response.error);
     return false;
   }
-  // Digest and maker signature both, before anything of the package runs.
-  if (DE::GetFileSha256Hex(path) != sha256) {
+  // Digest and maker signature both, read through one open descriptor, before
+  // anything of the package runs; the start then refuses a swapped file.
+  ::chmod(path.c_str(), 0755);
+  const tarn::appupdate::PinnedFile package(path);
+  if (DE::GetFileSha256Hex(package.ReadPath()) != sha256) {
     TARN_LOG(::tarn::log::Level::Error, "appupdate", "UpgradeAPI::TarnCoreAppSilentUpgrade", "package digest mismatch");
     DE::FileDelete(path);
     return false;
   }
-  if (!VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(path))) {
+  if (!VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(package.ReadPath()))) {
     TARN_LOG(::tarn::log::Level::Error, "appupdate", "UpgradeAPI::TarnCoreAppSilentUpgrade", "package signature invalid");
     DE::FileDelete(path);
     return false;
   }
-  ::chmod(path.c_str(), 0755);
-  if (!tarn::os::GetProcesses().StartProcess(path, arguments)) {
+  if (!package.SamePathTarget() || !tarn::os::GetProcesses().StartProcess(path, arguments)) {
     TARN_LOG(::tarn::log::Level::Error, "appupdate", "UpgradeAPI::TarnCoreAppSilentUpgrade", "installer did not start");
     return false;
   }
