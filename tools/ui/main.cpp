@@ -4,8 +4,9 @@
 //   Dialog_ApiLevel  asks the user whether to update now, and tells the
 //                    container the decision ("907135014" agreed, "907135010"
 //                    refused); on agreement the container starts it again with
-//   Upgrade          which reports the update's outcome ("0" done, "907135007"
-//                    failed) for the whole platform.
+//   Upgrade          which runs the silent upgrade through the update library
+//                    and reports its outcome ("0" done, "907135007" failed)
+//                    for the whole platform.
 // Both answers go as "Framework.UpdatekitResult". The container counts an
 // update as in progress while a process of this name runs.
 #include <json/value.h>
@@ -15,6 +16,7 @@
 #include <string>
 
 #include "framework_request.h"
+#include "platform/appupdate/upgrade_api.h"
 #include "platform/log/tarn_log.h"
 
 namespace {
@@ -40,9 +42,8 @@ const char* kUsage = R"(Usage: TarnCoreUI Dialog_ApiLevel|Upgrade [--accept|--de
 
 Dialog_ApiLevel  asks whether to update now; --accept or --decline answers
                  without asking, otherwise the question goes to the terminal
-Upgrade          shows that the update runs and reports its outcome. This
-                 build has no updater of its own: --accept reports a finished
-                 update, anything else a failed one
+Upgrade          runs the update and reports its outcome; --accept reports a
+                 finished update and --decline a failed one without running it
 
 --wait MS  how long to keep trying to reach the container (default 10000)
 
@@ -119,11 +120,13 @@ int main(int argc, char** argv) {
     reported = Report(choice == tarn::tools::Choice::kAccept ? kUserAgree : kUserRefuse, false, waitMs);
   } else {
     if (terminal) std::cout << kUpdating << "\n";
-    // This build has no updater of its own to run: without --accept the
-    // outcome is a failed update, which the container passes on to clients.
-    const bool done = choice == tarn::tools::Choice::kAccept;
+    bool done = choice == tarn::tools::Choice::kAccept;
     if (choice == tarn::tools::Choice::kNone) {
-      ULOG(Error, "TarnCoreUI::main", "no updater available; the update failed.");
+      // The user agreed already: the update is forced past the setting.
+      UpgradeAPI updater;
+      updater.Init();
+      done = updater.TarnCoreAppSilentUpgrade(true);
+      ULOG(Info, "TarnCoreUI::main", "silent upgrade started = " << done);
     }
     reported = Report(done ? kUpdateDone : kUpdateFailed, true, waitMs);
   }

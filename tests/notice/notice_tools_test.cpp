@@ -1,0 +1,145 @@
+// TarnCoreNotice and TarnCoreUI against a stand-in container: what each
+// answer sends, and the notice's own registry write when no container is there.
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <json/value.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "integration/programs.h"
+#include "platform/ipc/ipc_client.h"
+#include "platform/ipc/ipc_server.h"
+#include "platform/os/named_mutex.h"
+#include "support/temp_root.h"
+
+namespace {
+
+const char* kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
+
+// Answers every request with a fixed text and keeps what came.
+class StandInContainer {
+ public:
+  explicit StandInContainer(std::string answer) : answer_(std::move(answer)) {
+    EXPECT_TRUE(server_.Start());
+    // The container's sender attaches to the server started last.
+    sender_ = std::make_unique<TarnCoreIPCMessageClient>(IpcAddressContainer, true, false);
+    sender_->RegisterMessageCallback(IpcRequestMessageCode, [this](TagIPCMessageItem& item) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        requests_.push_back(Parse(item.body));
+      }
+      TagIPCMessageItem reply;
+      reply.target = IpcAddressClientSide;
+      reply.source = IpcAddressContainer;
+      reply.messageCode = IpcResponseMessageCode;
+      reply.syncMessageId = item.syncMessageId;
+      reply.body = answer_.data();
+      reply.bodySize = static_cast<uint32_t>(answer_.size() + 1);
+      sender_->PostIPCMessage(reply);
+    });
+  }
+  ~StandInContainer() {
+    sender_->UnRegisterMessageCallbackAll();
+    server_.Stop();
+  }
+  std::vector<Json::Value> Requests() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_;
+  }
+
+ private:
+  static Json::Value Parse(const char* text) {
+    Json::Value root;
+    std::string errors;
+    std::istringstream in(text ? text : "");
+    Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors);
+    return root;
+  }
+  std::string answer_;
+  TarnCoreIPCMessageServer server_;
+  std::unique_ptr<TarnCoreIPCMessageClient> sender_;
+  std::mutex mutex_;
+  std::vector<Json::Value> requests_;
+};
+
+int RunTool(const std::vector<std::string>& argv) {
+  const pid_t pid = tarn::test::Spawn(argv);
+  int status = -1;
+  if (!tarn::test::WaitExit(pid, std::chrono::seconds(60), &status)) {
+    tarn::test::KillAndReap(pid);
+    return -1;
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string Notice() { return tarn::test::BuildDir() + "/tools/notice/TarnCoreNotice"; }
+std::string Ui() { return tarn::test::BuildDir() + "/tools/ui/TarnCoreUI"; }
+
+TEST(NoticeToolsTest, AnswersGoToTheContainerAsFrameworkRequests) {
+  struct Case {
+    std::vector<std::string> argv;
+    std::string answer;
+    int exitCode;
+    std::string uri;
+    Json::Value body;
+  };
+  Json::Value refuse, upgraded, notice, agree, decline;
+  refuse["resultCode"] = "907135010";
+  upgraded["resultCode"] = "0";
+  upgraded["updateKitName"] = "ALL";
+  notice["key"] = "PrivacyNotice";
+  notice["value"] = "true";
+  agree["key"] = "PrivacyAgree";
+  agree["value"] = "64000000";
+  decline["key"] = "ShareAnalysis";
+  decline["value"] = "false";
+  const std::string taken = R"({"header":{"status_code":"907135009"},"body":{}})";
+  const std::string stored = R"({"header":{"status_code":"0"},"body":{"returnCode":true}})";
+  const std::string notStored = R"({"header":{"status_code":"0"},"body":{"returnCode":false}})";
+  const Case cases[] = {
+      {{Ui(), "Dialog_ApiLevel", "--decline"}, taken, 0, "Framework.UpdatekitResult", refuse},
+      {{Ui(), "Upgrade", "--accept"}, taken, 0, "Framework.UpdatekitResult", upgraded},
+      {{Ui(), "Dialog_ApiLevel", "--decline"}, stored, 1, "Framework.UpdatekitResult", refuse},
+      {{Notice(), "PrivacyNotice", "--accept"}, stored, 0, "Framework.SetRegValue", notice},
+      {{Notice(), "PrivacyAgree", "--accept"}, stored, 0, "Framework.SetRegValue", agree},
+      {{Notice(), "PrivacyAgree", "--decline"}, notStored, 1, "Framework.SetRegValue", decline},
+  };
+  for (const Case& c : cases) {
+    tarn::test::TempRoot root;
+    root.MakeDir(kVtid);
+    StandInContainer container(c.answer);
+    const std::string label = c.argv[0] + " " + c.argv[1] + " " + c.argv[2];
+    EXPECT_EQ(RunTool(c.argv), c.exitCode) << label;
+    const auto requests = container.Requests();
+    ASSERT_EQ(requests.size(), 1u) << label;
+    EXPECT_EQ(requests[0]["header"]["api_name"].asString(), c.uri) << label;
+    EXPECT_EQ(requests[0]["header"]["client_id"].asString(), "204518762") << label;
+    EXPECT_EQ(requests[0]["body"], c.body) << label;
+    // With a container there, the notice leaves the registry to it.
+    EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyNotice")), "") << label;
+  }
+}
+
+TEST(NoticeToolsTest, NoticeWritesItselfWithoutContainerAndRunsOnce) {
+  tarn::test::TempRoot root;
+  root.MakeDir(kVtid);
+  {
+    auto held = tarn::os::NamedMutex::Create("Global\\VTFrameworkNoticeMutex");
+    ASSERT_TRUE(held && held->owned());
+    EXPECT_EQ(RunTool({Notice(), "PrivacyNotice", "--accept", "--wait", "0"}), 4);
+  }
+  EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyNotice")), "");
+  // No terminal and no answer: nothing is recorded.
+  EXPECT_EQ(RunTool({Notice(), "PrivacyNotice"}), 3);
+
+  EXPECT_EQ(RunTool({Notice(), "PrivacyNotice", "--accept", "--wait", "0"}), 0);
+  EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyNotice")), "true");
+  EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyAgree")), "64000000");
+}
+
+}  // namespace
