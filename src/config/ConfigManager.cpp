@@ -9,6 +9,7 @@
 #include "config/ConfigText.h"
 #include "platform/log/tarn_log.h"
 #include "platform/os/registry.h"
+#include "thread/ThreadManager.h"
 
 using tarn::config::ValueText;
 
@@ -43,12 +44,18 @@ void ConfigManager::ResetForTesting() {
   configCheckDone = true;
   g_forceUpdateTimeperiod = 60000;
   g_timePeriodOneday = kOneDayMs;
+  ++workerGeneration_;
 }
 
 bool ConfigManager::Init() {
   CLOGI("ConfigManager::Init", "ConfigManager.Init begin.");
   // Each call makes a new event; the refresh worker waits on it.
   configEvent = tarn::os::Event::Create(false, false);
+  // It waits a minute before its first fetch, so the reading below isn't raced.
+  if (!VantrelThread::ThreadManager::Instance().Create(&ConfigManager::WorkerThread, nullptr,
+                                                       "ConfigManager::WorkerThread", false)) {
+    CLOGI("ConfigManager::Init", "StartAutoUpdateRemote failed.");
+  }
   if (!ReadRemoteConfig()) {
     CLOGE("ConfigManager::Init", "ReadRemoteConfig failed.");
     return false;

@@ -129,12 +129,28 @@ class ConfigManager {
   void GetAllSubKitConfig(SubKitConfigList& subKitList);
   // "0" unless a package of the remote configuration lists the kit.
   void GetForceUpdateFlag(const std::string& kitName, std::string& forceUpdate);
+  // The refresh: a worker started by Init fetches the cloud's copy a minute
+  // after the start and then daily, saves it in the cache when it differs and
+  // applies it (config/ConfigRefresh.h has what it needs from outside).
+  // Thread function; takes the ThreadParam of ThreadManager, returns 0.
+  static std::uint32_t WorkerThread(void* param);
+  // False only when the fetch failed.
+  bool GetConfigFromCloud();
+  // 0 saved in the cache, 1 same as the cached copy, 2 failed.
+  int DownloadConfigFile();
+  // True if the cached copy has the same lines as the body.
+  bool CompareContent(const std::string& content);
+  // Loads the listed packages that aren't loaded yet and makes sure of the scope service.
+  void ReloadKitsAfterRefresh();
 
-  // Back to the state of construction, for tests that run Init again.
+  // Back to the state of construction, for tests that run Init again. Workers
+  // of earlier runs leave at their next wake without fetching.
   void ResetForTesting();
 
  private:
   ConfigManager() = default;
+  // Bumped by ResetForTesting; a worker leaves when it no longer matches.
+  std::atomic<std::uint64_t> workerGeneration_{0};
   // The scan of GetAPIInfo with its debug lines; `matched` tells a matching
   // key from none.
   std::shared_ptr<KitApiDetailInfo> ScanApiDispathMap(std::string& uri, bool& matched);
