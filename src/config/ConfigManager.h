@@ -129,6 +129,10 @@ class ConfigManager {
   void GetAllSubKitConfig(SubKitConfigList& subKitList);
   // "0" unless a package of the remote configuration lists the kit.
   void GetForceUpdateFlag(const std::string& kitName, std::string& forceUpdate);
+  // The scope service's answer whether the client holds the permission; false
+  // when the service gives none.
+  bool CheckScopePermission(std::string permission, std::string clientId);
+
   // The refresh: a worker started by Init fetches the cloud's copy a minute
   // after the start and then daily, saves it in the cache when it differs and
   // applies it (config/ConfigRefresh.h has what it needs from outside).
