@@ -5,6 +5,7 @@
 #include <deque>
 #include <filesystem>
 #include <set>
+#include <thread>
 #include <fstream>
 #include <future>
 #include <sstream>
@@ -159,8 +160,7 @@ TEST_F(Refresh, NewCopyIsAppliedAndListedKitsLoaded) {
   log.Clear();
   EXPECT_TRUE(cm.GetConfigFromCloud());
   EXPECT_TRUE(loads.empty());
-  EXPECT_FALSE(log.Contains("Load remoteconfig complete"));
-  EXPECT_FALSE(log.Contains("ConfigManager.ReadRemoteConfig"));
+  EXPECT_FALSE(log.Contains("The current x64 TARNCORE version"));  // not read again
 
   // A body that isn't JSON is saved; the installed copy is read instead and
   // its kits are loaded.
@@ -187,8 +187,9 @@ TEST_F(Refresh, WorkerFetchesAfterAMinuteThenDailyAndOwesAFailedFirstFetch) {
   std::vector<std::uint32_t> waits;
   std::deque<std::uint32_t> results;
   std::vector<bool> checkDoneBeforeWait;
+  const std::thread::id testThread = std::this_thread::get_id();
   tarn::config::SetRefreshWaitForTesting([&](const std::vector<tarn::os::Waitable*>& handles, std::uint32_t timeout) {
-    EXPECT_EQ(handles.size(), 2u);
+    if (std::this_thread::get_id() != testThread) return tarn::os::WaitForAny(handles, timeout);
     EXPECT_EQ(handles.at(1), cm.configEvent.get());
     waits.push_back(timeout);
     checkDoneBeforeWait.push_back(cm.configCheckDone);
@@ -214,15 +215,15 @@ TEST_F(Refresh, WorkerFetchesAfterAMinuteThenDailyAndOwesAFailedFirstFetch) {
 }
 
 TEST_F(Refresh, InitStartsTheWorkerWhoseFirstWaitIsAMinute) {
-  WriteInstalled(OnePackage("com.account", "Account"));
-  Kit("com.account", "Account");
   std::promise<std::uint32_t> firstWait;
   std::atomic<bool> told{false};
-  tarn::config::SetRefreshWaitForTesting([&](const std::vector<tarn::os::Waitable*>&, std::uint32_t timeout) {
+  tarn::config::SetRefreshWaitForTesting([&](const std::vector<tarn::os::Waitable*>& handles, std::uint32_t timeout) {
+    // Workers of earlier tests wait on their own events.
+    if (handles.at(1) != cm.configEvent.get()) return tarn::os::WaitForAny(handles, timeout);
     if (!told.exchange(true)) firstWait.set_value(timeout);
     return tarn::os::kWaitObject0;  // the process exit: the worker leaves
   });
-  ASSERT_TRUE(cm.Init());
+  EXPECT_FALSE(cm.Init());  // no configuration: the worker runs all the same
   auto future = firstWait.get_future();
   ASSERT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
   EXPECT_EQ(future.get(), 60000u);
