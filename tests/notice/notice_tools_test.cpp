@@ -99,8 +99,9 @@ TEST(NoticeToolsTest, AnswersGoToTheContainerAsFrameworkRequests) {
   decline["key"] = "ShareAnalysis";
   decline["value"] = "false";
   const std::string taken = R"({"header":{"status_code":"907135009"},"body":{}})";
-  const std::string stored = R"({"header":{"status_code":"0"},"body":{"returnCode":true}})";
-  const std::string notStored = R"({"header":{"status_code":"0"},"body":{"returnCode":false}})";
+  // The settings handler's answer goes out under the request's own header.
+  const std::string stored = R"({"header":{"api_name":"Framework.SetRegValue"},"body":{"returnCode":true}})";
+  const std::string notStored = R"({"header":{"api_name":"Framework.SetRegValue"},"body":{"returnCode":false}})";
   const Case cases[] = {
       {{Ui(), "Dialog_ApiLevel", "--decline"}, taken, 0, "Framework.UpdatekitResult", refuse},
       {{Ui(), "Upgrade", "--accept"}, taken, 0, "Framework.UpdatekitResult", upgraded},

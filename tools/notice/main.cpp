@@ -88,7 +88,9 @@ bool Record(const Value& setting, int waitMs) {
   body["value"] = setting.value;
   const auto answer = tarn::tools::SendFrameworkRequest("Framework.SetRegValue", body, "TarnCoreNotice", waitMs);
   if (answer.clientCode == 0) {
-    const bool stored = answer.statusCode == "0" && (!answer.hasReturnCode || answer.returnCode);
+    // The handler's own answer carries returnCode under the request's header;
+    // a refusal comes as a status answer without it.
+    const bool stored = answer.hasReturnCode ? answer.returnCode : answer.statusCode == "0";
     NLOG(Info, "TarnCoreNotice::Record",
          "SetRegValue key = " << setting.key << " answer = " << answer.statusCode << " stored = " << stored);
     return stored;
