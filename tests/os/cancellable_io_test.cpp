@@ -1,3 +1,5 @@
+#include "platform/os/cancellable_io.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -5,25 +7,11 @@
 #include <chrono>
 #include <thread>
 
-#include "platform/os/cancellable_io.h"
 #include "platform/os/thread.h"
 
 using namespace tarn::os;
 
 namespace {
-
-struct ReadResult {
-  std::atomic<ssize_t> n{-2};
-  std::atomic<std::uint32_t> error{0};
-};
-
-bool WaitUntilInRead(const Thread* thread) {
-  for (int i = 0; i < 500; ++i) {
-    if (IsInCancellableRead(thread)) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
-}
 
 class CancellableReadTest : public ::testing::Test {
  protected:
@@ -32,40 +20,39 @@ class CancellableReadTest : public ::testing::Test {
     ::close(fds_[0]);
     if (fds_[1] >= 0) ::close(fds_[1]);
   }
-  std::shared_ptr<Thread> StartReader(ReadResult* result) {
-    int fd = fds_[0];
-    return Thread::Start([fd, result] {
+  // A thread that reads once from the pipe after `go`, recording the result.
+  std::shared_ptr<Thread> StartReader(std::atomic<bool>* go = nullptr) {
+    return Thread::Start([this, go] {
+      while (go && !*go) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       char buf[16];
-      ssize_t n = CancellableRead(fd, buf, sizeof(buf));
-      result->error = GetLastError();
-      result->n = n;
+      ssize_t n = CancellableRead(fds_[0], buf, sizeof(buf));
+      error_ = GetLastError();
+      n_ = n;
     });
   }
+  static bool WaitUntilInRead(const Thread* thread) {
+    for (int i = 0; i < 500 && !IsInCancellableRead(thread); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return IsInCancellableRead(thread);
+  }
   int fds_[2];
+  std::atomic<ssize_t> n_{-2};
+  std::atomic<std::uint32_t> error_{0};
 };
 
 TEST_F(CancellableReadTest, CancelEndsABlockedRead) {
-  ReadResult result;
-  auto reader = StartReader(&result);
+  auto reader = StartReader();
   ASSERT_TRUE(WaitUntilInRead(reader.get()));
   ASSERT_TRUE(CancelSynchronousIo(reader.get()));
   ASSERT_EQ(WaitForSingle(reader.get(), 5000), kWaitObject0);
-  EXPECT_EQ(result.n.load(), -1);
-  EXPECT_EQ(result.error.load(), kErrorOperationAborted);
+  EXPECT_EQ(n_.load(), -1);
+  EXPECT_EQ(error_.load(), kErrorOperationAborted);
   reader->detach();
 }
 
 TEST_F(CancellableReadTest, CancelWithNothingPendingReports1168AndDoesNotHitTheNextRead) {
   std::atomic<bool> go{false};
-  ReadResult result;
-  int fd = fds_[0];
-  auto reader = Thread::Start([&, fd] {
-    while (!go) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    char buf[16];
-    ssize_t n = CancellableRead(fd, buf, sizeof(buf));
-    result.error = GetLastError();
-    result.n = n;
-  });
+  auto reader = StartReader(&go);
   SetLastError(0);
   EXPECT_FALSE(CancelSynchronousIo(reader.get()));
   EXPECT_EQ(GetLastError(), kErrorNotFound);
@@ -73,9 +60,8 @@ TEST_F(CancellableReadTest, CancelWithNothingPendingReports1168AndDoesNotHitTheN
   ASSERT_TRUE(WaitUntilInRead(reader.get()));
   ASSERT_EQ(::write(fds_[1], "abc", 3), 3);
   ASSERT_EQ(WaitForSingle(reader.get(), 5000), kWaitObject0);
-  EXPECT_EQ(result.n.load(), 3);
+  EXPECT_EQ(n_.load(), 3);
   reader->detach();
-
   EXPECT_FALSE(CancelSynchronousIo(nullptr));
 }
 

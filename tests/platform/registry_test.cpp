@@ -1,10 +1,12 @@
+#include "platform/os/registry.h"
+
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <string>
 #include <thread>
 
-#include "platform/os/registry.h"
 #include "support/temp_root.h"
 
 namespace fs = std::filesystem;
@@ -13,14 +15,12 @@ using namespace tarn::os;
 class RegistryTest : public ::testing::Test {
  protected:
   void SetUp() override { root_.MakeDir(vtid_); }
-  void Put(const std::string& name, const std::string& value) {
-    root_.WriteFile(vtid_ + "/" + name, value);
-  }
+  void Put(const std::string& name, const std::string& value) { root_.WriteFile(vtid_ + "/" + name, value); }
   tarn::test::TempRoot root_;
   const std::string vtid_ = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID";
 };
 
-TEST_F(RegistryTest, ReadsValuesNarrowAndWide) {
+TEST_F(RegistryTest, ReadsNarrowAndWideAndCutsLongValuesAtTheReadLimit) {
   Put("Version", "5.3.0.300");
   std::string narrow;
   EXPECT_EQ(ReadVtidRegistryValue("Version", narrow), kRegSuccess);
@@ -28,57 +28,43 @@ TEST_F(RegistryTest, ReadsValuesNarrowAndWide) {
   std::wstring wide;
   EXPECT_EQ(ReadRegistryWideValue(L"Version", wide), kRegSuccess);
   EXPECT_EQ(wide, L"5.3.0.300");
+
+  Put("AAID", std::string(4000, 'x'));
+  ASSERT_EQ(ReadVtidRegistryValue("AAID", narrow), kRegSuccess);
+  EXPECT_EQ(narrow, std::string(kRegValueReadLimit, 'x'));
 }
 
-TEST_F(RegistryTest, MissingKeyOrValueFailsAndLeavesOutput) {
+TEST_F(RegistryTest, MissingKeyOrValueFailsLeavesTheOutputAndIsNeverCreated) {
   std::string out = "unchanged";
   EXPECT_EQ(ReadVtidRegistryValue("Absent", out), kRegFileNotFound);
-  EXPECT_EQ(out, "unchanged");
+  root_.WriteFile("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Blocked", "file");
+  EXPECT_EQ(Registry().GetValue("SOFTWARE\\Blocked\\Sub", "V", out, 10), kRegFileNotFound);
+  EXPECT_EQ(Registry().OpenKey("SOFTWARE\\Blocked"), kRegFileNotFound);  // a file is no key
+  EXPECT_EQ(Registry().OpenKey(kVtidKey), kRegSuccess);
   fs::remove_all(root_.At(vtid_));
   EXPECT_EQ(ReadVtidRegistryValue("Version", out), kRegFileNotFound);
   EXPECT_EQ(out, "unchanged");
   EXPECT_EQ(Registry().SetValue(kVtidKey, "Version", "1"), kRegFileNotFound);
-  EXPECT_FALSE(fs::exists(root_.At(vtid_)));  // a write never creates a key
-}
-
-TEST_F(RegistryTest, LongValueIsCutAtTheReadLimit) {
-  Put("AAID", std::string(4000, 'x'));
-  std::string out;
-  ASSERT_EQ(ReadVtidRegistryValue("AAID", out), kRegSuccess);
-  EXPECT_EQ(out.size(), kRegValueReadLimit);
-}
-
-TEST_F(RegistryTest, KeyThroughAFileIsNotFound) {
-  root_.WriteFile("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Blocked", "file");
-  std::string out;
-  EXPECT_EQ(Registry().GetValue("SOFTWARE\\Blocked\\Sub", "V", out, 10), kRegFileNotFound);
-  EXPECT_EQ(Registry().OpenKey("SOFTWARE\\Blocked"), kRegFileNotFound);
-  EXPECT_EQ(Registry().OpenKey(kVtidKey), kRegSuccess);
+  EXPECT_FALSE(fs::exists(root_.At(vtid_)));
 }
 
 TEST_F(RegistryTest, WritesReplaceAtomically) {
   Put("AutoUpgrade", "0");
   // Readers running next to writers only ever see one whole value or the other.
+  const std::string a(200, 'a'), b(200, 'b');
   std::atomic<bool> stop{false};
   std::atomic<int> torn{0};
   std::thread reader([&] {
     while (!stop) {
       std::string v;
-      if (ReadVtidRegistryValue("AutoUpgrade", v) == kRegSuccess &&
-          v != std::string(200, 'a') && v != std::string(200, 'b') && v != "0") {
-        ++torn;
-      }
+      if (ReadVtidRegistryValue("AutoUpgrade", v) == kRegSuccess && v != a && v != b && v != "0") ++torn;
     }
   });
-  for (int i = 0; i < 200; ++i) {
-    ASSERT_EQ(Registry().SetValue(kVtidKey, "AutoUpgrade", std::string(200, i % 2 ? 'a' : 'b')),
-              kRegSuccess);
-  }
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(Registry().SetValue(kVtidKey, "AutoUpgrade", i % 2 ? a : b), kRegSuccess);
   stop = true;
   reader.join();
   EXPECT_EQ(torn.load(), 0);
-  // No temporary files are left behind.
-  int files = 0;
+  int files = 0;  // no temporary files are left behind
   for (auto& e : fs::directory_iterator(root_.At(vtid_))) files += e.is_regular_file();
   EXPECT_EQ(files, 1);
 }

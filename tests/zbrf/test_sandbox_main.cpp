@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <string>
 
 #include "platform/zbrf/sandbox_frame.h"
@@ -22,10 +21,7 @@ using tarn::zbrf::ZParcel;
 namespace frame = tarn::zbrf::frame;
 
 void HangForever() {
-  for (;;) {
-    timespec t{3600, 0};
-    ::nanosleep(&t, nullptr);
-  }
+  for (;;) ::pause();
 }
 
 void WriteRaw(const std::string& bytes) {
@@ -70,20 +66,11 @@ class TestService : public tarn::zbrf::ZObject {
         return true;
       case kExit: _exit(0);
       case kRefuse: return false;
-      case kOpenRead: {
-        int fd = ::open(FirstString(*data).c_str(), O_RDONLY | O_CLOEXEC);
-        ReplyErrno(*reply, fd);
-        if (fd >= 0) ::close(fd);
-        return true;
-      }
-      case kOpenWrite: {
-        int fd = ::open(FirstString(*data).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        ReplyErrno(*reply, fd);
-        if (fd >= 0) ::close(fd);
-        return true;
-      }
+      case kOpenRead:
+      case kOpenWrite:
       case kSocket: {
-        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        const int mode = code == kOpenRead ? O_RDONLY | O_CLOEXEC : O_WRONLY | O_CREAT | O_CLOEXEC;
+        int fd = code == kSocket ? ::socket(AF_INET, SOCK_STREAM, 0) : ::open(FirstString(*data).c_str(), mode, 0644);
         ReplyErrno(*reply, fd);
         if (fd >= 0) ::close(fd);
         return true;
