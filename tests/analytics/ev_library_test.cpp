@@ -67,6 +67,11 @@ TEST_F(EvLibraryTest, UnsentReportRoundTripsThroughTheRecordFileUntilItsAttempts
   transport_.accept = false;
   FrameworkEvInit();
   FrameworkEvGeneralReport(report.c_str());
+  FrameworkEvGeneralReport("second");
+  EXPECT_EQ(transport_.posts.size(), 1u) << "the service is down for the rest of the flush";
+  std::remove(RecordFile().c_str());
+  FrameworkEvInit();
+  FrameworkEvGeneralReport(report.c_str());
 
   for (int attempt = 1; attempt < tarn::ev::kMaxDeliveryAttempts; ++attempt) {
     auto lines = RecordLines(RecordFile());
@@ -75,11 +80,13 @@ TEST_F(EvLibraryTest, UnsentReportRoundTripsThroughTheRecordFileUntilItsAttempts
     EXPECT_EQ(lines[0][1], "general");
     EXPECT_EQ(lines[0][3], std::to_string(attempt));
     std::remove(RecordFile().c_str());
+    FrameworkEvInit();
     FrameworkEvReportForFile(lines[0][2].c_str(), lines[0][1].c_str(), lines[0][3].c_str());
     FrameworkEvReportLocalToServer();
   }
   EXPECT_TRUE(RecordLines(RecordFile()).empty());
-  ASSERT_EQ(transport_.posts.size(), static_cast<std::size_t>(tarn::ev::kMaxDeliveryAttempts));
+  ASSERT_EQ(transport_.posts.size(), static_cast<std::size_t>(tarn::ev::kMaxDeliveryAttempts) + 1);
+  transport_.posts.erase(transport_.posts.begin());
   for (const auto& post : transport_.posts) {
     EXPECT_EQ(post.first, "https://ev.example/report");
     EXPECT_EQ(post.second, report);

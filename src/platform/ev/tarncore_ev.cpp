@@ -29,6 +29,9 @@ struct HeldRecord {
 std::mutex g_mutex;  // guards everything below and the appends to the record file
 std::string g_url;
 bool g_haveUrl = false;
+// Set by a failed post: the rest of the flush goes straight to the file
+// instead of waiting out a time-out per report. Cleared by FrameworkEvInit.
+bool g_serviceDown = false;
 std::vector<HeldRecord> g_held;
 Transport* g_transport = nullptr;
 
@@ -83,10 +86,13 @@ bool Send(const std::string& text) {
   std::string url;
   {
     std::lock_guard<std::mutex> lock(g_mutex);
-    if (!g_haveUrl) return false;
+    if (!g_haveUrl || g_serviceDown) return false;
     url = g_url;
   }
-  return CurrentTransport().Post(url, text);
+  if (CurrentTransport().Post(url, text)) return true;
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_serviceDown = true;
+  return false;
 }
 
 void SendOrKeep(const std::string& kind, const std::string& text, int attempts) {
@@ -179,6 +185,7 @@ void ResetForTesting() {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_url.clear();
   g_haveUrl = false;
+  g_serviceDown = false;
   g_held.clear();
 }
 
@@ -193,6 +200,7 @@ void FrameworkEvInit() {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_haveUrl = have;
   g_url = have ? url : std::string();
+  g_serviceDown = false;
 }
 
 void FrameworkEvGeneralReport(const char* text) { SendOrKeep("general", Text(text), 0); }

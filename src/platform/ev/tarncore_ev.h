@@ -18,7 +18,8 @@
 // Makes the library ready: reads the service's address. Called before each
 // flush; any number of calls is fine.
 void FrameworkEvInit();
-// Sends one report; on failure the report goes to the record file.
+// Sends one report; on failure the report goes to the record file, and so do
+// all reports until the next FrameworkEvInit (the service is taken to be down).
 void FrameworkEvGeneralReport(const char* text);
 // Appends one record to the record file. Safe from any thread.
 void FrameworkEvReportToFile(const char* text);
