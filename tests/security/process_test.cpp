@@ -125,16 +125,4 @@ TEST_F(ProcessSignatureTest, GoneProcessesAreUnverifiable) {
   }
 }
 
-TEST_F(ProcessSignatureTest, ProgramSignedByTheBuildVerifiesWithTheDevKeyTrusted) {
-  auto devKey = ts::ReadPublicKeyFile(TARN_DEV_PUBLIC_KEY);
-  ASSERT_TRUE(devKey);
-  EXPECT_FALSE(VerifyEmbeddedSignature(TARN_SECURITY_SIGNED_HELPER));
-  ASSERT_TRUE(ts::InstallTrustedKey(*devKey, ts::KeyKind::kMaker, "tarn-dev"));
-  EXPECT_TRUE(VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(TARN_SECURITY_SIGNED_HELPER)));
-  EXPECT_FALSE(VerifyEmbeddedSignature(TARN_SECURITY_HELPER));
-  children.push_back(tarn::test::Spawn(TARN_SECURITY_SIGNED_HELPER, {"wait"}));
-  EXPECT_EQ(v->Verify(children.back().pid), 0);
-  EXPECT_EQ(ts::ProcessFingerprint(children.back().pid), ts::Fingerprint(*devKey));
-}
-
 }  // namespace

@@ -92,8 +92,8 @@ TEST(ThreadManagerTest, WaitAllEndsCooperatingAndBlockedThreadsSilentlyThenRefus
         return 0;
       },
       nullptr, "EvManager::ReportMsgProc", true));
+  returned->release = true;  // so it returns at once, long before WaitAll
   ASSERT_TRUE(manager.Create(Stubborn(returned), nullptr, "svcThreadFun", true));
-  returned->release = true;
   ASSERT_TRUE(manager.Create(reader, nullptr, "TarnContainerProcess::Pipe_Listen", false));
   ASSERT_TRUE(manager.Create(reader, nullptr, "Quit::Listen", true));
   ASSERT_EQ(manager.plainThreads.size(), 2u);
@@ -160,42 +160,20 @@ TEST(ThreadManagerTest, ThreadIgnoringEverythingIsReportedAndWaitAllStillReturns
   EXPECT_TRUE(Eventually([&] { return stubborn->finished.load(); }));
 }
 
-TEST(ThreadManagerTest, DelRemovesTheCallingRemovableThread) {
+TEST(ThreadManagerTest, RemovableThreadsLeaveThroughDelOrGetOnlyTheExitEventAndASecond) {
   ThreadManager manager;
   LogCapture logs;
-  auto probe = std::make_shared<Probe>();
-  auto selfId = std::make_shared<std::atomic<std::uint32_t>>(0);
+  auto leaver = std::make_shared<Probe>(), watcher = std::make_shared<Probe>(), stubborn = std::make_shared<Probe>();
+  auto leaverId = std::make_shared<std::atomic<std::uint32_t>>(0);
   ASSERT_TRUE(manager.CreateRemovable(
-      [probe, selfId, mgr = &manager](void*) -> std::uint32_t {
-        while (!probe->release) std::this_thread::sleep_for(1ms);
-        *selfId = tarn::os::GetCurrentThreadId();
-        probe->result = mgr->del(*selfId) ? 1 : 2;
-        probe->finished = true;
+      [leaver, leaverId, mgr = &manager](void*) -> std::uint32_t {
+        while (!leaver->release) std::this_thread::sleep_for(1ms);
+        *leaverId = tarn::os::GetCurrentThreadId();
+        leaver->result = mgr->del(*leaverId) ? 1 : 2;
+        leaver->finished = true;
         return 0;
       },
       nullptr, "LoadManger::LoadWorkerThread, kitA"));
-  EXPECT_EQ(manager.removableThreads.size(), 1u);
-  // Ids that are not in the map: false and nothing logged.
-  EXPECT_FALSE(manager.del(0));
-  EXPECT_FALSE(manager.del(tarn::os::GetCurrentThreadId()));
-  EXPECT_TRUE(logs.Records().empty());
-
-  probe->release = true;
-  ASSERT_TRUE(Eventually([&] { return probe->finished.load(); }));
-  EXPECT_EQ(probe->result.load(), 1u);
-  {
-    std::lock_guard<std::mutex> lock(manager.mutex);
-    EXPECT_TRUE(manager.removableThreads.empty());
-  }
-  EXPECT_TRUE(logs.Has(Level::Info, "del delThreadId = " + std::to_string(*selfId) + "(ThreadManager::del)"));
-  manager.WaitAll();
-  EXPECT_FALSE(logs.Contains("ExitThread failed!"));
-}
-
-TEST(ThreadManagerTest, RemovableThreadsGetOnlyTheExitEventAndASecond) {
-  ThreadManager manager;
-  LogCapture logs;
-  auto watcher = std::make_shared<Probe>(), stubborn = std::make_shared<Probe>();
   ASSERT_TRUE(manager.CreateRemovable(
       [watcher, exitEvent = manager.processExitEvent](void* p) -> std::uint32_t {
         tarn::os::WaitForSingle(exitEvent, tarn::os::kInfinite);
@@ -203,8 +181,21 @@ TEST(ThreadManagerTest, RemovableThreadsGetOnlyTheExitEventAndASecond) {
         watcher->finished = true;
         return 0;
       },
-      nullptr, "LoadManger::LoadWorkerThread, kitA"));
-  ASSERT_TRUE(manager.CreateRemovable(Stubborn(stubborn), nullptr, "LoadManger::LoadWorkerThread, kitB"));
+      nullptr, "LoadManger::LoadWorkerThread, kitB"));
+  ASSERT_TRUE(manager.CreateRemovable(Stubborn(stubborn), nullptr, "LoadManger::LoadWorkerThread, kitC"));
+  // Ids that are not in the map: false and nothing logged.
+  EXPECT_FALSE(manager.del(0));
+  EXPECT_FALSE(manager.del(tarn::os::GetCurrentThreadId()));
+  EXPECT_TRUE(logs.Records().empty());
+
+  leaver->release = true;
+  ASSERT_TRUE(Eventually([&] { return leaver->finished.load(); }));
+  EXPECT_EQ(leaver->result.load(), 1u);
+  {
+    std::lock_guard<std::mutex> lock(manager.mutex);
+    EXPECT_EQ(manager.removableThreads.size(), 2u);
+  }
+  EXPECT_TRUE(logs.Has(Level::Info, "del delThreadId = " + std::to_string(*leaverId) + "(ThreadManager::del)"));
 
   auto took = TimeWaitAll(manager);
   EXPECT_GE(took, 1000ms);
@@ -213,7 +204,7 @@ TEST(ThreadManagerTest, RemovableThreadsGetOnlyTheExitEventAndASecond) {
   EXPECT_EQ(watcher->result.load(), 1u);  // running was left alone
   EXPECT_TRUE(logs.Has(Level::Warn,
                        "ExitThread failed! thread entry function: "
-                       "LoadManger::LoadWorkerThread, kitB(ThreadManager::WaitAll)"));
+                       "LoadManger::LoadWorkerThread, kitC(ThreadManager::WaitAll)"));
   EXPECT_EQ(logs.CountContaining("ExitThread failed!"), 1u);
   stubborn->release = true;
   EXPECT_TRUE(Eventually([&] { return stubborn->finished.load(); }));

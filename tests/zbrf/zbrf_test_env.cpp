@@ -1,7 +1,6 @@
 #include "zbrf_test_env.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -14,13 +13,10 @@ namespace zbrf_test {
 
 ServiceRoot::ServiceRoot() {
   auto key = tarn::security::ReadPublicKeyFile(TARN_DEV_PUBLIC_KEY);
-  if (!key) throw std::runtime_error("no development key at " TARN_DEV_PUBLIC_KEY);
-  if (!tarn::security::InstallTrustedKey(*key, tarn::security::KeyKind::kMaker, "tarn-dev"))
-    throw std::runtime_error("cannot trust the development key");
+  if (!key || !tarn::security::InstallTrustedKey(*key, tarn::security::KeyKind::kMaker, "tarn-dev"))
+    throw std::runtime_error("cannot trust the development key at " TARN_DEV_PUBLIC_KEY);
   root_.MakeDir("opt/tarn/kits/com.test.service");
 }
-
-std::string ServiceRoot::PackageDir() const { return root_.At("opt/tarn/kits/com.test.service"); }
 
 std::string ServiceRoot::Install(const std::string& builtFile, const std::string& name) const {
   const std::string target = PackageDir() + "/" + name;

@@ -1,7 +1,6 @@
 #pragma once
-// A machine root that trusts the build's development key, and a package
-// folder in it holding signed test services.
-#include <memory>
+// A machine root that trusts the build's development key, with a package
+// folder for signed test services.
 #include <string>
 
 #include "support/temp_root.h"
@@ -12,9 +11,8 @@ class ServiceRoot {
  public:
   ServiceRoot();
   const tarn::test::TempRoot& root() const { return root_; }
-  // Folder of the package, with no trailing '/'.
-  std::string PackageDir() const;
-  // Copies a built file into the package folder under `name`.
+  std::string PackageDir() const { return root_.At("opt/tarn/kits/com.test.service"); }
+  // Copies a built file into the package folder under `name`; returns its path.
   std::string Install(const std::string& builtFile, const std::string& name) const;
   // Writes the package's ServiceInfo.json; returns its path.
   std::string WriteServiceInfo(const std::string& json) const;
@@ -23,7 +21,7 @@ class ServiceRoot {
   tarn::test::TempRoot root_;
 };
 
-// Copy of a file without its signature trailer.
+// Cuts the signature trailer off a file.
 void StripSignature(const std::string& path);
 
 }  // namespace zbrf_test
