@@ -86,13 +86,15 @@ std::uint32_t ConfigManager::WorkerThread(void* param) {
   CLOGI("ConfigManager::WorkerThread", "ConfigManager WorkerThread start.");
 
   // The handles are taken once: a later Init brings its own event and worker.
+  // The generation is read first, so a reset between the two reads is seen at
+  // the first wake; a reset before both leaves no event, and this worker is done.
+  const std::uint64_t generation = manager.workerGeneration_.load();
   const std::shared_ptr<tarn::os::Event> exitEvent =
       VantrelThread::ThreadManager::Instance().processExitEvent;
   const std::shared_ptr<tarn::os::Event> wakeEvent = manager.configEvent;
-  const std::uint64_t generation = manager.workerGeneration_.load();
   const std::vector<tarn::os::Waitable*> handles = {exitEvent.get(), wakeEvent.get()};
 
-  while (threadParam->running) {
+  while (threadParam->running && wakeEvent) {
     const std::uint32_t period = g_forceUpdateTimeperiod;
     const std::uint32_t result = tarn::config::Wait(handles, period);
     if (result == tarn::os::kWaitObject0) break;

@@ -15,20 +15,34 @@
 #include "access/scope_util.h"
 #include "access/zbrf_log_adapter.h"
 #include "config/ConfigPlatform.h"
+#include "config/ConfigRefresh.h"
 #include "container/ContainerRequestGates.h"
 #include "container/SystemEvents.h"
 #include "container/TarnContainerProcess.h"
+#include "analytics/EvManager.h"
+#include "analytics/EvScopeEventSink.h"
+#include "framework/FrameworkKitAPI.h"
 #include "kit/KitManagerApi.h"
+#include "kit/KitRuntimeHooks.h"
+#include "kit/LoadManger.h"
+#include "notice/NoticeManager.h"
+#include "support/FirewallUtils.h"
+#include "support/NetworkMonitor.h"
+#include "support/SystemEnvironment.h"
 #include "container/pipe_message.h"
+#include "platform/commonutil/aaid.h"
+#include "platform/commonutil/httputil.h"
 #include "platform/log/tarn_log.h"
 #include "platform/os/dbg_sdk.h"
 #include "platform/os/event.h"
 #include "platform/os/last_error.h"
 #include "platform/os/places.h"
 #include "platform/os/registry.h"
+#include "platform/os/text.h"
 #include "pipeline/ServerManager.h"
 #include "platform/zbrf/service_manager.h"
 #include "thread/ThreadManager.h"
+#include "update/UpgradeManager.h"
 
 namespace {
 
@@ -57,14 +71,13 @@ int TarnCoreContainerMain(const std::wstring& commandLine) {
   initTarnLog(10, 10);
   CLOGI("main", "TarnCoreContainer.main begin.");
   DbgSdkInit();
-  // HttpUtil::Https_curl_global_init(): the HTTP layer is not there yet.
-  // NoticeManager::StartPrivacyNotice(): the privacy notice is not there yet.
+  HttpUtil::Https_curl_global_init();
+  NoticeManager::StartPrivacyNotice();
 
   if (!SetPrivilege()) CLOGE("main", "SetPrivilege failed.");
 
-  // Session events go on to the kits. NoticeManager::LogonToCheckPrivacyNotice
-  // joins here when the privacy notice exists.
-  TarnContainerProcess::SetEventHandlers({&NotifyWinEventToKit, {}});
+  TarnContainerProcess::SetEventHandlers(
+      {&NotifyWinEventToKit, &NoticeManager::LogonToCheckPrivacyNotice});
   if (TarnContainerProcess::GetParentPipeHandle(PipeHandles)) {
     ThreadManager::Instance().Create(TarnContainerProcess::Pipe_Listen, &PipeHandles.pipeRead,
                                      "TarnContainerProcess::Pipe_Listen", false);
@@ -83,14 +96,13 @@ int TarnCoreContainerMain(const std::wstring& commandLine) {
     CLOGE("main", "Function excuted failed " << tarn::os::GetLastError());
   }
 
-  // HttpUtil::Https_curl_global_free(): see the start.
+  HttpUtil::Https_curl_global_free();
   ThreadManager::Instance().WaitAll();
   CLOGI("main", "Main, flush log and TarnCoreContainer end.");
   FlushTarnLogFile();
   DbgSdkUnInit();
 
-  // The product name stands where SystemEnvironment::GetOSVersion will.
-  if (MustTerminateAtExit(tarn::os::OperatingSystemName(), NativeProcessorArchitecture())) {
+  if (MustTerminateAtExit(SystemEnvironment::GetOSVersion(), NativeProcessorArchitecture())) {
     // Ends the process with code 0 at once: no static destructor runs.
     std::_Exit(0);
   }
@@ -113,9 +125,20 @@ std::uint32_t svcThreadFun(void* /*param*/) {
   // The first request can come as soon as the endpoint is open: the gates
   // that decide on it are in place before.
   ContainerRequestGates::InstallForProcess();
+  // Scope service events wait in the reporter's list until its thread starts.
+  ScopeProxy::SetEventSink(&EvScopeEventSink::Instance());
   ServerManager::GetInstance().ServerInit();
   CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun IPCServer end.");
 
+  // The framework kit and the update state, as the kit manager sees them.
+  static tarn::framework::FrameworkKitHooks kitHooks;
+  tarn::kit::SetKitRuntimeHooks(&kitHooks);
+  // What a configuration refresh may load: kits, and the scope service.
+  tarn::config::SetRefreshKitHooks({
+      [](const std::string& package) { return LoadManger::GetInstance().HasKit(package); },
+      [](const std::string& package) { return LoadManger::GetInstance().LoadKitDll(package); },
+      [] { return ScopeProxy::Instance().HasService(); },
+      [] { return ScopeProxy::Instance().CreateWasmScopeService(); }});
   static ZbrfServiceInfoRegistrar registrar;
   tarn::config::SetServiceInfoRegistrar(&registrar);
   KitManagerApi::GetInstance().Init();
@@ -128,24 +151,30 @@ std::uint32_t svcThreadFun(void* /*param*/) {
     const std::string bytes = tarn::container::ToPipeBytes(tarn::container::WorkStatusText(1));
     const bool notifyState = TarnContainerProcess::SendDataPipe(PipeHandles, bytes.data(), bytes.size());
     CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun SendDataPipe notifyState = " << notifyState);
-    // UpgradeManager::Init(): the upgrade manager is not there yet.
+    UpgradeManager::GetInstance().Init();
   }
 
   if (tarn::os::WaitForSingle(threads.processExitEvent, 1000) == tarn::os::kWaitTimeout) {
     ServerManager::GetInstance().SendServiceStartBroadcast();
-    // AAID::HandleRegAAID(): the anonymous id helper is not there yet.
+    AAID::HandleRegAAID();
     std::string installPath;
     ReadVtidRegistryValue("Install_Path", installPath);
     if (!installPath.empty()) {
-      // FirewallUtils::AddContainerUIRule(installPath as wide text): the
-      // firewall rules are not there yet.
+      std::wstring installPathW = tarn::os::Utf8ToWide(installPath);
+      FirewallUtils::AddContainerUIRule(installPathW);
     }
-    // EvManager::ReportMsgProc start: the event reporter is not there yet.
+    EvManager& evManager = EvManager::GetInstance();
+    if (!evManager.started) {
+      threads.Create(EvManager::ReportMsgProc, &evManager, "EvManager::ReportMsgProc", true);
+      evManager.enabled = EvManager::IsShareAnalysisOn();
+      evManager.started = true;
+    }
     ScopeUtil::RefreshScopeCache();  // ListFiles of <common app data>/Vantrel/TARNCORE/cache/
     ScopeProxy::Instance().InvokeOpenGateway("204518762");
-    // UpgradeManager::ClearRedundantFile(): the upgrade manager is not there yet.
-    // InitNetworkMonitor(), whose loop keeps this thread for the process's
-    // life: the network monitor is not there yet.
+    UpgradeManager::GetInstance().ClearRedundantFile();
+    // Its message loop keeps this thread until the process-exit event.
+    tarn::support::SetNetworkMonitorCallbacks({&NotifyNetworkChangeToKit, &NetworkConnectForUpdate});
+    InitNetworkMonitor();
   }
 
   CLOGI("svcThreadFun", "TarnCoreContainer.svcThreadFun end.");

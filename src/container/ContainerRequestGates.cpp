@@ -3,7 +3,9 @@
 #include <mutex>
 
 #include "config/ConfigManager.h"
+#include "analytics/EvManager.h"
 #include "kit/KitManagerApi.h"
+#include "update/UpdateNotify.h"
 
 bool ContainerRequestGates::IsInitComplete() { return KitManagerApi::GetInstance().isInitComplete; }
 
@@ -16,6 +18,19 @@ void ContainerRequestGates::Invoke(const RequestHeader& header, const ConvertedR
 }
 
 bool ContainerRequestGates::VerifyEnabled() { return ConfigManager::GetInstance().verifyEnabled; }
+
+void ContainerRequestGates::RecordApiCall(ServerResCallBack* callback, const std::string& direction) {
+  EvManager::GetInstance().RecordApiCall(callback, direction);
+}
+
+void ContainerRequestGates::GetNotifyMsg(const std::string& action, int isUserAgree,
+                                         std::string& out) {
+  tarn::update::GetNotifyMsg(action, isUserAgree, out);
+}
+
+void ContainerRequestGates::GetUpdateKitResultMsg(const std::string& result, std::string& out) {
+  tarn::update::GetUpdateKitResultMsg(result, out);
+}
 
 void ContainerRequestGates::InstallForProcess() {
   static std::once_flag once;

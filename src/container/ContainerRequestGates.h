@@ -7,7 +7,8 @@
 //                                         core-process test
 //   kit manager: IsInitComplete, Invoke
 //   configuration: VerifyEnabled
-//   still default: the event reporter's RecordApiCall, the notify builders
+//   event reporter: RecordApiCall
+//   update: the notify builders
 #include "access/access_request_gates.h"
 
 class ContainerRequestGates : public AccessRequestGates {
@@ -19,6 +20,11 @@ class ContainerRequestGates : public AccessRequestGates {
               ServerResCallBack* callback, ResponseStatus& status) override;
   // ConfigManager::verifyEnabled.
   bool VerifyEnabled() override;
+  // EvManager::RecordApiCall.
+  void RecordApiCall(ServerResCallBack* callback, const std::string& direction) override;
+  // The update notify messages, with the configuration's version, level and kits.
+  void GetNotifyMsg(const std::string& action, int isUserAgree, std::string& out) override;
+  void GetUpdateKitResultMsg(const std::string& result, std::string& out) override;
 
   // Installs the process's gates (once).
   static void InstallForProcess();

@@ -8,6 +8,7 @@
 #include "pipeline/Records.h"
 #include "platform/log/tarn_log.h"
 #include "platform/os/clock.h"
+#include "update/UpgradeManager.h"
 
 namespace {
 
@@ -62,8 +63,7 @@ bool NotifyNetworkChangeToKit(std::int32_t status) {
 }
 
 void NetworkConnectForUpdate() {
-  // The upgrade manager's startupCheckDone / workerEvent join here when the
-  // upgrade manager exists.
+  UpgradeManager::GetInstance().OnNetworkConnected();
   auto& config = ConfigManager::GetInstance();
   if (!config.configCheckDone) {
     CLOGI("NetworkConnectForUpdate", "Check update not success after startup 1 minutes, check it now.");
