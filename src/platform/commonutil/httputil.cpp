@@ -99,9 +99,10 @@ bool CurlHttpClient::Download(const std::string& url, const std::string& path,
 }
 
 HttpClient& GetHttpClient() {
-  static CurlHttpClient real;
+  // Never destroyed: workers that outlive main may still ask for it.
+  static auto* real = new CurlHttpClient;
   HttpClient* installed = g_client.load(std::memory_order_acquire);
-  return installed ? *installed : real;
+  return installed ? *installed : *real;
 }
 
 void SetHttpClientForTesting(HttpClient* client) { g_client.store(client, std::memory_order_release); }
