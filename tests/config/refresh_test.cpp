@@ -7,7 +7,6 @@
 #include <set>
 #include <thread>
 #include <fstream>
-#include <future>
 #include <sstream>
 
 #include "config/ConfigRefresh.h"
@@ -90,51 +89,13 @@ class Refresh : public tarn::test::ConfigFixture {
   int scopeCreated = 0;
 };
 
-TEST_F(Refresh, CachedCopyDecidesWhatIsNew) {
-  const std::string cached = "{\n  \"a\": 1,\n  \"b\": 2\n}\n";
-  struct Case {
-    const char* what;
-    const char* cache;  // nullptr: no cached copy
-    std::string body;
-    int result;
-  } cases[] = {
-      {"identical", cached.c_str(), cached, tarn::config::kDownloadSame},
-      {"last line differs", cached.c_str(), "{\n  \"a\": 1,\n  \"b\": 2\n]\n", tarn::config::kDownloadSaved},
-      {"one line longer", cached.c_str(), cached + "x\n", tarn::config::kDownloadSaved},
-      {"final line feed missing", cached.c_str(), cached.substr(0, cached.size() - 1), tarn::config::kDownloadSaved},
-      {"empty body", cached.c_str(), "", tarn::config::kDownloadSaved},
-      {"first run", nullptr, cached, tarn::config::kDownloadSaved},
-  };
-  for (const auto& c : cases) {
-    std::filesystem::remove_all(install + "config/cache");
-    if (c.cache) WriteCached(c.cache);
-    http.answers.push_back({200, c.body});
-    log.Clear();
-    EXPECT_EQ(cm.DownloadConfigFile(), c.result) << c.what;
-    EXPECT_EQ(Cached(), c.result == tarn::config::kDownloadSame ? std::string(c.cache) : c.body) << c.what;
-    if (!c.cache) {
-      EXPECT_TRUE(log.Contains("Failed Open config = " + install + "config/cache/remoteConfig.json error = 2"));
-      EXPECT_TRUE(log.Has(Level::Info, "Folder not exist, create folder = " + install +
-                                           "config/cache(ConfigManager::DownloadConfigFile)"));
-    }
-  }
-  EXPECT_EQ(http.urls.at(0),
-            std::string(kBase) + "/servicesupport/updateserver/data/com.vantrel.tarncore_framework_kitconfig?DT=20");
-}
-
-TEST_F(Refresh, FailuresOfTheRequestAndOfTheCache) {
+TEST_F(Refresh, NewCopyIsAppliedAndListedKitsLoaded) {
   http.answers.push_back({503, "busy"});
   EXPECT_FALSE(cm.GetConfigFromCloud());
   EXPECT_TRUE(log.Has(Level::Error, "Download remoteconfig failed. ret = 503(ConfigManager::DownloadConfigFile)"));
+  EXPECT_EQ(http.urls.at(0),
+            std::string(kBase) + "/servicesupport/updateserver/data/com.vantrel.tarncore_framework_kitconfig?DT=20");
 
-  // config/ is the installation's: only the last level is made.
-  std::filesystem::remove_all(install + "config");
-  http.answers.push_back({200, "{}"});
-  EXPECT_EQ(cm.DownloadConfigFile(), tarn::config::kDownloadFailed);
-  EXPECT_TRUE(log.Has(Level::Error, "Folder not exist, but create folder error = 2(ConfigManager::DownloadConfigFile)"));
-}
-
-TEST_F(Refresh, NewCopyIsAppliedAndListedKitsLoaded) {
   SetVersion("5.0");
   for (const char* kit : {"Zero", "One", "Two", "Done"}) Kit(std::string("com.") + kit, kit);
   WriteInstalled(OnePackage("com.Done", "Done"));
@@ -212,22 +173,6 @@ TEST_F(Refresh, WorkerFetchesAfterAMinuteThenDailyAndOwesAFailedFirstFetch) {
   EXPECT_TRUE(log.Has(Level::Info, "RemoteConfig param WorkerThread Try to get remote config from cloud. "
                                    "g_forceUpdateTimeperiod = 60000(ConfigManager::WorkerThread)"));
   EXPECT_TRUE(log.Has(Level::Info, "ConfigManager WorkerThread end.(ConfigManager::WorkerThread)"));
-}
-
-TEST_F(Refresh, InitStartsTheWorkerWhoseFirstWaitIsAMinute) {
-  std::promise<std::uint32_t> firstWait;
-  std::atomic<bool> told{false};
-  tarn::config::SetRefreshWaitForTesting([&](const std::vector<tarn::os::Waitable*>& handles, std::uint32_t timeout) {
-    // Workers of earlier tests wait on their own events.
-    if (handles.at(1) != cm.configEvent.get()) return tarn::os::WaitForAny(handles, timeout);
-    if (!told.exchange(true)) firstWait.set_value(timeout);
-    return tarn::os::kWaitObject0;  // the process exit: the worker leaves
-  });
-  EXPECT_FALSE(cm.Init());  // no configuration: the worker runs all the same
-  auto future = firstWait.get_future();
-  ASSERT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  EXPECT_EQ(future.get(), 60000u);
-  EXPECT_TRUE(http.urls.empty());
 }
 
 }  // namespace

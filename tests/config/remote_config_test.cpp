@@ -47,35 +47,6 @@ class RemoteConfig : public tarn::test::ConfigFixture {
   }
 };
 
-TEST_F(RemoteConfig, InstalledCopyIsReadWhenThereIsNoCacheWithNoWordAboutIt) {
-  WriteInstalled(OnePackage("com.account", "Account"));
-  std::string path;
-  GetRemoteConfigPath(path);
-  EXPECT_EQ(path, InstalledPath());
-  ASSERT_TRUE(cm.Init());
-  EXPECT_TRUE(ErrorLines().empty());
-  EXPECT_TRUE(log.Has(Level::Info, "ConfigManager.Init begin.(ConfigManager::Init)"));
-  EXPECT_TRUE(log.Has(Level::Info, "ConfigManager.Init end.(ConfigManager::Init)"));
-  EXPECT_EQ(cm.kitApiDispathMap.count("Account.Request"), 1u);
-  EXPECT_EQ(service.stops, 0);
-}
-
-TEST_F(RemoteConfig, EachInitMakesANewUnsignalledAutoResetEvent) {
-  WriteInstalled(OnePackage("com.account", "Account"));
-  ASSERT_TRUE(cm.Init());
-  auto first = cm.configEvent;
-  ASSERT_NE(first, nullptr);
-  EXPECT_FALSE(first->manualReset());
-  EXPECT_EQ(tarn::os::WaitForSingle(first, 0), tarn::os::kWaitTimeout);
-  ASSERT_TRUE(cm.Init());
-  EXPECT_NE(cm.configEvent, first);
-  // Made even when the file then fails.
-  ::unlink(InstalledPath().c_str());
-  auto second = cm.configEvent;
-  EXPECT_FALSE(cm.Init());
-  EXPECT_NE(cm.configEvent, second);
-}
-
 TEST_F(RemoteConfig, UnsoundCacheFallsBackToTheInstalledCopySilently) {
   WriteInstalled(OnePackage("com.account", "Account"));
   const char* unsound[] = {
@@ -85,17 +56,22 @@ TEST_F(RemoteConfig, UnsoundCacheFallsBackToTheInstalledCopySilently) {
       R"({"TimerPeriodTarnCoreUpdate":"60000"})",       // no packageInfo
       "",
   };
+  std::string path;
+  GetRemoteConfigPath(path);
+  EXPECT_EQ(path, InstalledPath());  // no cache at all
   for (const char* text : unsound) {
     WriteCached(text);
-    std::string path;
     GetRemoteConfigPath(path);
     EXPECT_EQ(path, InstalledPath()) << text;
   }
   log.Clear();
   ASSERT_TRUE(cm.Init());
   EXPECT_TRUE(ErrorLines().empty());
-  EXPECT_EQ(cm.kitConfigMap.count("com.account"), 1u);
+  EXPECT_TRUE(log.Has(Level::Info, "ConfigManager.Init begin.(ConfigManager::Init)"));
+  EXPECT_TRUE(log.Has(Level::Info, "ConfigManager.Init end.(ConfigManager::Init)"));
+  EXPECT_EQ(cm.kitApiDispathMap.count("Account.Request"), 1u);
   EXPECT_EQ(cm.kitConfigMap.count("com.mail"), 0u);
+  EXPECT_EQ(service.stops, 0);
 }
 
 TEST_F(RemoteConfig, SoundCacheWinsEvenWithoutAnInstalledCopy) {
@@ -123,35 +99,15 @@ TEST_F(RemoteConfig, MissingInstalledCopyAsksTheServiceToStop) {
                                         "Exit TarnCoreContainer.(ConfigManager::ReadRemoteConfig)"));
   EXPECT_TRUE(log.Has(Level::Error, "ReadRemoteConfig failed.(ConfigManager::Init)"));
   EXPECT_FALSE(log.Contains("ConfigManager.Init end."));
-}
 
-TEST_F(RemoteConfig, InstalledCopyThatIsNotJsonAsksTheServiceToStop) {
+  log.Clear();
   WriteInstalled("packageInfo = []");
   WriteCached("{ broken");
   EXPECT_FALSE(cm.ReadRemoteConfig());
-  EXPECT_EQ(service.stops, 1);
+  EXPECT_EQ(service.stops, 2);
   EXPECT_TRUE(log.Has(Level::Error, "get remoteConfig faield, data parse error. file: " +
                                         InstalledPath() + "(ConfigManager::ReadRemoteConfig)"));
   EXPECT_EQ(cm.timerPeriodTarnCoreUpdate, 604800000u);  // nothing applied
-}
-
-TEST_F(RemoteConfig, FileWithoutPackagesIsReadButFailsInit) {
-  WriteInstalled(R"({"TimerPeriodTarnCoreUpdate":3600000})");
-  EXPECT_FALSE(cm.Init());
-  EXPECT_EQ(service.stops, 0);
-  EXPECT_EQ(cm.timerPeriodTarnCoreUpdate, 3600000u);
-  EXPECT_TRUE(cm.kitConfigMap.empty());
-  EXPECT_TRUE(log.Has(Level::Error, "ConstuctApiDispathMap failed.(ConfigManager::Init)"));
-}
-
-TEST_F(RemoteConfig, VersionComesFromTheRegistryAndLevelIsThree) {
-  SetVersion("5.3.0.300");
-  WriteInstalled(OnePackage("com.account", "Account"));
-  ASSERT_TRUE(cm.ReadRemoteConfig());
-  EXPECT_EQ(cm.remoteConfig.version, "5.3.0.300");
-  EXPECT_EQ(cm.remoteConfig.level, "3");
-  EXPECT_TRUE(log.Has(Level::Info, "The current x64 TARNCORE version = 5.3.0.300"
-                                   "(ConfigManager::ReadRemoteConfig)"));
 }
 
 TEST_F(RemoteConfig, ForceUpdateOneWithTheInstalledVersionListed) {
@@ -159,6 +115,9 @@ TEST_F(RemoteConfig, ForceUpdateOneWithTheInstalledVersionListed) {
   WriteInstalled(Forced(R"("1")", R"(["5.2.0.1","5.3.0.300",7])",
                         R"("TimerPeriodTarnCoreUpdate":"3600000","forceUpgradeTimeInterval":"2",)"));
   ASSERT_TRUE(cm.ReadRemoteConfig());
+  EXPECT_EQ(cm.remoteConfig.version, "5.3.0.300");
+  EXPECT_EQ(cm.remoteConfig.level, "3");
+  EXPECT_TRUE(log.Has(Level::Info, "The current x64 TARNCORE version = 5.3.0.300(ConfigManager::ReadRemoteConfig)"));
   auto package = Package(0);
   ASSERT_NE(package, nullptr);
   EXPECT_EQ(package->forceUpdate, "1");
@@ -176,49 +135,38 @@ TEST_F(RemoteConfig, ForceUpdateOneWithTheInstalledVersionListed) {
   EXPECT_EQ(flag, "1");
 }
 
-TEST_F(RemoteConfig, ForceUpdateOneWithoutTheIntervalIsOneDay) {
-  SetVersion("5.3.0.300");
-  WriteInstalled(Forced(R"("1")", R"(["5.3.0.300"])", R"("TimerPeriodTarnCoreUpdate":3600000,)"));
-  ASSERT_TRUE(cm.ReadRemoteConfig());
-  EXPECT_EQ(cm.timerPeriodTarnCoreUpdate, 86400000u);
-}
-
-TEST_F(RemoteConfig, ForceUpdateOneWithTheVersionNotListedIsZero) {
-  SetVersion("5.3.0.300");
-  WriteInstalled(Forced("1", R"(["5.3.0.299","5.3.0.3000"])",
-                        R"("TimerPeriodTarnCoreUpdate":3600000,"forceUpgradeTimeInterval":"abc",)"));
-  ASSERT_TRUE(cm.ReadRemoteConfig());
-  auto package = Package(0);
-  ASSERT_NE(package, nullptr);
-  EXPECT_EQ(package->forceUpdate, "0");
-  ASSERT_NE(package->invalidVersionCodes, nullptr);  // the raw flag was "1"
-  EXPECT_EQ(package->invalidVersionCodes->size(), 2u);
-  // forceUpgradeTimeInterval isn't read at all.
-  EXPECT_EQ(cm.timerPeriodTarnCoreUpdate, 3600000u);
-  EXPECT_FALSE(log.Contains("RefreshSlientUpdatePeriod"));
-}
-
-TEST_F(RemoteConfig, ForceUpdateTwoRunsAndThreeIsIgnored) {
-  SetVersion("5.3.0.300");
-  WriteInstalled(Forced(R"("2")", R"(["5.3.0.300"])", R"("forceUpgradeTimeInterval":"3",)"));
-  ASSERT_TRUE(cm.ReadRemoteConfig());
-  EXPECT_EQ(Package(0)->forceUpdate, "2");
-  EXPECT_EQ(cm.timerPeriodTarnCoreUpdate, 86400000u);  // only "1" shortens the period
-
-  cm.ResetForTesting();
-  log.Clear();
-  WriteInstalled(Forced(R"("3")", R"({"not":"read"})"));
-  ASSERT_TRUE(cm.ReadRemoteConfig());
-  EXPECT_EQ(Package(0)->forceUpdate, "0");
-  EXPECT_EQ(Package(0)->invalidVersionCodes, nullptr);
-  EXPECT_FALSE(log.Contains("ForceUpdate current install version"));
-}
-
-TEST_F(RemoteConfig, WithoutARegistryVersionAnEmptyCodeMatches) {
-  WriteInstalled(Forced("1", R"(["5.3.0.300",""])"));
-  ASSERT_TRUE(cm.ReadRemoteConfig());
-  EXPECT_EQ(cm.remoteConfig.version, "");
-  EXPECT_EQ(Package(0)->forceUpdate, "1");
+TEST_F(RemoteConfig, ForceUpdateFlagAndPeriodByCase) {
+  struct Case {
+    const char* version;  // nullptr: none in the registry
+    std::string text;
+    const char* flag;
+    std::uint32_t period;
+    bool codesRead;
+  } cases[] = {
+      // "1" without the interval is one day.
+      {"5.3.0.300", Forced(R"("1")", R"(["5.3.0.300"])", R"("TimerPeriodTarnCoreUpdate":3600000,)"), "1", 86400000u, true},
+      // "1" with the version not listed is "0" and the interval isn't read.
+      {"5.3.0.300", Forced("1", R"(["5.3.0.299","5.3.0.3000"])",
+                          R"("TimerPeriodTarnCoreUpdate":3600000,"forceUpgradeTimeInterval":"abc",)"), "0", 3600000u, true},
+      // Only "1" shortens the period.
+      {"5.3.0.300", Forced(R"("2")", R"(["5.3.0.300"])", R"("forceUpgradeTimeInterval":"3",)"), "2", 86400000u, true},
+      {"5.3.0.300", Forced(R"("3")", R"({"not":"read"})"), "0", 86400000u, false},
+      // Without a registry version an empty code matches.
+      {nullptr, Forced("1", R"(["5.3.0.300",""])"), "1", 86400000u, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    cm.ResetForTesting();
+    log.Clear();
+    if (c.version) SetVersion(c.version); else fs::remove(root.At(kVtid + "/Version"));
+    WriteInstalled(c.text);
+    ASSERT_TRUE(cm.ReadRemoteConfig());
+    ASSERT_NE(Package(0), nullptr);
+    EXPECT_EQ(Package(0)->forceUpdate, c.flag);
+    EXPECT_EQ(Package(0)->invalidVersionCodes != nullptr, c.codesRead);
+    EXPECT_EQ(cm.timerPeriodTarnCoreUpdate, c.period);
+    EXPECT_TRUE(c.codesRead || !log.Contains("ForceUpdate current install version"));
+  }
 }
 
 TEST_F(RemoteConfig, ForceUpdateFlagFollowsTheRemoteSubKitsNotTheManifest) {

@@ -72,10 +72,4 @@ TEST(ParentServiceControlTest, AnyOtherParentIsLeftAlone) {
   EXPECT_EQ(WEXITSTATUS(status), 7);
 }
 
-TEST(ParentServiceControlTest, RecognisesTheServiceByItsExecutable) {
-  EXPECT_FALSE(tarn::config::IsTarnCoreServiceProcess(::getpid()));
-  EXPECT_FALSE(tarn::config::IsTarnCoreServiceProcess(0));
-  EXPECT_FALSE(tarn::config::IsTarnCoreServiceProcess(-1));
-}
-
 }  // namespace
