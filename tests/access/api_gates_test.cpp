@@ -55,7 +55,7 @@ class CoreRequestTest : public ::testing::Test {
   tarn::log::LogCapture log_;
 };
 
-TEST_F(CoreRequestTest, OnlyTheCoreClientIdIsLookedAt) {
+TEST_F(CoreRequestTest, OnlyTheCoreClientIdIsLookedAtAndAFailedTestRefuses) {
   verifier_.path = InstallFolder() + "/TarnCoreUI";
   header_.client_id = "204518762 ";
   EXPECT_FALSE(KitApiGates::IsTarnCorerequest(1, header_));
@@ -63,10 +63,9 @@ TEST_F(CoreRequestTest, OnlyTheCoreClientIdIsLookedAt) {
   header_.client_id = "204518762";
   EXPECT_TRUE(KitApiGates::IsTarnCorerequest(77, header_));
   EXPECT_EQ(verifier_.askedPid, 77u);
-}
 
-TEST_F(CoreRequestTest, AFailedSignatureTestRefusesWithItsLines) {
   verifier_.verified = false;
+  verifier_.path.clear();
   EXPECT_FALSE(KitApiGates::IsTarnCorerequest(12, header_));
   EXPECT_TRUE(log_.Has(Level::Error, "VerifyTarnCoreExePath failed, modulesExePath is null.(KitManagerApi::IsTarnCorerequest)"));
   EXPECT_TRUE(log_.Has(Level::Error, "GetAndVerifyTarnCoreExePath failed, pid = 12(KitManagerApi::IsTarnCorerequest)"));
@@ -121,28 +120,23 @@ class PermissionGateTest : public ::testing::Test {
   tarn::log::LogCapture log_;
 };
 
-TEST_F(PermissionGateTest, CoreRequestsPassUnasked) {
+TEST_F(PermissionGateTest, CoreRequestsAndApisWithoutPermissionPassUnasked) {
   EXPECT_TRUE(Gate(true, {"", "", ""}));
   EXPECT_EQ(lookups_, 0);
   EXPECT_TRUE(log_.Has(Level::Info, "TarnCore request, no need check API permission.(KitManagerApi::CheckApiPermission)"));
-}
-
-TEST_F(PermissionGateTest, AnUnknownApiIsNotSupported) {
-  EXPECT_FALSE(Gate(false, {"", "perm", ""}));
-  EXPECT_EQ(status_.status_code, "907135001");
-  EXPECT_EQ(status_.error_code, "907135001");
-  EXPECT_EQ(status_.error_reason, "API is not supported. ");
-  EXPECT_TRUE(log_.Has(Level::Error, "uri is not supported. uri = Demo.Echo(KitManagerApi::CheckApiPermission)"));
-  EXPECT_EQ(service_->Calls(), 0);
-}
-
-TEST_F(PermissionGateTest, NoPermissionAndThePlaceholderNeedNoQuestion) {
   EXPECT_EQ(std::string(tarn::access::kNoPermissionNeeded).size(), 18u);
   EXPECT_TRUE(Gate(false, {"Echo", "", ""}));
   EXPECT_TRUE(Gate(false, {"Echo", tarn::access::kNoPermissionNeeded, ""}));
   EXPECT_EQ(service_->Calls(), 0);
   EXPECT_EQ(log_.Count(Level::Debug, "no need to check permission.(KitManagerApi::CheckApiPermission)"), 2u);
   EXPECT_EQ(status_.status_code, "0");
+
+  EXPECT_FALSE(Gate(false, {"", "perm", ""}));  // unknown api
+  EXPECT_EQ(status_.status_code, "907135001");
+  EXPECT_EQ(status_.error_code, "907135001");
+  EXPECT_EQ(status_.error_reason, "API is not supported. ");
+  EXPECT_TRUE(log_.Has(Level::Error, "uri is not supported. uri = Demo.Echo(KitManagerApi::CheckApiPermission)"));
+  EXPECT_EQ(service_->Calls(), 0);
 }
 
 TEST_F(PermissionGateTest, TheScopeServiceDecidesTheRest) {
@@ -159,81 +153,6 @@ TEST_F(PermissionGateTest, TheScopeServiceDecidesTheRest) {
   EXPECT_EQ(status_.status_code, "907135004");
   EXPECT_EQ(status_.error_reason, "API is illegal. ");
   EXPECT_TRUE(log_.Has(Level::Error, "CheckApiPermission. Failed!(KitManagerApi::CheckApiPermission)"));
-}
-
-struct LevelScript {
-  bool configSays = false;
-  std::string configCode = "907135005";
-  bool updating = false;
-  bool newVersion = false;
-  int updateChecks = 0;
-  int versionChecks = 0;
-
-  KitApiGates::LevelChecks Checks() {
-    KitApiGates::LevelChecks c;
-    c.configCheckApiLevel = [this](RequestHeader&, ResponseStatus& status) {
-      if (!configSays) {
-        status.status_code = status.error_code = configCode;
-        status.error_reason = "from config";
-      }
-      return configSays;
-    };
-    c.isUpdating = [this] {
-      ++updateChecks;
-      return updating;
-    };
-    c.hasNewVersion = [this] {
-      ++versionChecks;
-      return newVersion;
-    };
-    // Enough of a version comparison for these cases.
-    c.versionAtLeast = [](const std::string& a, const std::string& b) { return a >= b; };
-    return c;
-  }
-};
-
-TEST(ApiLevelGateTest, OnlyTheTwoLowLevelCodesLeadToTheUpdateQuestions) {
-  RequestHeader header;
-  LevelScript script;
-  ResponseStatus status;
-  script.configSays = true;
-  EXPECT_TRUE(KitApiGates::CheckApiLevel(header, status, script.Checks()));
-
-  script.configSays = false;
-  script.configCode = "907135000";
-  EXPECT_FALSE(KitApiGates::CheckApiLevel(header, status, script.Checks()));
-  EXPECT_EQ(status.status_code, "907135000");
-  EXPECT_EQ(script.updateChecks + script.versionChecks, 0);
-}
-
-TEST(ApiLevelGateTest, AnUpdateInProgressOrMissingIsReported) {
-  tarn::log::LogCapture log;
-  RequestHeader header;
-  LevelScript script;
-  script.updating = true;
-  header.sdk_version = "5.3.0.300";
-  ResponseStatus status;
-  EXPECT_FALSE(KitApiGates::CheckApiLevel(header, status, script.Checks()));
-  EXPECT_EQ(status.status_code, "907135012");
-  EXPECT_EQ(status.error_reason, "tarncore is updating. ");
-  EXPECT_TRUE(log.Has(Level::Error, "tarn is updating.(KitManagerApi::CheckApiLevel)"));
-  header.sdk_version = "5.2";
-  EXPECT_FALSE(KitApiGates::CheckApiLevel(header, status, script.Checks()));
-  EXPECT_EQ(status.status_code, "907135006");
-
-  script.updating = false;
-  script.newVersion = true;
-  script.configCode = "907135013";
-  status = ResponseStatus{};
-  EXPECT_FALSE(KitApiGates::CheckApiLevel(header, status, script.Checks()));
-  EXPECT_EQ(status.status_code, "907135013");
-  EXPECT_EQ(status.error_reason, "from config");
-
-  script.newVersion = false;
-  EXPECT_FALSE(KitApiGates::CheckApiLevel(header, status, script.Checks()));
-  EXPECT_EQ(status.status_code, "907135008");
-  EXPECT_EQ(status.error_reason, "tarncore need update, but not have new version. ");
-  EXPECT_TRUE(log.Has(Level::Error, "now has not new version.(KitManagerApi::CheckApiLevel)"));
 }
 
 }  // namespace

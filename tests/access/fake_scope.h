@@ -22,8 +22,7 @@ struct DecodedRequest {
 };
 DecodedRequest Decode(uint32_t code, tarn::zbrf::ZParcel data);
 
-// Serves the six transactions from a script. Reachable both ways: Transact
-// (as a sandboxed service is) and OnTransact (as an in-process one is).
+// Serves the six transactions from a script, by Transact (sandboxed) or OnTransact (in-process).
 class FakeScopeObject : public tarn::zbrf::ZObject {
  public:
   bool Transact(uint32_t code, const std::shared_ptr<tarn::zbrf::ZParcel>& data,
@@ -74,8 +73,7 @@ class RecordingSink : public ScopeEventSink {
   std::vector<ScopeEventRecord> records_;
 };
 
-// A proxy's platform with scripted services, a hand-moved clock and a sleep
-// that only counts.
+// A proxy's platform: scripted services, a hand-moved clock, a sleep that only counts.
 struct FakePlatform {
   std::shared_ptr<FakeScopeObject> wasm;    // null: creation fails
   std::shared_ptr<FakeScopeObject> native;  // null: creation fails

@@ -1,6 +1,4 @@
-// The reference scope service, both builds, behind the real service manager
-// and the proxy: decisions, the fallback when the sandboxed build dies, and
-// the refusal when a sandboxed service misbehaves.
+// The reference scope service, both builds, behind the real service manager and the proxy.
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -159,9 +157,11 @@ TEST_F(MisbehavingSandboxTest, GarbageEndsInRefusal) {
 
 TEST_F(MisbehavingSandboxTest, AServiceBusy220TimesGivesTheBusyOutcome) {
   ::setenv("ZBRF_TEST_BEHAVIOUR", "busy", 1);
+  tarn::log::LogCapture log;
   auto proxy = MakeProxy();
   EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 2000);
   EXPECT_EQ(sleeps_, 220);
+  EXPECT_TRUE(log.Has(tarn::log::Level::Warn, "scope proxy invokewithtry times limit(ScopeProxy::CheckCertFingerprint)"));
 }
 
 }  // namespace

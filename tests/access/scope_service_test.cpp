@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "fake_scope.h"
-#include "platform/log/log_capture.h"
 
 namespace {
 
@@ -42,9 +41,9 @@ class StubTest : public ::testing::Test {
 };
 
 TEST_F(StubTest, EachOperationIsOneNumberedTransactionWithItsFields) {
-  remote_->replyBytes = ReplyWith([](ZParcel&) {});
-  int32_t code = 0;
-  bool allowed = false;
+  remote_->replyBytes = ReplyWith([](ZParcel& p) { p.WriteString(2, "other"); });
+  int32_t code = 55;
+  bool allowed = true;
   std::vector<std::shared_ptr<service::ScopeItem>> items;
   EXPECT_TRUE(stub_.CheckCertFingerprint("app", "FP", code));
   EXPECT_TRUE(stub_.CheckApiPermission("app", "perm", "uri", allowed));
@@ -52,15 +51,15 @@ TEST_F(StubTest, EachOperationIsOneNumberedTransactionWithItsFields) {
   EXPECT_TRUE(stub_.SetLastCheckTime("app"));
   EXPECT_TRUE(stub_.GetScopeByAppId("app", items));
   EXPECT_TRUE(stub_.InvokeOpenGateway("app"));
+  // A reply without the field leaves the out arguments as they were.
+  EXPECT_EQ(code, 55);
+  EXPECT_TRUE(allowed);
+  EXPECT_TRUE(items.empty());
 
   using Fields = std::map<uint32_t, std::vector<std::string>>;
   const std::vector<std::pair<uint32_t, Fields>> expected = {
-      {1, {{1, {"app"}}, {2, {"FP"}}}},
-      {2, {{1, {"app"}}, {2, {"perm"}}, {3, {"uri"}}}},
-      {3, {{1, {"app"}}, {2, {"perm"}}}},
-      {4, {{1, {"app"}}}},
-      {5, {{1, {"app"}}}},
-      {6, {{1, {"app"}}}},
+      {1, {{1, {"app"}}, {2, {"FP"}}}}, {2, {{1, {"app"}}, {2, {"perm"}}, {3, {"uri"}}}},
+      {3, {{1, {"app"}}, {2, {"perm"}}}}, {4, {{1, {"app"}}}}, {5, {{1, {"app"}}}}, {6, {{1, {"app"}}}},
   };
   ASSERT_EQ(remote_->requests.size(), expected.size());
   for (std::size_t i = 0; i < expected.size(); ++i) {
@@ -69,9 +68,13 @@ TEST_F(StubTest, EachOperationIsOneNumberedTransactionWithItsFields) {
     EXPECT_EQ(remote_->requests[i].fields, expected[i].second) << "transaction " << expected[i].first;
   }
   EXPECT_EQ(remote_->lastFlags, 0u);
+  // Even an empty reply (no status word) is an exchange that took place.
+  remote_->replyBytes.clear();
+  EXPECT_TRUE(stub_.CheckCertFingerprint("a", "b", code));
+  EXPECT_EQ(code, 55);
 }
 
-TEST_F(StubTest, RepliesAreReadAfterTheStatusWordSkippingUnknownFields) {
+TEST_F(StubTest, RepliesSkipUnknownFieldsAndTheLastRepeatWins) {
   remote_->replyBytes = ReplyWith([](ZParcel& p) {
     p.WriteString(7, "ignored");
     p.WriteInt32(9, 3);
@@ -80,8 +83,6 @@ TEST_F(StubTest, RepliesAreReadAfterTheStatusWordSkippingUnknownFields) {
   int32_t code = 0;
   EXPECT_TRUE(stub_.CheckCertFingerprint("a", "b", code));
   EXPECT_EQ(code, 1000);
-
-  // Repeated: the last one wins.
   remote_->replyBytes = ReplyWith([](ZParcel& p) {
     p.WriteBool(1, true);
     p.WriteBool(1, false);
@@ -89,23 +90,6 @@ TEST_F(StubTest, RepliesAreReadAfterTheStatusWordSkippingUnknownFields) {
   bool allowed = true;
   EXPECT_TRUE(stub_.CheckPermission("a", "p", allowed));
   EXPECT_FALSE(allowed);
-}
-
-TEST_F(StubTest, AReplyWithoutTheFieldLeavesTheOutArgumentButCountsAsAnExchange) {
-  remote_->replyBytes = ReplyWith([](ZParcel& p) { p.WriteString(2, "other"); });
-  int32_t code = 55;
-  bool allowed = true;
-  std::vector<std::shared_ptr<service::ScopeItem>> items;
-  EXPECT_TRUE(stub_.CheckCertFingerprint("a", "b", code));
-  EXPECT_EQ(code, 55);
-  EXPECT_TRUE(stub_.CheckApiPermission("a", "p", "u", allowed));
-  EXPECT_TRUE(allowed);
-  EXPECT_TRUE(stub_.GetScopeByAppId("a", items));
-  EXPECT_TRUE(items.empty());
-  // Even an empty reply (no status word) is an exchange that took place.
-  remote_->replyBytes.clear();
-  EXPECT_TRUE(stub_.CheckCertFingerprint("a", "b", code));
-  EXPECT_EQ(code, 55);
 }
 
 TEST_F(StubTest, AFailedExchangeLeavesEverythingAsItWas) {
@@ -124,13 +108,16 @@ TEST_F(StubTest, AFailedExchangeLeavesEverythingAsItWas) {
   EXPECT_EQ(items.size(), 1u);
 }
 
-TEST_F(StubTest, ScopeItemsArriveInOrderWithTheirPermissions) {
+TEST_F(StubTest, ScopeItemsArriveInOrderAndReadFieldsInAnyOrder) {
   service::ScopeItem first, second;
   first.id = 1;
   first.name = "contacts";
-  first.url = "https://a";
-  first.permissions = {"read", "write"};
+  first.url = std::string(200, 'u');
+  first.permissions = {"read", "", "write"};
   second.id = -2;
+  ZParcel encoded;
+  first.WriteToParcel(encoded);
+  EXPECT_EQ(first.Size(), encoded.Size());
   remote_->replyBytes = ReplyWith([&](ZParcel& p) {
     p.WriteParcelable(1, first);
     p.WriteInt32(3, 8);
@@ -141,21 +128,10 @@ TEST_F(StubTest, ScopeItemsArriveInOrderWithTheirPermissions) {
   ASSERT_EQ(items.size(), 2u);
   EXPECT_EQ(items[0]->id, 1);
   EXPECT_EQ(items[0]->name, "contacts");
-  EXPECT_EQ(items[0]->url, "https://a");
-  EXPECT_EQ(items[0]->permissions, (std::vector<std::string>{"read", "write"}));
+  EXPECT_EQ(items[0]->url, first.url);
+  EXPECT_EQ(items[0]->permissions, first.permissions);
   EXPECT_EQ(items[1]->id, -2);
   EXPECT_TRUE(items[1]->permissions.empty());
-}
-
-TEST(ScopeItemTest, ReadsFieldsInAnyOrderAndSizeIsTheEncodedLength) {
-  service::ScopeItem item;
-  item.id = 300;
-  item.name = "n";
-  item.url = std::string(200, 'u');
-  item.permissions = {"p1", "", "p3"};
-  ZParcel p;
-  item.WriteToParcel(p);
-  EXPECT_EQ(item.Size(), p.Size());
 
   ZParcel shuffled;
   shuffled.WriteString(4, "b");
@@ -168,57 +144,6 @@ TEST(ScopeItemTest, ReadsFieldsInAnyOrderAndSizeIsTheEncodedLength) {
   EXPECT_EQ(read.id, 12);
   EXPECT_EQ(read.name, "name");
   EXPECT_EQ(read.permissions, (std::vector<std::string>{"b", "c"}));
-}
-
-TEST(ZpScopeServiceTest, ServesNothingItself) {
-  service::ZpScopeService stub(std::make_shared<Remote>());
-  auto data = ZParcel::CreateInstance();
-  data->WriteHeader();
-  EXPECT_FALSE(stub.OnTransact(1, data, ZParcel::CreateInstance(), 0));
-}
-
-TEST(LocalZbrfProxyTest, HandsBothParcelsOverFromTheirStart) {
-  // The target reads the request and its own reply; the proxy rewinds both.
-  class Target : public ZObject {
-   public:
-    bool OnTransact(uint32_t code, const std::shared_ptr<ZParcel>& data, const std::shared_ptr<ZParcel>& reply,
-                    uint32_t flags) override {
-      seenAt = data->Position();
-      data->ReadHeader();
-      seenCode = code;
-      seenFlags = flags;
-      reply->WriteStatus(0);
-      reply->WriteInt32(1, 1000);
-      int32_t status;
-      reply->ReadStatus(status);  // moves the reply's read position
-      return answer;
-    }
-    std::size_t seenAt = 99;
-    uint32_t seenCode = 0, seenFlags = 0;
-    bool answer = true;
-  };
-  auto target = std::make_shared<Target>();
-  LocalZbrfProxy proxy(target);
-  auto data = ZParcel::CreateInstance();
-  data->WriteHeader();
-  data->WriteString(1, "x");
-  data->ReadHeader();  // as if already read from
-  auto reply = ZParcel::CreateInstance();
-  tarn::log::LogCapture capture;
-  EXPECT_TRUE(proxy.Transact(3, data, reply, 5));
-  EXPECT_EQ(target->seenAt, 0u);
-  EXPECT_EQ(target->seenCode, 3u);
-  EXPECT_EQ(target->seenFlags, 5u);
-  EXPECT_EQ(reply->Position(), 0u);
-  EXPECT_TRUE(capture.Has(tarn::log::Level::Info, "LocalZObjectProxy Transact(LocalZbrfProxy::Transact)"));
-
-  // The stub reads through the proxy what the target wrote.
-  service::ZpScopeService stub(std::make_shared<LocalZbrfProxy>(target));
-  int32_t code = 0;
-  EXPECT_TRUE(stub.CheckCertFingerprint("a", "b", code));
-  EXPECT_EQ(code, 1000);
-  target->answer = false;
-  EXPECT_FALSE(stub.CheckCertFingerprint("a", "b", code));
 }
 
 }  // namespace
