@@ -1,12 +1,11 @@
 // The container's start-up helpers that can run inside a test process.
 #include <gtest/gtest.h>
 #include <linux/capability.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 
 #include "container/ContainerMain.h"
 #include "platform/log/log_capture.h"
@@ -34,38 +33,15 @@ struct Caps {
   }
 };
 
-bool IsDirectory(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 }  // namespace
 
 TEST(WindowsSevenRule, NameDecidesAndArchitectureSixIsTheException) {
-  EXPECT_TRUE(MustTerminateAtExit("Windows 7 Professional", 9));
-  EXPECT_TRUE(MustTerminateAtExit("Microsoft WINDOWS 7 Ultimate", 0));
-  EXPECT_TRUE(MustTerminateAtExit("windows 7", 12));
-  EXPECT_FALSE(MustTerminateAtExit("Windows 7", 6));
-  EXPECT_FALSE(MustTerminateAtExit("Windows 10 Pro", 9));
-  EXPECT_FALSE(MustTerminateAtExit("Windows7", 9));
-  EXPECT_FALSE(MustTerminateAtExit("Debian GNU/Linux 12 (bookworm)", 9));
-  EXPECT_FALSE(MustTerminateAtExit("", 9));
-  // A version number alone is no match: the test is on the name's text.
-  EXPECT_TRUE(MustTerminateAtExit("Windows 70", 9));
-}
-
-TEST(WindowsSevenRule, ArchitectureCodeOfThisMachine) {
-  utsname name{};
-  ASSERT_EQ(::uname(&name), 0);
-  const std::string machine = name.machine;
-  const std::uint16_t code = NativeProcessorArchitecture();
-  if (machine == "x86_64") {
-    EXPECT_EQ(code, 9);
-  } else if (machine == "aarch64") {
-    EXPECT_EQ(code, 12);
-  } else if (machine == "i686" || machine == "i386") {
-    EXPECT_EQ(code, 0);
-  }
+  // The test is on the name's text: "Windows 70" matches, "Windows7" does not.
+  const struct { const char* name; std::uint16_t arch; bool terminate; } cases[] = {
+      {"Windows 7 Professional", 9, true}, {"Microsoft WINDOWS 7 Ultimate", 0, true}, {"windows 7", 12, true},
+      {"Windows 70", 9, true},             {"Windows 7", 6, false},                   {"Windows 10 Pro", 9, false},
+      {"Windows7", 9, false},              {"Debian GNU/Linux 12 (bookworm)", 9, false}, {"", 9, false}};
+  for (const auto& c : cases) EXPECT_EQ(MustTerminateAtExit(c.name, c.arch), c.terminate) << c.name << c.arch;
 }
 
 TEST(SetPrivilege, RaisesPtraceWhenPermittedAndSucceedsWithoutIt) {
@@ -74,33 +50,23 @@ TEST(SetPrivilege, RaisesPtraceWhenPermittedAndSucceedsWithoutIt) {
   if (!caps.Has(false)) GTEST_SKIP() << "CAP_SYS_PTRACE is not permitted to this test";
   EXPECT_TRUE(SetPrivilege());
 
-  // Each case in a child: capabilities once dropped from the permitted set
-  // are gone for good.
-  EXPECT_EXIT(
-      {
-        Caps c;
-        c.Get();
-        c.Drop(false);
-        if (!c.Set()) std::_Exit(2);
-        const bool ok = SetPrivilege();
-        Caps after;
-        after.Get();
-        std::_Exit(ok && after.Has(true) ? 0 : 1);
-      },
-      ::testing::ExitedWithCode(0), "");
-  EXPECT_EXIT(
-      {
-        LogCapture capture;
-        Caps c;
-        c.Get();
-        c.Drop(true);
-        if (!c.Set()) std::_Exit(2);
-        const bool ok = SetPrivilege();
-        Caps after;
-        after.Get();
-        std::_Exit(ok && !after.Has(true) && capture.Records().empty() ? 0 : 1);
-      },
-      ::testing::ExitedWithCode(0), "");
+  // In children: capabilities once dropped from the permitted set are gone for good.
+  for (bool fromPermitted : {false, true}) {
+    EXPECT_EXIT(
+        {
+          LogCapture capture;
+          Caps c;
+          c.Get();
+          c.Drop(fromPermitted);
+          if (!c.Set()) std::_Exit(2);
+          const bool ok = SetPrivilege();
+          Caps after;
+          after.Get();
+          std::_Exit(ok && after.Has(true) != fromPermitted && capture.Records().empty() ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "")
+        << fromPermitted;
+  }
 }
 
 TEST(InitDataDirectories, MakesTheFourFoldersOrLogsEachFailure) {
@@ -109,7 +75,7 @@ TEST(InitDataDirectories, MakesTheFourFoldersOrLogsEachFailure) {
     LogCapture capture;
     InitDataDirectories();
     for (const char* dir : {"cache", "log/tarnwucs", "ev", "ev/work"}) {
-      EXPECT_TRUE(IsDirectory(root.At(std::string("var/lib/Vantrel/TARNCORE/") + dir))) << dir;
+      EXPECT_TRUE(std::filesystem::is_directory(root.At(std::string("var/lib/Vantrel/TARNCORE/") + dir))) << dir;
     }
     EXPECT_FALSE(capture.Contains("Failed to create log directory"));
     EXPECT_EQ(TarnCoreUcs::UcsKmsLogPath(), root.At("var/lib/Vantrel/TARNCORE/log/tarnwucs"));

@@ -11,55 +11,34 @@ using namespace tarn::service;
 
 TEST(RestartBackoff, DoublesOnQuickDeathsUpToTheMaximumAndResetsAfterAStableRun) {
   RestartBackoff b(1s, 8s, 60s);
-  EXPECT_EQ(b.Next(0ms), 1000ms);
-  EXPECT_EQ(b.Next(200ms), 2000ms);
-  EXPECT_EQ(b.Next(200ms), 4000ms);
-  EXPECT_EQ(b.Next(59s), 8000ms);
-  EXPECT_EQ(b.Next(1s), 8000ms);
-  EXPECT_EQ(b.Next(60s), 1000ms);
-  EXPECT_EQ(b.Next(0ms), 2000ms);
+  for (auto [ran, wait] : {std::pair{0ms, 1000ms}, {200ms, 2000ms}, {200ms, 4000ms}, {59000ms, 8000ms},
+                           {1000ms, 8000ms}, {60000ms, 1000ms}, {0ms, 2000ms}}) {
+    EXPECT_EQ(b.Next(ran), wait) << ran.count();
+  }
 }
 
 TEST(LineSplitter, SplitsJoinsAndDropsOverlongLines) {
   LineSplitter s(8);
   EXPECT_TRUE(s.Feed("Notify").empty());
-  auto lines = s.Feed("A\r\n\nB\nC");
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0], "NotifyA");
-  EXPECT_EQ(lines[1], "B");
-  lines = s.Feed("\n123456789012\nok\n");
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0], "C");
-  EXPECT_EQ(lines[1], "ok");
+  EXPECT_EQ(s.Feed("A\r\n\nB\nC"), (std::vector<std::string>{"NotifyA", "B"}));
+  EXPECT_EQ(s.Feed("\n123456789012\nok\n"), (std::vector<std::string>{"C", "ok"}));
   // Exactly the limit passes, with or without a '\r'.
-  lines = s.Feed("12345678\n12345678\r\n");
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[1], "12345678");
+  EXPECT_EQ(s.Feed("12345678\n12345678\r\n"), (std::vector<std::string>{"12345678", "12345678"}));
 }
 
 TEST(SessionChanges, NewSessionsLogOnGoneOnesLogOff) {
-  auto ev = SessionChanges({"1", "2", "c1"}, {"2", "3", "c2"});
-  ASSERT_EQ(ev.size(), 2u);
-  EXPECT_EQ(ev[0], (SessionEvent{6, 1}));
-  EXPECT_EQ(ev[1], (SessionEvent{5, 3}));
+  EXPECT_EQ(SessionChanges({"1", "2", "c1"}, {"2", "3", "c2"}),
+            (std::vector<SessionEvent>{{6, 1}, {5, 3}}));
   EXPECT_TRUE(SessionChanges({"4"}, {"4"}).empty());
 }
 
-TEST(SupervisorOptions, ParsesAndRejects) {
-  const char* ok[] = {"svc", "--container", "/x/C", "--stop-grace-ms", "250",
-                      "--no-session-monitor", "--control", "/x/ctl"};
+// Good options are those the integration tests start the service with.
+TEST(SupervisorOptions, RejectsMissingBadAndUnknownValues) {
   SupervisorOptions o;
   std::string err;
-  ASSERT_TRUE(ParseSupervisorOptions(8, const_cast<char**>(ok), o, err)) << err;
-  EXPECT_EQ(o.containerPath, "/x/C");
-  EXPECT_EQ(o.controlPath, "/x/ctl");
-  EXPECT_EQ(o.stopGrace, 250ms);
-  EXPECT_FALSE(o.watchSessions);
-
-  const char* missing[] = {"svc", "--container"};
-  EXPECT_FALSE(ParseSupervisorOptions(2, const_cast<char**>(missing), o, err));
-  const char* bad[] = {"svc", "--stop-grace-ms", "-5"};
-  EXPECT_FALSE(ParseSupervisorOptions(3, const_cast<char**>(bad), o, err));
-  const char* unknown[] = {"svc", "--fast"};
-  EXPECT_FALSE(ParseSupervisorOptions(2, const_cast<char**>(unknown), o, err));
+  for (std::vector<const char*> bad : {std::vector<const char*>{"svc", "--container"},
+                                       {"svc", "--stop-grace-ms", "-5"}, {"svc", "--fast"}}) {
+    EXPECT_FALSE(ParseSupervisorOptions(static_cast<int>(bad.size()), const_cast<char**>(bad.data()), o, err))
+        << bad[1];
+  }
 }

@@ -1,5 +1,4 @@
-// TarnCoreContainer started by hand: its exit handle, its work status on
-// standard output, and the pause before the start-up tail.
+// TarnCoreContainer started by hand: its exit handle, work status and start-up pause.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -38,30 +37,19 @@ std::string ReadBytes(int fd, std::size_t size, std::chrono::milliseconds limit)
 
 std::string Utf16le(const std::string& ascii) {
   std::string out;
-  for (char c : ascii) {
-    out += c;
-    out += '\0';
-  }
+  for (char c : ascii) out += std::string{c, '\0'};
   return out;
 }
 
-// A container with its exit pipe at descriptor 5 and its standard output on a pipe.
+// A container logging at debug level, its exit pipe at descriptor 5, its standard output on a pipe.
 struct RunningContainer {
   pid_t pid = -1;
-  int exitWrite = -1;
-  int output = -1;
+  int exitWrite = -1, output = -1;
 
-  RunningContainer(const std::string& program, const std::string& handleText,
-                   std::vector<std::string> env = {}) {
-    int ex[2];
-    int out[2];
+  RunningContainer(const std::string& program, const std::string& handleText) {
+    int ex[2], out[2];
     if (::pipe2(ex, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    SpawnOptions options;
-    options.stdoutFd = out[1];
-    options.inheritFd = ex[0];
-    options.inheritAs = 5;
-    options.extraEnv = std::move(env);
-    pid = Spawn({program, handleText}, options);
+    pid = Spawn({program, handleText}, {out[1], ex[0], 5, {"SPDLOG_LEVEL=debug"}});
     ::close(ex[0]);
     ::close(out[1]);
     exitWrite = ex[1];
@@ -104,54 +92,31 @@ TEST(ContainerByHand, WithoutAValidExitHandleItEndsAtOnce) {
   EXPECT_EQ(CountText(ContainerLog(root), "TarnCoreService stop"), 0);
 }
 
-TEST(ContainerByHand, HexHandleWithoutPrefixAndTheWorkStatusWord) {
-  TempRoot root;
-  RunningContainer c(InstallPrograms(root) + "TarnCoreContainer", "5");
-  const std::string word = Utf16le("NotifyWorkStatus1");
-  EXPECT_EQ(ReadBytes(c.output, word.size(), 15s), word);
-  // No terminator, nothing more.
-  EXPECT_EQ(ReadBytes(c.output, 2, 300ms), "");
-  c.CloseExitPipe();
-  const int status = c.Wait(10s);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  EXPECT_EQ(CountText(ContainerLog(root), "Main, TarnCoreService stop, TarnCoreContainer exit(main)"), 1);
-  EXPECT_EQ(CountText(ContainerLog(root), "Function excuted failed"), 0);
-}
-
-TEST(ContainerByHand, AnExitDuringThePauseSkipsTheStartupTail) {
+TEST(ContainerByHand, TheWorkStatusWordThenAnExitDuringThePauseSkipsTheStartupTail) {
   TempRoot root;
   const std::string program = InstallPrograms(root) + "TarnCoreContainer";
   const std::string word = Utf16le("NotifyWorkStatus1");
   {
-    RunningContainer c(program, "0x5", {"SPDLOG_LEVEL=debug"});
+    RunningContainer c(program, "5");  // hex without its prefix
     ASSERT_EQ(ReadBytes(c.output, word.size(), 15s), word);
     c.CloseExitPipe();
-    ASSERT_TRUE(WIFEXITED(c.Wait(10s)));
+    const int status = c.Wait(10s);
+    EXPECT_EQ(ReadBytes(c.output, 2, 300ms), "");  // no terminator, nothing more
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(CountText(ContainerLog(root), "Main, TarnCoreService stop, TarnCoreContainer exit(main)"), 1);
     EXPECT_EQ(CountText(ContainerLog(root), "TarnCoreContainer.svcThreadFun end.(svcThreadFun)"), 1);
     EXPECT_EQ(CountText(ContainerLog(root), kBroadcastLine), 0);
+    EXPECT_EQ(CountText(ContainerLog(root), "Function excuted failed"), 0);
   }
-  {
-    // Left alone for the pause, the tail runs.
-    RunningContainer c(program, "0x5", {"SPDLOG_LEVEL=debug"});
-    ASSERT_EQ(ReadBytes(c.output, word.size(), 15s), word);
-    EXPECT_TRUE(WaitForText(ContainerLog(root), kBroadcastLine, 15s));
-    c.CloseExitPipe();
-    EXPECT_TRUE(WIFEXITED(c.Wait(10s)));
-  }
-}
-
-TEST(ContainerByHand, ACrashLeavesItsReport) {
-  TempRoot root;
-  RunningContainer c(InstallPrograms(root) + "TarnCoreContainer", "0x5");
-  const std::string word = Utf16le("NotifyWorkStatus1");
+  // Left alone for the pause, the tail runs; a crash then leaves its report.
+  RunningContainer c(program, "0x5");
   ASSERT_EQ(ReadBytes(c.output, word.size(), 15s), word);
+  EXPECT_TRUE(WaitForText(ContainerLog(root), kBroadcastLine, 15s));
   const pid_t pid = c.pid;
   ASSERT_EQ(::kill(pid, SIGSEGV), 0);
   const int status = c.Wait(15s);
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV);
-  const std::string report =
-      ReadText(root.At("var/lib/Vantrel/TARNCORE/log/crash-" + std::to_string(pid) + ".txt"));
-  EXPECT_FALSE(report.empty());
+  EXPECT_FALSE(ReadText(root.At("var/lib/Vantrel/TARNCORE/log/crash-" + std::to_string(pid) + ".txt")).empty());
 }
 
 }  // namespace

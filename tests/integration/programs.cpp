@@ -8,24 +8,18 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 
 extern char** environ;
 
-namespace fs = std::filesystem;
-
 namespace tarn::test {
 
-std::string InstallPrograms(const TempRoot& root, bool withConfig) {
+std::string InstallPrograms(const TempRoot& root) {
+  namespace fs = std::filesystem;
   const std::string dir = root.At("opt/tarncore/");
-  fs::create_directories(dir);
-  // Without a readable configuration the container stops the service.
-  if (withConfig) {
-    root.WriteFile("opt/tarncore/config/remoteConfig.json",
-                   "{ \"TimerPeriodTarnCoreUpdate\": \"86400000\", \"packageInfo\": [] }\n");
-  }
+  root.WriteFile("opt/tarncore/config/remoteConfig.json",
+                 "{ \"TimerPeriodTarnCoreUpdate\": \"86400000\", \"packageInfo\": [] }\n");
   for (const char* built : {"src/container/TarnCoreContainer", "tools/service/TarnCoreService"}) {
     const fs::path from = fs::path(BuildDir()) / built;
     fs::copy_file(from, fs::path(dir) / from.filename(), fs::copy_options::overwrite_existing);
@@ -36,33 +30,20 @@ std::string InstallPrograms(const TempRoot& root, bool withConfig) {
 pid_t Spawn(const std::vector<std::string>& argv, const SpawnOptions& options) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  if (options.stdinFd >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, options.stdinFd, 0);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  }
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   if (options.stdoutFd >= 0) {
     posix_spawn_file_actions_adddup2(&actions, options.stdoutFd, 1);
   } else {
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
   }
-  if (options.inheritFd >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, options.inheritFd, options.inheritAs);
-  }
-  posix_spawn_file_actions_addclosefrom_np(&actions,
-                                           std::max(3, options.inheritAs + 1));
-
-  std::vector<std::string> env;
-  for (char** e = environ; *e; ++e) env.emplace_back(*e);
-  for (const auto& e : options.extraEnv) env.push_back(e);
-  std::vector<char*> envp;
-  for (auto& e : env) envp.push_back(e.data());
+  if (options.inheritFd >= 0) posix_spawn_file_actions_adddup2(&actions, options.inheritFd, options.inheritAs);
+  posix_spawn_file_actions_addclosefrom_np(&actions, std::max(3, options.inheritAs + 1));
+  std::vector<char*> envp, argp;
+  for (char** e = environ; *e; ++e) envp.push_back(*e);
+  for (const auto& e : options.extraEnv) envp.push_back(const_cast<char*>(e.c_str()));
+  for (const auto& a : argv) argp.push_back(const_cast<char*>(a.c_str()));
   envp.push_back(nullptr);
-  std::vector<std::string> args = argv;
-  std::vector<char*> argp;
-  for (auto& a : args) argp.push_back(a.data());
   argp.push_back(nullptr);
-
   pid_t pid = -1;
   const int rc = ::posix_spawn(&pid, argp[0], &actions, nullptr, argp.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
@@ -72,17 +53,13 @@ pid_t Spawn(const std::vector<std::string>& argv, const SpawnOptions& options) {
 
 bool WaitExit(pid_t pid, std::chrono::milliseconds limit, int* status) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  for (;;) {
-    int st = 0;
-    pid_t r = ::waitpid(pid, &st, WNOHANG);
-    if (r == pid) {
-      if (status) *status = st;
-      return true;
-    }
-    if (r < 0) return false;
-    if (std::chrono::steady_clock::now() >= end) return false;
+  int st = 0;
+  for (pid_t r; (r = ::waitpid(pid, &st, WNOHANG)) != pid;) {
+    if (r < 0 || std::chrono::steady_clock::now() >= end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+  if (status) *status = st;
+  return true;
 }
 
 void KillAndReap(pid_t pid) {
@@ -91,21 +68,16 @@ void KillAndReap(pid_t pid) {
   ::waitpid(pid, nullptr, 0);
 }
 
-bool ProcessAlive(pid_t pid) {
-  if (pid <= 0) return false;
-  if (::kill(pid, 0) != 0) return false;
-  // A zombie has ended: only its parent has not looked yet.
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(stat)), {});
-  const auto close = text.rfind(')');
-  return close == std::string::npos || close + 2 >= text.size() || text[close + 2] != 'Z';
-}
-
 std::string ReadText(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return std::string((std::istreambuf_iterator<char>(in)), {});
+}
+
+bool ProcessAlive(pid_t pid) {
+  if (pid <= 0 || ::kill(pid, 0) != 0) return false;
+  const std::string text = ReadText("/proc/" + std::to_string(pid) + "/stat");
+  const auto close = text.rfind(')');
+  return close == std::string::npos || close + 2 >= text.size() || text[close + 2] != 'Z';
 }
 
 int CountText(const std::string& path, const std::string& text) {
@@ -118,18 +90,14 @@ int CountText(const std::string& path, const std::string& text) {
 bool WaitForText(const std::string& path, const std::string& text, std::chrono::milliseconds limit,
                  int times) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < end) {
-    if (CountText(path, text) >= times) return true;
+  while (CountText(path, text) < times) {
+    if (std::chrono::steady_clock::now() >= end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return CountText(path, text) >= times;
+  return true;
 }
 
-std::string ContainerLog(const TempRoot& root) {
-  return root.At("var/lib/Vantrel/TARNCORE/log/TarnCoreContainer.log");
-}
-std::string ServiceLog(const TempRoot& root) {
-  return root.At("var/lib/Vantrel/TARNCORE/log/TarnCoreService.log");
-}
+std::string ContainerLog(const TempRoot& root) { return root.At("var/lib/Vantrel/TARNCORE/log/TarnCoreContainer.log"); }
+std::string ServiceLog(const TempRoot& root) { return root.At("var/lib/Vantrel/TARNCORE/log/TarnCoreService.log"); }
 
 }  // namespace tarn::test

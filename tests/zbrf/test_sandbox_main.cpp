@@ -1,7 +1,6 @@
-// A sandboxed test service. "getTestService" serves one behaviour per
-// transaction code; "getScopeService" behaves for every code as the
-// environment variable ZBRF_TEST_BEHAVIOUR says ("hang", "garbage", "exit",
-// "busy", or anything else: accept), so it can stand in for the scope service.
+// A sandboxed test service: "getTestService" behaves per transaction code;
+// "getScopeService" stands in for the scope service, answering every code as
+// ZBRF_TEST_BEHAVIOUR says ("hang", "garbage", "busy", else accept).
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -25,10 +24,7 @@ void HangForever() {
   for (timespec t{3600, 0};;) ::nanosleep(&t, nullptr);  // a call the sandbox allows
 }
 
-void WriteRaw(const std::string& bytes) {
-  ssize_t ignored = ::write(frame::kChannelFd, bytes.data(), bytes.size());
-  (void)ignored;
-}
+void WriteRaw(const std::string& bytes) { (void)!::write(frame::kChannelFd, bytes.data(), bytes.size()); }
 
 std::string FirstString(ZParcel& data) {
   std::string text;
@@ -62,10 +58,7 @@ class TestService : public tarn::zbrf::ZObject {
         return true;
       case kHang: HangForever(); return false;
       case kGarbage: WriteRaw("\x07garbage that is no frame"); return true;
-      case kTrailingGarbage:
-        WriteRaw(frame::EncodeReply(true, "ok") + "unasked");
-        return true;
-      case kExit: _exit(0);
+      case kTrailingGarbage: WriteRaw(frame::EncodeReply(true, "ok") + "unasked"); return true;
       case kRefuse: return false;
       case kOpenRead:
       case kOpenWrite:
@@ -86,7 +79,6 @@ class TestService : public tarn::zbrf::ZObject {
   }
 };
 
-// Stands in for the scope service: answers every question the same way.
 class BehaviourService : public tarn::zbrf::ZObject {
  public:
   explicit BehaviourService(std::string behaviour) : behaviour_(std::move(behaviour)) {}
@@ -97,7 +89,6 @@ class BehaviourService : public tarn::zbrf::ZObject {
       WriteRaw(std::string(64, '\xff'));
       return true;
     }
-    if (behaviour_ == "exit") _exit(0);
     reply->WriteStatus(0);
     reply->WriteInt32(1, behaviour_ == "busy" ? 1001 : 0);
     return true;

@@ -9,7 +9,6 @@ enum : uint32_t {
   kHang = 2,             // never answers
   kGarbage = 3,          // writes bytes that are no frame
   kTrailingGarbage = 4,  // a good reply followed by unasked bytes
-  kExit = 5,             // the process ends
   kRefuse = 6,           // OnTransact says false
   kOpenRead = 10,        // reply 1: 0 or errno of opening field 1 read-only
   kOpenWrite = 11,       // ... for writing, creating it

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <tuple>
 
 #include "platform/zbrf/zparcelable.h"
 
@@ -21,12 +22,8 @@ class Pair : public ZParcelable {
   }
   bool ReadFromParcel(ZParcel& p) override {
     for (uint32_t tag = p.ReadTag(); tag != 0; tag = p.ReadTag()) {
-      if (p.TagField(tag) == 1) {
-        p.ReadInt32(number);
-      } else if (p.TagField(tag) == 2) {
-        p.ReadString(text);
-      } else {
-        p.SkipField(tag);
+      if (!(p.TagField(tag) == 1 ? p.ReadInt32(number) : p.TagField(tag) == 2 ? p.ReadString(text) : p.SkipField(tag))) {
+        return false;
       }
     }
     return true;
@@ -71,13 +68,9 @@ TEST(ZParcel, ValuesSurviveTheirRoundTrip) {
     }
   }
   EXPECT_FALSE(p->HasError());
-  EXPECT_EQ(negative, -5);
-  EXPECT_EQ(max, INT32_MAX);
-  EXPECT_TRUE(flag);
-  EXPECT_EQ(text, std::string("a\0b", 3));
+  EXPECT_EQ(std::tuple(negative, max, flag, text), std::tuple(-5, INT32_MAX, true, std::string("a\0b", 3)));
   EXPECT_EQ(list, (std::vector<std::string>{"x", "", "zz"}));
-  EXPECT_EQ(nested->number, -7);
-  EXPECT_EQ(nested->text, pair.text);
+  EXPECT_EQ(std::pair(nested->number, nested->text), std::pair(-7, pair.text));
 
   // A value of the wrong type is passed over and leaves the out argument.
   auto mixed = ZParcel::CreateInstance();
@@ -86,10 +79,9 @@ TEST(ZParcel, ValuesSurviveTheirRoundTrip) {
   int32_t first = 77, second = 0;
   ASSERT_NE(mixed->ReadTag(), 0u);
   EXPECT_FALSE(mixed->ReadInt32(first));
-  EXPECT_EQ(first, 77);
   ASSERT_EQ(mixed->TagField(mixed->ReadTag()), 2u);
   EXPECT_TRUE(mixed->ReadInt32(second));
-  EXPECT_EQ(second, 9);
+  EXPECT_EQ(std::pair(first, second), std::pair(77, 9));
 }
 
 TEST(ZParcel, TheEncodingIsProtobufs) {
@@ -103,11 +95,6 @@ TEST(ZParcel, TheEncodingIsProtobufs) {
   auto reply = ZParcel::CreateInstance();
   reply->WriteStatus(0x01020304);
   EXPECT_EQ(reply->Data(), Bytes({4, 3, 2, 1}));
-  // Sizes match what is written: a two-byte tag, a ten-byte varint, a two-byte length.
-  ZParcel q;
-  q.WriteInt32(20, INT32_MIN);
-  q.WriteString(3, std::string(200, 'q'));
-  EXPECT_EQ(q.SizeInt32(20, INT32_MIN) + q.SizeString(3, std::string(200, 'q')), q.Size());
 }
 
 TEST(ZParcel, UnknownFieldsOfEveryWireTypeAreSkipped) {
@@ -131,61 +118,42 @@ TEST(ZParcel, UnknownFieldsOfEveryWireTypeAreSkipped) {
   EXPECT_FALSE(p->HasError());
 }
 
-TEST(ZParcel, TruncatedDataEndsTheReadingForGood) {
+TEST(ZParcel, TruncatedOversizedOrMalformedDataEndsTheReadingForGood) {
   auto whole = ZParcel::CreateInstance();
   whole->WriteString(1, "abcdef");
-  whole->WriteInt32(2, 3);
-  for (std::size_t cut = 1; cut < 8; ++cut) {  // inside the string
-    SCOPED_TRACE(cut);
-    auto p = ZParcel::FromBytes(whole->Data().substr(0, cut));
-    std::string text = "kept";
-    if (p->ReadTag() != 0) {
-      EXPECT_FALSE(p->ReadString(text));
-    }
-    EXPECT_EQ(text, "kept");
-    EXPECT_EQ(p->ReadTag(), 0u);
-    EXPECT_TRUE(p->HasError());
+  std::vector<std::string> cases;
+  for (std::size_t cut = 1; cut < 8; ++cut) cases.push_back(whole->Data().substr(0, cut));  // inside the string
+  // A varint that never ends; lengths of 2 GiB - 1 and beyond int; field number 0; wire types 6 and 7.
+  for (const std::string& bytes : {Bytes({1 << 3 | 0, 0xff, 0xff}), Bytes({1 << 3 | 2, 0xff, 0xff, 0xff, 0xff, 0x07, 'x'}),
+                                   Bytes({1 << 3 | 2, 0xff, 0xff, 0xff, 0xff, 0x0f, 'x'}), Bytes({0x00, 1}),
+                                   Bytes({1 << 3 | 6, 1}), Bytes({1 << 3 | 7, 1})}) {
+    cases.push_back(bytes);
   }
-  // A varint that never ends.
-  auto p = ZParcel::FromBytes(Bytes({1 << 3 | 0, 0xff, 0xff}));
-  int32_t value = 5;
-  ASSERT_NE(p->ReadTag(), 0u);
-  EXPECT_FALSE(p->ReadInt32(value));
-  EXPECT_EQ(value, 5);
-  EXPECT_EQ(p->ReadTag(), 0u);
-
+  for (const std::string& bytes : cases) {
+    SCOPED_TRACE(::testing::PrintToString(bytes));
+    for (int reader = 0; reader < 3; ++reader) {  // skipped, read as text, read as number
+      auto p = ZParcel::FromBytes(bytes);
+      if (uint32_t tag = p->ReadTag(); tag != 0) {
+        std::string text = "kept";
+        int32_t number = 5;
+        EXPECT_FALSE(reader == 0 ? p->SkipField(tag) : reader == 1 ? p->ReadString(text) : p->ReadInt32(number));
+        EXPECT_EQ(text, "kept");
+        EXPECT_EQ(number, 5);
+      }
+      EXPECT_EQ(p->ReadTag(), 0u);
+      EXPECT_TRUE(p->HasError());
+    }
+  }
   // Headers and status words that are short or wrong.
   EXPECT_FALSE(ZParcel::FromBytes("ZPC")->ReadHeader());
   EXPECT_FALSE(ZParcel::FromBytes("ZPC2xxxx")->ReadHeader());
-  p = ZParcel::FromBytes("ZPC1");
+  auto p = ZParcel::FromBytes("ZPC1");
   EXPECT_TRUE(p->ReadHeader());
   EXPECT_EQ(p->ReadTag(), 0u);
   EXPECT_FALSE(p->HasError());
   int32_t status = 9;
   EXPECT_FALSE(ZParcel::FromBytes(Bytes({1, 2, 3}))->ReadStatus(status));
   EXPECT_EQ(status, 9);
-}
-
-TEST(ZParcel, OversizedLengthsAndMalformedTagsEndTheReading) {
-  // Strings that claim 2 GiB - 1 and more than int holds; field number 0; wire types 6 and 7.
-  for (const std::string& bytes : {Bytes({1 << 3 | 2, 0xff, 0xff, 0xff, 0xff, 0x07, 'x'}),
-                                   Bytes({1 << 3 | 2, 0xff, 0xff, 0xff, 0xff, 0x0f, 'x'}), Bytes({0x00, 1}),
-                                   Bytes({1 << 3 | 6, 1}), Bytes({1 << 3 | 7, 1})}) {
-    SCOPED_TRACE(static_cast<int>(bytes[0]));
-    auto p = ZParcel::FromBytes(bytes);
-    if (uint32_t tag = p->ReadTag(); tag != 0) {
-      EXPECT_FALSE(p->SkipField(tag));
-    }
-    EXPECT_EQ(p->ReadTag(), 0u);
-    EXPECT_TRUE(p->HasError());
-    if ((bytes[0] & 7) == 2) {
-      auto q = ZParcel::FromBytes(bytes);
-      std::string text;
-      ASSERT_NE(q->ReadTag(), 0u);
-      EXPECT_FALSE(q->ReadString(text));
-      EXPECT_TRUE(q->HasError());
-    }
-  }
 }
 
 TEST(ZParcel, NestingDeeperThanTheLimitIsRefused) {
