@@ -25,13 +25,9 @@ bool FakeScopeObject::Transact(uint32_t code, const std::shared_ptr<ZParcel>& da
 }
 
 bool FakeScopeObject::OnTransact(uint32_t code, const std::shared_ptr<ZParcel>& data,
-                                 const std::shared_ptr<ZParcel>& reply, uint32_t) {
-  ++calls_;
-  if (onCall) onCall();
-  if (failTransact) return false;
+                                 const std::shared_ptr<ZParcel>& reply, uint32_t flags) {
   // The local proxy hands over a parcel positioned at its start.
-  if (data->Position() != 0) return false;
-  return Serve(code, *data, *reply);
+  return data->Position() == 0 ? Transact(code, data, reply, flags) : (++calls_, false);
 }
 
 std::vector<DecodedRequest> FakeScopeObject::Requests() {

@@ -82,14 +82,13 @@ TEST_F(ScopeUtilTest, AClientsFingerprintIsJudgedByTheScopeService) {
                        "checkCertFingerprint, clientId:client-7, pid:4321, url is: Demo.Echo(ScopeUtil::CheckCertFingerprint)"));
   EXPECT_TRUE(log_.Has(Level::Info, "scope proxy check certFingerprint result 1000(ScopeUtil::CheckCertFingerprint)"));
   EXPECT_EQ(verifier_.makerChecks, 0);
-}
 
-TEST_F(ScopeUtilTest, AProcessWithoutAPathIsJudgedWithAnEmptyFingerprint) {
+  // A process without a path is judged with an empty fingerprint.
   verifier_.hasPath = false;
   service_->fingerprintCodes = {1};
   EXPECT_EQ(ScopeUtil::CheckCertFingerprint("client-7", 99, "", "", "X.Y"), 1);
-  ASSERT_EQ(service_->Requests().size(), 1u);
-  EXPECT_EQ(service_->Requests()[0].fields[2].at(0), "");
+  ASSERT_EQ(service_->Requests().size(), 2u);
+  EXPECT_EQ(service_->Requests()[1].fields[2].at(0), "");
   bool signLine = false;
   for (const auto& r : log_.Records())
     signLine |= r.level == Level::Error && r.tag == "SIGN" &&

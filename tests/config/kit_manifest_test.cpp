@@ -161,7 +161,7 @@ TEST_F(KitManifest, ManifestThatCantBeHashedIsStillRead) {
   EXPECT_EQ(ErrorLines().size(), 1u);
 }
 
-TEST_F(KitManifest, WrongKindsThrowTheLibraryError) {
+TEST_F(KitManifest, WrongKindsThrowTheLibraryErrorOutOfInit) {
   const char* wrong[] = {
       R"(["not an object"])",
       R"("text")",
@@ -174,9 +174,11 @@ TEST_F(KitManifest, WrongKindsThrowTheLibraryError) {
       R"({"kits":{"first":{"kitName":"A"}}})",
       R"({"kits":["A"]})",
   };
+  WriteInstalled(OnePackage("com.pkg", "A"));
   for (const char* text : wrong) {
+    cm.ResetForTesting();
     WriteManifest("com.pkg", text);
-    EXPECT_THROW(cm.ReadKitConfigForPackage("com.pkg", Remote({"A"})), Json::LogicError) << text;
+    EXPECT_THROW(cm.Init(), Json::LogicError) << text;
   }
 }
 

@@ -1,6 +1,4 @@
-// Stopping the service: a SIGTERM to the parent, only when the parent is
-// TarnCoreService. A copy of the shell plays the service so that the real
-// parent relation is exercised.
+// Stopping the service: SIGTERM to the parent, only when it is TarnCoreService (a renamed shell).
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
