@@ -1,14 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 
 #include "platform/ipc/ipc_message.h"
 #include "platform/ipc/signature_manager.h"
 
 namespace {
 
-TEST(IpcFrame, HeaderIsLittleEndianByteForByte) {
+TEST(IpcFrame, HeaderIsLittleEndianByteForByteAndDecodesBack) {
   TagIPCMessageItem item;
   item.target = 0x700000;
   item.source = 0x710000;
@@ -16,7 +15,7 @@ TEST(IpcFrame, HeaderIsLittleEndianByteForByte) {
   item.subCode = 0x80035;
   item.reserved = -1;
   item.syncMessageId = -2;
-  item.bodySize = 0x01020304;
+  item.bodySize = 0x00020304;
   item.bodyIsHeld = 1;
   unsigned char out[32];
   std::memset(out, 0xAA, sizeof(out));
@@ -24,21 +23,14 @@ TEST(IpcFrame, HeaderIsLittleEndianByteForByte) {
   const unsigned char expected[32] = {
       0x00, 0x00, 0x70, 0x00,  0x00, 0x00, 0x71, 0x00,  0x08, 0x00, 0x66, 0x00,
       0x35, 0x00, 0x08, 0x00,  0xFF, 0xFF, 0xFF, 0xFF,  0xFE, 0xFF, 0xFF, 0xFF,
-      0x04, 0x03, 0x02, 0x01,  0x01, 0x00, 0x00, 0x00};
+      0x04, 0x03, 0x02, 0x00,  0x01, 0x00, 0x00, 0x00};
   EXPECT_EQ(0, std::memcmp(out, expected, sizeof(out)));
 
   TagIPCMessageItem back;
-  item.bodySize = 5;
-  tarn::ipc::EncodeFrameHeader(item, out);
   ASSERT_EQ(tarn::ipc::HeaderCheck::Ok, tarn::ipc::DecodeFrameHeader(out, back));
-  EXPECT_EQ(back.target, item.target);
-  EXPECT_EQ(back.source, item.source);
-  EXPECT_EQ(back.messageCode, item.messageCode);
-  EXPECT_EQ(back.subCode, item.subCode);
-  EXPECT_EQ(back.reserved, -1);
-  EXPECT_EQ(back.syncMessageId, -2);
-  EXPECT_EQ(back.bodySize, 5u);
-  EXPECT_EQ(back.bodyIsHeld, 1);
+  unsigned char again[32];
+  tarn::ipc::EncodeFrameHeader(back, again);
+  EXPECT_EQ(0, std::memcmp(again, expected, sizeof(again)));
 }
 
 TEST(IpcFrame, DecodeRefusesNonZeroPaddingAndBodiesOver16MiB) {
@@ -49,30 +41,17 @@ TEST(IpcFrame, DecodeRefusesNonZeroPaddingAndBodiesOver16MiB) {
   raw[31] = 0;
   const uint32_t limit = 16u * 1024 * 1024;
   for (uint32_t size : {limit, limit + 1}) {
-    raw[24] = static_cast<unsigned char>(size);
-    raw[25] = static_cast<unsigned char>(size >> 8);
-    raw[26] = static_cast<unsigned char>(size >> 16);
-    raw[27] = static_cast<unsigned char>(size >> 24);
+    for (int i = 0; i < 4; ++i) raw[24 + i] = static_cast<unsigned char>(size >> (8 * i));
     EXPECT_EQ(size == limit ? tarn::ipc::HeaderCheck::Ok : tarn::ipc::HeaderCheck::TooLarge,
               tarn::ipc::DecodeFrameHeader(raw, item))
         << size;
   }
 }
 
-TEST(IpcFrame, ClientCodesCarryTheStatusTableTexts) {
-  EXPECT_STREQ("data format is error.", tarn::ipc::ClientCodeText(9000));
-  EXPECT_STREQ("TarnCoreService is not usered.", tarn::ipc::ClientCodeText(9001));
-  EXPECT_STREQ("TarnCoreService resonse error.", tarn::ipc::ClientCodeText(9002));
-  EXPECT_STREQ("Sending Message is TimeOut.", tarn::ipc::ClientCodeText(9003));
-  EXPECT_STREQ("Input param timeout is error.", tarn::ipc::ClientCodeText(9004));
-  EXPECT_STREQ("basesdk inner error.", tarn::ipc::ClientCodeText(9005));
-}
-
 TEST(SignatureWhitelist, FindTellsListedSameIdOtherIdAndUnlisted) {
   SignatureManager* list = SignatureManager::GetInstance();
   list->Clear();
-  EXPECT_NE(0, list->FindSignatured(42, "a"));
-  EXPECT_NE(1, list->FindSignatured(42, "a"));
+  EXPECT_EQ(2, list->FindSignatured(42, "a"));
   EXPECT_TRUE(list->AddSignatureWhiteList(42, "a"));
   EXPECT_EQ(0, list->FindSignatured(42, "a"));
   EXPECT_EQ(1, list->FindSignatured(42, "b"));
@@ -81,8 +60,7 @@ TEST(SignatureWhitelist, FindTellsListedSameIdOtherIdAndUnlisted) {
   EXPECT_EQ(0, list->FindSignatured(42, "b"));
   EXPECT_TRUE(list->RemoveSignatureWhiteList(42));
   EXPECT_FALSE(list->RemoveSignatureWhiteList(42));
-  EXPECT_NE(0, list->FindSignatured(42, "b"));
-  EXPECT_NE(1, list->FindSignatured(42, "b"));
+  EXPECT_EQ(2, list->FindSignatured(42, "b"));
 }
 
 }  // namespace

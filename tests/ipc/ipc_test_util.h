@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "platform/ipc/ipc_client.h"
 #include "platform/ipc/ipc_message.h"
 
 namespace tarn::test {
@@ -18,16 +19,13 @@ inline int RawConnect(const std::string& path) {
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) return fd;
+  ::close(fd);
+  return -1;
 }
 
 inline bool WriteAll(int fd, const std::string& bytes) {
-  std::size_t off = 0;
-  while (off < bytes.size()) {
+  for (std::size_t off = 0; off < bytes.size();) {
     ssize_t n = ::send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
     if (n <= 0) return false;
     off += static_cast<std::size_t>(n);
@@ -38,9 +36,8 @@ inline bool WriteAll(int fd, const std::string& bytes) {
 // Reads exactly n bytes; false on end, error or time-out.
 inline bool ReadExact(int fd, std::string& out, std::size_t n, int timeoutMs) {
   out.assign(n, '\0');
-  std::size_t got = 0;
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (got < n) {
+  for (std::size_t got = 0; got < n;) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now()).count();
     if (left <= 0) return false;
@@ -62,11 +59,10 @@ inline bool WaitClosed(int fd, int timeoutMs) {
   return r == 0 || (r < 0 && errno == ECONNRESET);
 }
 
-inline std::string EncodeFrame(const TagIPCMessageItem& item, const std::string& body) {
+inline std::string EncodeFrame(TagIPCMessageItem item, const std::string& body) {
   unsigned char header[ipc::kFrameHeaderSize];
-  TagIPCMessageItem copy = item;
-  copy.bodySize = static_cast<uint32_t>(body.size());
-  ipc::EncodeFrameHeader(copy, header);
+  item.bodySize = static_cast<uint32_t>(body.size());
+  ipc::EncodeFrameHeader(item, header);
   return std::string(reinterpret_cast<char*>(header), sizeof(header)) + body;
 }
 
@@ -78,6 +74,15 @@ inline TagIPCMessageItem RequestItem(int32_t id) {
   item.reserved = -1;
   item.syncMessageId = id;
   return item;
+}
+
+// A request through the client library; 0 or the library's code.
+inline int SendRequest(TarnCoreIPCMessageClient& client, int32_t id, std::string text,
+                       std::string& response, int timeoutMs) {
+  TagIPCMessageItem item = RequestItem(id);
+  item.body = text.data();
+  item.bodySize = static_cast<uint32_t>(text.size() + 1);
+  return client.SendMessageSync(item, response, timeoutMs);
 }
 
 }  // namespace tarn::test

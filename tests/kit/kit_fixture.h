@@ -21,6 +21,7 @@
 
 #include "config/ConfigManager.h"
 #include "config/ConfigPlatform.h"
+#include "ipc/ipc_test_util.h"
 #include "kit/KitManagerApi.h"
 #include "kit/KitRuntimeHooks.h"
 #include "kit/LoadManger.h"
@@ -37,10 +38,9 @@
 namespace tarn::test {
 
 constexpr int kLong = 10000;  // ms: an upper bound for liveness only
-constexpr int kNoAnswer = 700;  // ms: how long a request that gets no answer is given
 
-inline bool Eventually(const std::function<bool()>& done, int timeoutMs = kLong) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+inline bool Eventually(const std::function<bool()>& done) {
+  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);
   while (!done()) {
     if (std::chrono::steady_clock::now() > until) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -73,8 +73,7 @@ class TestHooks : public tarn::kit::KitRuntimeHooks {
     auto api = std::make_shared<KitApiDetailInfo>();
     api->uri = api->apiName = "Framework.Ping";
     api->apiLevel = "1";
-    api->kitName = "FRAMEWORK";
-    api->invokeType = "FRAMEWORK";
+    api->kitName = api->invokeType = "FRAMEWORK";
     api->packageName = "com.vantrel.framework";
     ConfigManager::GetInstance().kitApiDispathMap[api->uri] = api;
   }
@@ -86,10 +85,8 @@ class TestHooks : public tarn::kit::KitRuntimeHooks {
     return true;
   }
 
-  std::atomic<bool> updating{false};
-  std::atomic<bool> newVersion{false};
-  std::atomic<int> registrations{0};
-  std::atomic<int> frameworkCalls{0};
+  std::atomic<bool> updating{false}, newVersion{false};
+  std::atomic<int> registrations{0}, frameworkCalls{0};
 };
 
 struct Package {
@@ -107,8 +104,8 @@ class KitFixture : public ::testing::Test {
     loader.ResetForTesting();
     manager.ResetForTesting();
     root.MakeDir(kInstall);
-    root.MakeDir(kVtid);
-    root.WriteFile(kVtid + "/Version", kInstalledVersion);
+    root.WriteFile("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/Version",
+                   kInstalledVersion);
     install = root.At(kInstall) + "/";
     tarn::config::SetInstallDirectoryForTesting(install);
     tarn::config::SetServiceControlForTesting(&service);
@@ -138,21 +135,17 @@ class KitFixture : public ::testing::Test {
   }
 
   static void AppendTo(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::app);
-    out << bytes;
+    std::ofstream(path, std::ios::binary | std::ios::app) << bytes;
   }
 
   void WriteRemoteConfig(const std::vector<Package>& packages) {
-    std::string text = "{\"packageInfo\":[";
-    for (std::size_t i = 0; i < packages.size(); ++i) {
-      const Package& p = packages[i];
-      if (i) text += ",";
-      text += "{\"packageName\":\"" + p.name + "\",\"forceUpdate\":\"" + p.forceUpdate +
-              "\",\"invalidVersionCode\":[\"" + kInstalledVersion + "\"],\"subKits\":[{\"kitName\":\"" +
-              p.kitName + "\"}]}";
+    std::string text;
+    for (const Package& p : packages) {
+      text += std::string(text.empty() ? "" : ",") + "{\"packageName\":\"" + p.name +
+              "\",\"forceUpdate\":\"" + p.forceUpdate + "\",\"invalidVersionCode\":[\"" +
+              kInstalledVersion + "\"],\"subKits\":[{\"kitName\":\"" + p.kitName + "\"}]}";
     }
-    text += "]}";
-    root.WriteFile(kInstall + "/config/remoteConfig.json", text);
+    root.WriteFile(kInstall + "/config/remoteConfig.json", "{\"packageInfo\":[" + text + "]}");
   }
 
   // Installs the kits and names them in the remote configuration.
@@ -168,7 +161,6 @@ class KitFixture : public ::testing::Test {
   std::size_t Lines(std::string_view part) const { return log.CountContaining(part); }
 
   const std::string kInstall = "opt/tarncore";
-  const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID";
   TempRoot root;
   std::string install;
   tarn::log::LogCapture log;
@@ -211,32 +203,21 @@ class KitRequestFixture : public KitFixture {
 
   static std::string Request(const std::string& uri, const std::string& body = "{}",
                              const std::string& sdkVersion = "5.3.0.300", const std::string& apiLevel = "1") {
-    const std::string srv = uri.substr(0, uri.find('.'));
-    return "{\"header\":{\"version\":\"1.0\",\"srv_name\":\"" + srv + "\",\"api_name\":\"" + uri +
-           "\",\"app_id\":\"app\",\"pkg_name\":\"pkg\",\"sdk_version\":\"" + sdkVersion +
-           "\",\"session_id\":\"s1\",\"transaction_id\":\"t1\",\"kitSdkVersion\":\"1\",\"apiLevel\":\"" +
-           apiLevel + "\",\"client_id\":\"" + kClient + "\"},\"body\":" + body + "}";
+    return "{\"header\":{\"version\":\"1.0\",\"srv_name\":\"" + uri.substr(0, uri.find('.')) +
+           "\",\"api_name\":\"" + uri + "\",\"app_id\":\"app\",\"pkg_name\":\"pkg\",\"sdk_version\":\"" +
+           sdkVersion + "\",\"session_id\":\"s1\",\"transaction_id\":\"t1\",\"kitSdkVersion\":\"1\","
+           "\"apiLevel\":\"" + apiLevel + "\",\"client_id\":\"" + kClient + "\"},\"body\":" + body + "}";
   }
 
   // Sends a request and waits for its answer; 0 or the client library's code.
   int Send(int32_t id, const std::string& text, std::string& response, int timeoutMs = kLong) {
-    TagIPCMessageItem item;
-    item.target = IpcAddressContainer;
-    item.source = IpcAddressClientSide;
-    item.messageCode = IpcRequestMessageCode;
-    item.reserved = -1;
-    item.syncMessageId = id;
-    std::string copy = text;
-    item.body = copy.data();
-    item.bodySize = static_cast<uint32_t>(copy.size() + 1);
-    return client.SendMessageSync(item, response, timeoutMs);
+    return SendRequest(client, id, text, response, timeoutMs);
   }
 
   // The answer's header.status_code, or the client code when none came.
   std::string StatusOf(int32_t id, const std::string& text, Json::Value* answer = nullptr) {
     std::string response;
-    int code = Send(id, text, response);
-    if (code != 0) return "client " + std::to_string(code);
+    if (int code = Send(id, text, response)) return "client " + std::to_string(code);
     Json::Value root = ParseJson(response);
     if (answer) *answer = root;
     return root["header"]["status_code"].asString();

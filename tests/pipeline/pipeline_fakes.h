@@ -2,17 +2,17 @@
 // Stand-ins for what sits behind the pipeline, and a started endpoint under a
 // throw-away machine root.
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <atomic>
 #include <chrono>
-#include <thread>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "ipc/ipc_test_util.h"
 #include "pipeline/ConnectManager.h"
 #include "pipeline/RequestGates.h"
 #include "pipeline/ServerManager.h"
@@ -39,20 +39,16 @@ inline bool Eventually(const std::function<bool()>& done) {
 class FakeVerifier : public SignatureVerifyer {
  public:
   int Verify(uint32_t processId) override {
-    calls++;
     lastPid = processId;
+    calls++;
     return result;
   }
-  std::atomic<int> result{0};
-  std::atomic<int> calls{0};
+  std::atomic<int> result{0}, calls{0};
   std::atomic<uint32_t> lastPid{0};
 };
 
-struct ApiRecord {
-  std::string direction;
-  std::string apiName;
-  std::string statusCode;
-};
+// Records of "req"/"res" as direction, api name, status code.
+using ApiRecord = std::vector<std::string>;
 
 class FakeGates : public DefaultRequestGates {
  public:
@@ -67,19 +63,14 @@ class FakeGates : public DefaultRequestGates {
       std::lock_guard lock(mutex);
       fn = onInvoke;
     }
-    if (fn) {
-      fn(header, request, callback, status);
-    } else {
-      DefaultRequestGates::Invoke(header, request, callback, status);
-    }
+    if (!fn) return DefaultRequestGates::Invoke(header, request, callback, status);
+    fn(header, request, callback, status);
   }
   bool IsTarnCorerequest(uint32_t, const RequestHeader&) override { return tarnCoreCaller; }
   bool VerifyEnabled() override { return verifyEnabled; }
-  int CheckCertFingerprint(const std::string& clientId, uint32_t, const std::string&,
-                           const std::string&, const std::string&) override {
+  int CheckCertFingerprint(const std::string&, uint32_t, const std::string&, const std::string&,
+                           const std::string&) override {
     fingerprintCalls++;
-    std::lock_guard lock(mutex);
-    lastFingerprintClient = clientId;
     return fingerprint;
   }
   void SetLastCheckTime(const std::string& clientId) override {
@@ -90,27 +81,22 @@ class FakeGates : public DefaultRequestGates {
     std::lock_guard lock(mutex);
     records.push_back({direction, callback->header.api_name, callback->status.status_code});
   }
-
   std::vector<ApiRecord> Records() {
     std::lock_guard lock(mutex);
     return records;
   }
-
-  // Set before the requests that use it; read under the lock because a request
-  // may come from another process, a hand-off a race detector can't see.
+  // Read under the lock: a request may come from another process, a hand-off
+  // a race detector can't see.
   void SetInvoke(InvokeFn fn) {
     std::lock_guard lock(mutex);
     onInvoke = std::move(fn);
   }
 
   std::function<bool()> initComplete = [] { return true; };
-  InvokeFn onInvoke;
-  std::atomic<bool> tarnCoreCaller{false};
-  std::atomic<bool> verifyEnabled{true};
-  std::atomic<int> fingerprint{0};
-  std::atomic<int> fingerprintCalls{0};
+  std::atomic<bool> tarnCoreCaller{false}, verifyEnabled{true};
+  std::atomic<int> fingerprint{0}, fingerprintCalls{0};
   std::mutex mutex;
-  std::string lastFingerprintClient;
+  InvokeFn onInvoke;
   std::vector<std::string> lastChecked;
   std::vector<ApiRecord> records;
 };
@@ -134,18 +120,8 @@ class PipelineFixture : public ::testing::Test {
 
   static int Send(TarnCoreIPCMessageClient& client, int32_t id, const std::string& text,
                   std::string& response, int timeoutMs = kLong) {
-    TagIPCMessageItem item;
-    item.target = IpcAddressContainer;
-    item.source = IpcAddressClientSide;
-    item.messageCode = IpcRequestMessageCode;
-    item.reserved = -1;
-    item.syncMessageId = id;
-    std::string copy = text;
-    item.body = copy.data();
-    item.bodySize = static_cast<uint32_t>(copy.size() + 1);
-    return client.SendMessageSync(item, response, timeoutMs);
+    return SendRequest(client, id, text, response, timeoutMs);
   }
-
   int Send(int32_t id, const std::string& text, std::string& response, int timeoutMs = kLong) {
     return Send(client_, id, text, response, timeoutMs);
   }
@@ -156,9 +132,18 @@ class PipelineFixture : public ::testing::Test {
     return root;
   }
 
-  static std::string Request(const std::string& clientId, const std::string& apiName = "Demo.Echo") {
-    return "{\"header\":{\"version\":\"1.0\",\"srv_name\":\"Demo\",\"api_name\":\"" + apiName +
-           "\",\"app_id\":\"app\",\"pkg_name\":\"pkg\",\"sdk_version\":\"2.0\",\"session_id\":\"s1\","
+  // Sends a well-formed request and returns the answer's header.status_code.
+  std::string Status(int32_t id, const std::string& clientId, Json::Value* answer = nullptr) {
+    std::string response;
+    if (int code = Send(id, Request(clientId), response)) return "client " + std::to_string(code);
+    Json::Value root = Parse(response);
+    if (answer) *answer = root;
+    return root["header"]["status_code"].asString();
+  }
+
+  static std::string Request(const std::string& clientId) {
+    return "{\"header\":{\"version\":\"1.0\",\"srv_name\":\"Demo\",\"api_name\":\"Demo.Echo\","
+           "\"app_id\":\"app\",\"pkg_name\":\"pkg\",\"sdk_version\":\"2.0\",\"session_id\":\"s1\","
            "\"transaction_id\":\"t1\",\"kitSdkVersion\":\"3\",\"apiLevel\":\"4\",\"client_id\":\"" +
            clientId + "\"},\"body\":{\"q\":\"v\"}}";
   }

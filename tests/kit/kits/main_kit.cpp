@@ -11,8 +11,6 @@
 namespace {
 
 std::atomic<int> g_initCount{0};
-std::atomic<int> g_sessionEvents{0};
-std::atomic<int> g_networkEvents{0};
 std::mutex g_mutex;
 TarnKitCallback g_broadcast;
 std::string g_lastSession;
@@ -111,14 +109,11 @@ TARN_KIT_API void Stats(const char*, const char*, TarnKitCallback callback) {
     session = g_lastSession;
     network = g_lastNetwork;
   }
-  Answer(callback, "{\"initCount\":" + std::to_string(g_initCount.load()) +
-                       ",\"sessionEvents\":" + std::to_string(g_sessionEvents.load()) +
-                       ",\"lastSession\":\"" + session + "\",\"networkEvents\":" +
-                       std::to_string(g_networkEvents.load()) + ",\"lastNetwork\":\"" + network + "\"}");
+  Answer(callback, "{\"initCount\":" + std::to_string(g_initCount.load()) + ",\"lastSession\":\"" +
+                       session + "\",\"lastNetwork\":\"" + network + "\"}");
 }
 
 TARN_KIT_API void OnWinSessionChanged(const char* type, const char* session, TarnKitCallback callback) {
-  ++g_sessionEvents;
   {
     std::lock_guard lock(g_mutex);
     g_lastSession = std::string(type) + "/" + session;
@@ -127,7 +122,6 @@ TARN_KIT_API void OnWinSessionChanged(const char* type, const char* session, Tar
 }
 
 TARN_KIT_API void OnWinNetworkChanged(const char* status, const char*, TarnKitCallback callback) {
-  ++g_networkEvents;
   {
     std::lock_guard lock(g_mutex);
     g_lastNetwork = status;
