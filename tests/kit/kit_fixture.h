@@ -5,7 +5,6 @@
 // container's endpoint with gates that lead to the kit manager, so requests
 // travel through a real socket.
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/value.h>
 #include <unistd.h>
 
@@ -14,7 +13,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +23,7 @@
 #include "kit/KitManagerApi.h"
 #include "kit/KitRuntimeHooks.h"
 #include "kit/LoadManger.h"
+#include "pipeline/ConnectManager.h"
 #include "pipeline/RequestGates.h"
 #include "pipeline/ServerManager.h"
 #include "pipeline/ServerResCallBack.h"
@@ -49,11 +48,8 @@ inline bool Eventually(const std::function<bool()>& done) {
 }
 
 inline Json::Value ParseJson(const std::string& text) {
-  Json::CharReaderBuilder builder;
   Json::Value root;
-  std::string errors;
-  std::istringstream stream(text);
-  EXPECT_TRUE(Json::parseFromStream(builder, stream, &root, &errors)) << text;
+  EXPECT_TRUE(ConnectManager::Parse(text.data(), text.data() + text.size(), root)) << text;
   return root;
 }
 

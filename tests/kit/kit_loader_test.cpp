@@ -1,5 +1,5 @@
-// Start-up of the kits, kit integrity, the library operations and the system
-// events, through the kit manager and the loader with real kit libraries.
+// Start-up of the kits, kit integrity and the library operations, through the
+// kit manager and the loader with real kit libraries.
 #include <dlfcn.h>
 
 #include <chrono>
@@ -165,33 +165,6 @@ TEST_F(KitStart, ExportsAreTheLibrarysOwnAndTheMappedFileIsTheTestedOne) {
   tarn::kit::CloseLibrary(copy);
   EXPECT_EQ(nullptr, tarn::kit::OpenLibrary(install + "kits/nothing.so", error));
   EXPECT_NE(std::string::npos, error.find("nothing.so")) << error;
-}
-
-TEST_F(KitStart, SystemEventsReachTheKitThatDeclaresThem) {
-  Setup({Main(), Lazy()});
-  ASSERT_TRUE(manager.Init());
-  auto notify = [&](const char* api, const char* header, const char* body, const char* status) {
-    SCOPED_TRACE(api);
-    ConvertedRequest event;
-    event.api_name = api;
-    event.header = header;
-    event.body = body;
-    ResponseStatus out;
-    bool known = manager.NotifyWinEventToKit(event, out);
-    EXPECT_EQ(status, out.status_code);
-    return known;
-  };
-  EXPECT_TRUE(notify("Main.OnWinSessionChanged", "7", "3", "0"));
-  EXPECT_TRUE(notify("MAIN.ONWINNETWORKCHANGED", "-1", "", "0"));  // any case
-  EXPECT_EQ("7/3", MainStat("lastSession"));
-  EXPECT_EQ("-1", MainStat("lastNetwork"));
-  // A kit that isn't loaded isn't loaded for an event.
-  EXPECT_TRUE(notify("Lazy.Echo", "", "", "907135001"));
-  EXPECT_FALSE(loader.HasKit("com.test.lazy"));
-  // An api the manifest names but the library doesn't export.
-  EXPECT_TRUE(notify("Main.Missing", "", "", "907135001"));
-  EXPECT_TRUE(log.Has(Level::Error, "LoadManger.NotifyWinEventToKit failed.packageName = com.test.main127"
-                                    "(LoadManger::NotifyWinEventToKit)"));
 }
 
 TEST_F(KitStart, SyncMessageIdIsReadFromTheAnswersHeaderOnly) {

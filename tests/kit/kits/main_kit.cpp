@@ -13,8 +13,6 @@ namespace {
 std::atomic<int> g_initCount{0};
 std::mutex g_mutex;
 TarnKitCallback g_broadcast;
-std::string g_lastSession;
-std::string g_lastNetwork;
 
 void Answer(const TarnKitCallback& callback, std::string text) { callback(text.data()); }
 
@@ -103,28 +101,5 @@ TARN_KIT_API void Broadcast(const char*, const char* body, TarnKitCallback callb
 }
 
 TARN_KIT_API void Stats(const char*, const char*, TarnKitCallback callback) {
-  std::string session, network;
-  {
-    std::lock_guard lock(g_mutex);
-    session = g_lastSession;
-    network = g_lastNetwork;
-  }
-  Answer(callback, "{\"initCount\":" + std::to_string(g_initCount.load()) + ",\"lastSession\":\"" +
-                       session + "\",\"lastNetwork\":\"" + network + "\"}");
-}
-
-TARN_KIT_API void OnWinSessionChanged(const char* type, const char* session, TarnKitCallback callback) {
-  {
-    std::lock_guard lock(g_mutex);
-    g_lastSession = std::string(type) + "/" + session;
-  }
-  Answer(callback, "{\"seen\":true}");
-}
-
-TARN_KIT_API void OnWinNetworkChanged(const char* status, const char*, TarnKitCallback callback) {
-  {
-    std::lock_guard lock(g_mutex);
-    g_lastNetwork = status;
-  }
-  Answer(callback, "{\"seen\":true}");
+  Answer(callback, "{\"initCount\":" + std::to_string(g_initCount.load()) + "}");
 }
