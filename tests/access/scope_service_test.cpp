@@ -92,22 +92,6 @@ TEST_F(StubTest, RepliesSkipUnknownFieldsAndTheLastRepeatWins) {
   EXPECT_FALSE(allowed);
 }
 
-TEST_F(StubTest, AFailedExchangeLeavesEverythingAsItWas) {
-  remote_->succeed = false;
-  int32_t code = 4;
-  bool allowed = true;
-  std::vector<std::shared_ptr<service::ScopeItem>> items(1);
-  EXPECT_FALSE(stub_.CheckCertFingerprint("a", "b", code));
-  EXPECT_FALSE(stub_.CheckApiPermission("a", "p", "u", allowed));
-  EXPECT_FALSE(stub_.CheckPermission("a", "p", allowed));
-  EXPECT_FALSE(stub_.SetLastCheckTime("a"));
-  EXPECT_FALSE(stub_.GetScopeByAppId("a", items));
-  EXPECT_FALSE(stub_.InvokeOpenGateway("a"));
-  EXPECT_EQ(code, 4);
-  EXPECT_TRUE(allowed);
-  EXPECT_EQ(items.size(), 1u);
-}
-
 TEST_F(StubTest, ScopeItemsArriveInOrderAndReadFieldsInAnyOrder) {
   service::ScopeItem first, second;
   first.id = 1;
