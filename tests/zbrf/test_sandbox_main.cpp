@@ -30,11 +30,7 @@ std::string FirstString(ZParcel& data) {
   std::string text;
   data.ReadHeader();
   for (uint32_t tag = data.ReadTag(); tag != 0; tag = data.ReadTag()) {
-    if (data.TagField(tag) == 1) {
-      data.ReadString(text);
-    } else {
-      data.SkipField(tag);
-    }
+    (void)(data.TagField(tag) == 1 ? data.ReadString(text) : data.SkipField(tag));
   }
   return text;
 }
