@@ -8,6 +8,7 @@
 #include <cctype>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 #include <thread>
@@ -129,6 +130,42 @@ Choice AskOnTerminal(const std::string& question) {
   std::transform(line.begin(), line.end(), line.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return line == "y" || line == "yes" ? Choice::kAccept : Choice::kDecline;
+}
+
+bool ParseDialogArguments(int argc, char** argv, const char* program,
+                          std::initializer_list<const char*> modes, const char* usage,
+                          DialogArguments& out) {
+  if (argc < 2) {
+    std::cerr << usage;
+    return false;
+  }
+  out.mode = argv[1];
+  bool known = false;
+  for (const char* mode : modes) known = known || out.mode == mode;
+  if (!known) {
+    std::cerr << program << ": unknown mode " << out.mode << "\n\n" << usage;
+    return false;
+  }
+  for (int i = 2; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--accept") {
+      out.choice = Choice::kAccept;
+    } else if (arg == "--decline") {
+      out.choice = Choice::kDecline;
+    } else if (arg == "--wait" && i + 1 < argc) {
+      char* end = nullptr;
+      const long v = std::strtol(argv[++i], &end, 10);
+      if (*end != '\0' || v < 0 || v > 600000) {
+        std::cerr << program << ": --wait needs milliseconds\n";
+        return false;
+      }
+      out.waitMs = static_cast<int>(v);
+    } else {
+      std::cerr << program << ": unknown argument " << arg << "\n\n" << usage;
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace tarn::tools

@@ -4,6 +4,7 @@
 // container is still coming up, and the few things they read of the answer.
 #include <json/value.h>
 
+#include <initializer_list>
 #include <string>
 
 namespace tarn::tools {
@@ -35,6 +36,19 @@ void ReadAnswer(const std::string& text, FrameworkAnswer& answer);
 enum class Choice { kAccept, kDecline, kNone };
 // Standard input and output are both a terminal.
 bool TerminalAttached();
+// The command line both dialog programs share:
+//   PROGRAM MODE [--accept|--decline] [--wait MS]
+struct DialogArguments {
+  std::string mode;
+  Choice choice = Choice::kNone;
+  int waitMs = 10000;
+};
+// False (after printing why and the usage to standard error) on a mode not in
+// modes or an unknown or malformed argument.
+bool ParseDialogArguments(int argc, char** argv, const char* program,
+                          std::initializer_list<const char*> modes, const char* usage,
+                          DialogArguments& out);
+
 // Prints question and reads a line: y or yes (any case) accepts, anything else
 // declines, end of input gives kNone.
 Choice AskOnTerminal(const std::string& question);

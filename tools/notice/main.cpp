@@ -26,7 +26,6 @@ constexpr int kExitNotRecorded = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitNoAnswer = 3;
 constexpr int kExitAlreadyShown = 4;
-constexpr int kDefaultWaitMs = 10000;
 
 #define NLOG(level, where, ...) TARN_LOG(::tarn::log::Level::level, "notice", where, __VA_ARGS__)
 
@@ -104,36 +103,13 @@ bool Record(const Value& setting, int waitMs) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::cerr << kUsage;
+  tarn::tools::DialogArguments args;
+  if (!tarn::tools::ParseDialogArguments(argc, argv, "TarnCoreNotice", {"PrivacyNotice", "PrivacyAgree"}, kUsage, args)) {
     return kExitUsage;
   }
-  const std::string mode = argv[1];
-  if (mode != "PrivacyNotice" && mode != "PrivacyAgree") {
-    std::cerr << "TarnCoreNotice: unknown mode " << mode << "\n\n" << kUsage;
-    return kExitUsage;
-  }
-  tarn::tools::Choice choice = tarn::tools::Choice::kNone;
-  int waitMs = kDefaultWaitMs;
-  for (int i = 2; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--accept") {
-      choice = tarn::tools::Choice::kAccept;
-    } else if (arg == "--decline") {
-      choice = tarn::tools::Choice::kDecline;
-    } else if (arg == "--wait" && i + 1 < argc) {
-      char* end = nullptr;
-      const long v = std::strtol(argv[++i], &end, 10);
-      if (*end != '\0' || v < 0 || v > 600000) {
-        std::cerr << "TarnCoreNotice: --wait needs milliseconds\n";
-        return kExitUsage;
-      }
-      waitMs = static_cast<int>(v);
-    } else {
-      std::cerr << "TarnCoreNotice: unknown argument " << arg << "\n\n" << kUsage;
-      return kExitUsage;
-    }
-  }
+  const std::string& mode = args.mode;
+  tarn::tools::Choice choice = args.choice;
+  const int waitMs = args.waitMs;
 
   tarn::log::Open("TarnCoreNotice", 2, 1);
   NLOG(Info, "TarnCoreNotice::main", "TarnCoreNotice begin, mode = " << mode);

@@ -25,7 +25,6 @@ constexpr int kExitReported = 0;
 constexpr int kExitNotReported = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitNoAnswer = 3;
-constexpr int kDefaultWaitMs = 10000;
 
 constexpr const char* kUserAgree = "907135014";
 constexpr const char* kUserRefuse = "907135010";
@@ -70,36 +69,13 @@ bool Report(const std::string& resultCode, bool withKitName, int waitMs) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::cerr << kUsage;
+  tarn::tools::DialogArguments args;
+  if (!tarn::tools::ParseDialogArguments(argc, argv, "TarnCoreUI", {"Dialog_ApiLevel", "Upgrade"}, kUsage, args)) {
     return kExitUsage;
   }
-  const std::string mode = argv[1];
-  if (mode != "Dialog_ApiLevel" && mode != "Upgrade") {
-    std::cerr << "TarnCoreUI: unknown command " << mode << "\n\n" << kUsage;
-    return kExitUsage;
-  }
-  tarn::tools::Choice choice = tarn::tools::Choice::kNone;
-  int waitMs = kDefaultWaitMs;
-  for (int i = 2; i < argc; ++i) {
-    const std::string arg = argv[i];
-    if (arg == "--accept") {
-      choice = tarn::tools::Choice::kAccept;
-    } else if (arg == "--decline") {
-      choice = tarn::tools::Choice::kDecline;
-    } else if (arg == "--wait" && i + 1 < argc) {
-      char* end = nullptr;
-      const long v = std::strtol(argv[++i], &end, 10);
-      if (*end != '\0' || v < 0 || v > 600000) {
-        std::cerr << "TarnCoreUI: --wait needs milliseconds\n";
-        return kExitUsage;
-      }
-      waitMs = static_cast<int>(v);
-    } else {
-      std::cerr << "TarnCoreUI: unknown argument " << arg << "\n\n" << kUsage;
-      return kExitUsage;
-    }
-  }
+  const std::string& mode = args.mode;
+  tarn::tools::Choice choice = args.choice;
+  const int waitMs = args.waitMs;
 
   tarn::log::Open("TarnCoreUI", 2, 1);
   ULOG(Info, "TarnCoreUI::main", "TarnCoreUI begin, command = " << mode);
