@@ -3,7 +3,9 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -22,6 +24,31 @@ constexpr const char* kResHeaderTemplate =
 // it in JSON, where the key's first character, '"', is everywhere.
 bool HasKey(const std::string& text, const char* quotedKey) {
   return ::memmem(text.data(), text.size(), quotedKey, std::strlen(quotedKey)) != nullptr;
+}
+
+// Which of up to 32 quoted keys occur in text, as bits in their order: the
+// same answers as HasKey for each, from one pass over the text's quote marks,
+// since every occurrence of a quoted key starts at one.
+template <std::size_t N>
+std::uint32_t PresentKeys(const std::string& text, const char* const (&quotedKeys)[N]) {
+  static_assert(N > 0 && N < 32);
+  std::size_t lengths[N];
+  for (std::size_t i = 0; i < N; ++i) lengths[i] = std::strlen(quotedKeys[i]);
+  const std::uint32_t all = (1u << N) - 1;
+  std::uint32_t found = 0;
+  const char* p = text.data();
+  const char* const end = p + text.size();
+  while (found != all && p < end) {
+    const char* q = static_cast<const char*>(std::memchr(p, '"', static_cast<std::size_t>(end - p)));
+    if (!q) break;
+    const std::size_t left = static_cast<std::size_t>(end - q);
+    for (std::size_t i = 0; i < N; ++i) {
+      if ((found & (1u << i)) || lengths[i] > left || q[1] != quotedKeys[i][1]) continue;
+      if (std::memcmp(q, quotedKeys[i], lengths[i]) == 0) found |= 1u << i;
+    }
+    p = q + 1;
+  }
+  return found;
 }
 
 bool ParseText(const std::string& text, Json::Value& root) {
@@ -94,18 +121,22 @@ ConvertedRequest ConnectManager::ConvertRequest(ServerResCallBack& callback, Res
     SetResponseStatus(status, TarnStatus::kDataFormatError);
     return request;
   }
-  if (HasKey(text, "\"header\"")) {
+  static constexpr const char* kKeys[] = {"\"header\"",   "\"api_name\"",    "\"apiLevel\"",
+                                          "\"srv_name\"", "\"sdk_version\"", "\"body\""};
+  const std::uint32_t present = PresentKeys(text, kKeys);
+  auto has = [present](int index) { return (present & (1u << index)) != 0; };
+  if (has(0)) {
     Json::Value& header = root["header"];
     header["syncMessageId"] = callback.msgIdentify;
     request.header = Render(header);
-    if (HasKey(text, "\"api_name\"")) request.api_name = header["api_name"].asCString();
-    if (HasKey(text, "\"apiLevel\"")) request.apiLevel = header["apiLevel"].asCString();
-    if (HasKey(text, "\"srv_name\"")) request.srv_name = header["srv_name"].asCString();
-    if (HasKey(text, "\"sdk_version\"")) request.sdk_version = header["sdk_version"].asCString();
+    if (has(1)) request.api_name = header["api_name"].asCString();
+    if (has(2)) request.apiLevel = header["apiLevel"].asCString();
+    if (has(3)) request.srv_name = header["srv_name"].asCString();
+    if (has(4)) request.sdk_version = header["sdk_version"].asCString();
     parsed.header = std::move(header);
     parsed.present = true;
   }
-  if (HasKey(text, "\"body\"")) request.body = Render(root["body"]);
+  if (has(5)) request.body = Render(root["body"]);
   return request;
 }
 
@@ -171,12 +202,20 @@ RequestHeader ConnectManager::GetReqHeader(const std::string& headerText, const 
   // exception: the writer replaces bytes that aren't UTF-8. Such a value, or
   // anything unusual, takes the way through the text.
   if (!parsed.present || !parsed.header.isObject()) return GetReqHeader(headerText, status);
+  static constexpr const char* kQuotedKeys[] = {
+      kHeaderFields[0].quotedKey, kHeaderFields[1].quotedKey, kHeaderFields[2].quotedKey,
+      kHeaderFields[3].quotedKey, kHeaderFields[4].quotedKey, kHeaderFields[5].quotedKey,
+      kHeaderFields[6].quotedKey, kHeaderFields[7].quotedKey, kHeaderFields[8].quotedKey,
+      kHeaderFields[9].quotedKey, kHeaderFields[10].quotedKey};
+  static_assert(std::size(kQuotedKeys) == std::size(kHeaderFields));
+  const std::uint32_t present = PresentKeys(headerText, kQuotedKeys);
   RequestHeader header;
   const Json::Value& root = parsed.header;
-  for (const HeaderField& f : kHeaderFields) {
+  for (std::size_t i = 0; i < std::size(kHeaderFields); ++i) {
     // A present key with a missing or non-string member throws, as it would
     // from the text: the types survive the round trip.
-    if (HasKey(headerText, f.quotedKey)) header.*f.field = root[f.key].asCString();
+    const HeaderField& f = kHeaderFields[i];
+    if (present & (1u << i)) header.*f.field = root[f.key].asCString();
   }
   for (const HeaderField& f : kHeaderFields) {
     if (!IsAscii(header.*f.field)) return GetReqHeader(headerText, status);
