@@ -30,6 +30,7 @@
 #include "platform/log/tarn_log.h"
 #include "platform/security/security.h"
 #include "round_trip_stats.h"
+#include "raw_socket.h"
 
 namespace {
 
@@ -123,37 +124,9 @@ void BM_Pipeline_VerifiedRequestAnswered_Logged(benchmark::State& state) {
 
 std::size_t g_pongSize = 0;  // bytes of the "{}" answer's frame
 
-bool WriteAll(int fd, const char* p, std::size_t n) {
-  while (n) {
-    ssize_t w = ::send(fd, p, n, MSG_NOSIGNAL);
-    if (w <= 0) return false;
-    p += w;
-    n -= static_cast<std::size_t>(w);
-  }
-  return true;
-}
-
-bool ReadAll(int fd, char* p, std::size_t n) {
-  while (n) {
-    ssize_t r = ::recv(fd, p, n, 0);
-    if (r <= 0) return false;
-    p += r;
-    n -= static_cast<std::size_t>(r);
-  }
-  return true;
-}
-
-int Connect(const std::string& path) {
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  return fd;
-}
+using tarn::bench::Connect;
+using tarn::bench::ReadAll;
+using tarn::bench::WriteAll;
 
 // One thread per connection: read a request frame, write the fixed answer.
 void RawServer(int listenFd) {
