@@ -10,6 +10,29 @@
 #include "platform/log/tarn_log.h"
 #include "platform/os/registry.h"
 
+namespace {
+
+// Both settings-style bodies are an object with two string members; a body
+// that is not JSON and one whose members are not strings log their own lines.
+bool ReadTwoStrings(const ConvertedRequest& request, const char* first, const char* second,
+                    const char* where, const char* typeError, std::string& a, std::string& b) {
+  const std::string& body = request.body;
+  Json::Value root;
+  if (!ConnectManager::Parse(body.data(), body.data() + body.size(), root)) {
+    CLOGE(where, "convertReqMess reg data format error.");
+    return false;
+  }
+  if (!root[first].isString() || !root[second].isString()) {
+    CLOGE(where, typeError);
+    return false;
+  }
+  a = root[first].asString();
+  b = root[second].asString();
+  return true;
+}
+
+}  // namespace
+
 namespace tarn::framework {
 
 std::string ReturnCodeText(bool returnCode) {
@@ -68,21 +91,8 @@ void EdrReqHandler::Excute(const std::string&, ServerResCallBack* callback, cons
 
 bool RegSettingReqHandler::GetJsonFieldForReq(const ConvertedRequest& request, std::string& key,
                                               std::string& value) {
-  static constexpr const char* kWhere = "RegSettingReqHandler::GetJsonFieldForReq";
-  const std::string& body = request.body;
-  Json::Value root;
-  if (!ConnectManager::Parse(body.data(), body.data() + body.size(), root)) {
-    CLOGE(kWhere, "convertReqMess reg data format error.");
-    return false;
-  }
-  const Json::Value& members = root;
-  if (!members["key"].isString() || !members["value"].isString()) {
-    CLOGE(kWhere, "convertReqMess data format reg key or vlaue error.");
-    return false;
-  }
-  key = root["key"].asString();
-  value = root["value"].asString();
-  return true;
+  return ReadTwoStrings(request, "key", "value", "RegSettingReqHandler::GetJsonFieldForReq",
+                        "convertReqMess data format reg key or vlaue error.", key, value);
 }
 
 void RegSettingReqHandler::Excute(const std::string&, ServerResCallBack* callback,
@@ -134,21 +144,8 @@ void EvReportHandler::Excute(const std::string&, ServerResCallBack* callback, co
 
 bool NoticeEvReportReqHandler::GetJsonFieldForReq(const ConvertedRequest& request, std::string& type,
                                                   std::string& data) {
-  static constexpr const char* kWhere = "NoticeEvReportReqHandler::GetJsonFieldForReq";
-  const std::string& body = request.body;
-  Json::Value root;
-  if (!ConnectManager::Parse(body.data(), body.data() + body.size(), root)) {
-    CLOGE(kWhere, "convertReqMess reg data format error.");
-    return false;
-  }
-  const Json::Value& members = root;
-  if (!members["type"].isString() || !members["data"].isString()) {
-    CLOGE(kWhere, "convertReqMess data format error.");
-    return false;
-  }
-  type = root["type"].asString();
-  data = root["data"].asString();
-  return true;
+  return ReadTwoStrings(request, "type", "data", "NoticeEvReportReqHandler::GetJsonFieldForReq",
+                        "convertReqMess data format error.", type, data);
 }
 
 void NoticeEvReportReqHandler::Excute(const std::string&, ServerResCallBack* callback,
