@@ -23,8 +23,9 @@ using namespace tarn::test;
 
 constexpr int kLong = 10000;  // ms: an upper bound for liveness only
 
-// A started server with the container's sender attached, as the container has it.
-class IpcServerTest : public ::testing::Test {
+// A started server with the container's sender attached, as the container has
+// it; run with reader threads and with the worker pool alone.
+class IpcServerTest : public ::testing::TestWithParam<int> {
  protected:
   void SetUp() override {
     ASSERT_TRUE(server_.Start());
@@ -72,11 +73,11 @@ class IpcServerTest : public ::testing::Test {
   int Connect() { return RawConnect(server_.SocketPathInUse()); }
 
   tarn::test::TempRoot root_;
-  TarnCoreIPCMessageServer server_;
+  TarnCoreIPCMessageServer server_{TarnCoreIPCMessageServer::Options{"", 0, GetParam()}};
   std::unique_ptr<TarnCoreIPCMessageClient> host_;
 };
 
-TEST_F(IpcServerTest, ListensOnTheRuntimeSocketForEveryLocalUser) {
+TEST_P(IpcServerTest, ListensOnTheRuntimeSocketForEveryLocalUser) {
   EXPECT_EQ(root_.At("run/tarncore/ipc.sock"), server_.SocketPathInUse());
   struct stat st {};
   ASSERT_EQ(0, ::stat(root_.At("run/tarncore/ipc.sock").c_str(), &st));
@@ -92,7 +93,7 @@ TEST_F(IpcServerTest, ListensOnTheRuntimeSocketForEveryLocalUser) {
   EXPECT_EQ(0, Call(client, 1, "still here", response));
 }
 
-TEST_F(IpcServerTest, FramesOnTheWireAreExactAndCallerPidIsKnownUntilAnswered) {
+TEST_P(IpcServerTest, FramesOnTheWireAreExactAndCallerPidIsKnownUntilAnswered) {
   std::promise<std::pair<TagIPCMessageItem, std::string>> got;
   std::atomic<uint32_t> pidSeen{0};
   host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
@@ -128,45 +129,60 @@ TEST_F(IpcServerTest, FramesOnTheWireAreExactAndCallerPidIsKnownUntilAnswered) {
   ::close(fd);
 }
 
-TEST_F(IpcServerTest, RequestsFromOneConnectionRunAtOnce) {
-  constexpr int kRequests = 8;
-  std::mutex m;
-  std::condition_variable cv;
-  int inside = 0;
-  bool allInside = false;
-  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
-    {
-      std::unique_lock lock(m);
-      ++inside;
-      cv.notify_all();
-      // Only when every request is being served at the same time do they all pass.
-      if (cv.wait_for(lock, std::chrono::milliseconds(kLong), [&] { return inside == kRequests; })) {
-        allInside = true;
+// Each request waits inside its callback until all of them are inside, so
+// they only pass when they run at the same time. The frames come in one write
+// (read in one go) or one by one, each after the previous one is running (a
+// request that keeps its connection busy must not hold up the next one).
+TEST_P(IpcServerTest, RequestsFromOneConnectionRunAtOnce) {
+  for (const bool burst : {true, false}) {
+    SCOPED_TRACE(burst ? "in one write" : "one by one");
+    constexpr int kRequests = 8;
+    std::mutex m;
+    std::condition_variable cv;
+    int inside = 0;
+    int allInside = 0;
+    host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
+      {
+        std::unique_lock lock(m);
+        ++inside;
+        cv.notify_all();
+        if (cv.wait_for(lock, std::chrono::milliseconds(kLong), [&] { return inside == kRequests; })) {
+          ++allInside;
+        }
+      }
+      Answer(item.syncMessageId, "done");
+    });
+    int fd = Connect();
+    ASSERT_GE(fd, 0);
+    if (burst) {
+      std::string frames;
+      for (int i = 1; i <= kRequests; ++i) frames += EncodeFrame(RequestItem(i), "r");
+      ASSERT_TRUE(WriteAll(fd, frames));
+    } else {
+      for (int i = 1; i <= kRequests; ++i) {
+        ASSERT_TRUE(WriteAll(fd, EncodeFrame(RequestItem(i), "r")));
+        std::unique_lock lock(m);
+        ASSERT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kLong), [&] { return inside >= i; }));
       }
     }
-    Answer(item.syncMessageId, "done");
-  });
-  int fd = Connect();
-  ASSERT_GE(fd, 0);
-  std::string burst;
-  for (int i = 1; i <= kRequests; ++i) burst += EncodeFrame(RequestItem(i), "r");
-  ASSERT_TRUE(WriteAll(fd, burst));  // one write: the server reads them in one go
-  std::set<int32_t> answered;
-  for (int i = 0; i < kRequests; ++i) {
-    std::string header, body;
-    ASSERT_TRUE(ReadExact(fd, header, 32, 2 * kLong));
-    TagIPCMessageItem item;
-    ASSERT_EQ(tarn::ipc::HeaderCheck::Ok,
-              tarn::ipc::DecodeFrameHeader(reinterpret_cast<const unsigned char*>(header.data()), item));
-    ASSERT_TRUE(ReadExact(fd, body, item.bodySize, kLong));
-    answered.insert(item.syncMessageId);
+    std::set<int32_t> answered;
+    for (int i = 0; i < kRequests; ++i) {
+      std::string header, body;
+      ASSERT_TRUE(ReadExact(fd, header, 32, 2 * kLong));
+      TagIPCMessageItem item;
+      ASSERT_EQ(tarn::ipc::HeaderCheck::Ok,
+                tarn::ipc::DecodeFrameHeader(reinterpret_cast<const unsigned char*>(header.data()), item));
+      ASSERT_TRUE(ReadExact(fd, body, item.bodySize, kLong));
+      answered.insert(item.syncMessageId);
+    }
+    EXPECT_EQ(static_cast<std::size_t>(kRequests), answered.size());
+    EXPECT_EQ(kRequests, allInside);
+    host_->UnRegisterMessageCallbackAll();
+    ::close(fd);
   }
-  EXPECT_EQ(static_cast<std::size_t>(kRequests), answered.size());
-  EXPECT_TRUE(allInside);
-  ::close(fd);
 }
 
-TEST_F(IpcServerTest, OversizedFrameOrGarbageClosesOnlyThatConnection) {
+TEST_P(IpcServerTest, OversizedFrameOrGarbageClosesOnlyThatConnection) {
   Echo();
   TarnCoreIPCMessageClient good(IpcAddressClientSide, true, false);
   std::string response;
@@ -194,7 +210,7 @@ TEST_F(IpcServerTest, OversizedFrameOrGarbageClosesOnlyThatConnection) {
   ::close(junk);
 }
 
-TEST_F(IpcServerTest, SyncCallsFromManyThreadsOfOneClientGetTheirOwnAnswers) {
+TEST_P(IpcServerTest, SyncCallsFromManyThreadsOfOneClientGetTheirOwnAnswers) {
   Echo();
   TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
   // With a callback registered the library reads on its own thread; without, callers read.
@@ -216,7 +232,7 @@ TEST_F(IpcServerTest, SyncCallsFromManyThreadsOfOneClientGetTheirOwnAnswers) {
   EXPECT_EQ(0, wrong.load());
 }
 
-TEST_F(IpcServerTest, BodyOfExactly16MiBCrossesWhole) {
+TEST_P(IpcServerTest, BodyOfExactly16MiBCrossesWhole) {
   std::string text(16u * 1024 * 1024 - 1, 'y');
   for (std::size_t i = 0; i < text.size(); i += 4093) text[i] = static_cast<char>('a' + i % 26);
   text.back() = 'z';
@@ -230,7 +246,7 @@ TEST_F(IpcServerTest, BodyOfExactly16MiBCrossesWhole) {
   EXPECT_EQ("16777216 same", response);
 }
 
-TEST_F(IpcServerTest, ClientReportsItsOwnFailuresWithTheirCodes) {
+TEST_P(IpcServerTest, ClientReportsItsOwnFailuresWithTheirCodes) {
   std::atomic<bool> answer{false};
   host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
     if (answer) Answer(item.syncMessageId, "late but fine");
@@ -271,7 +287,7 @@ TEST_F(IpcServerTest, ClientReportsItsOwnFailuresWithTheirCodes) {
   EXPECT_EQ(9005, Call(containerSide, 7, "x", response));
 }
 
-TEST_F(IpcServerTest, ReconnectingClientFindsARestartedServer) {
+TEST_P(IpcServerTest, ReconnectingClientFindsARestartedServer) {
   Echo();
   TarnCoreIPCMessageClient client(IpcAddressClientSide, true, true);
   std::string response;
@@ -286,7 +302,7 @@ TEST_F(IpcServerTest, ReconnectingClientFindsARestartedServer) {
   EXPECT_EQ("echo:c", response);
 }
 
-TEST_F(IpcServerTest, UnregisterWaitsForRunningCallbacks) {
+TEST_P(IpcServerTest, UnregisterWaitsForRunningCallbacks) {
   std::promise<void> entered, release;
   std::atomic<bool> finished{false};
   host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem&) {
@@ -307,5 +323,10 @@ TEST_F(IpcServerTest, UnregisterWaitsForRunningCallbacks) {
   EXPECT_TRUE(unregister.get());
   ::close(fd);
 }
+
+INSTANTIATE_TEST_SUITE_P(Readers, IpcServerTest, ::testing::Values(64, 0),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                           return info.param ? "WithReaders" : "PoolOnly";
+                         });
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <pthread.h>
@@ -36,12 +37,21 @@ constexpr std::size_t kMaxPendingOutput = 64u * 1024 * 1024;
 
 constexpr uint32_t kReadEvents = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
 
+// A reader's request that runs this long lets the pool read its connection.
+constexpr std::chrono::milliseconds kWatchTick{5};
+// Ticks without a busy reader before the watcher sleeps until the next one.
+constexpr int kQuietTicksBeforeSleep = 200;
+
 std::mutex g_currentMutex;
 std::weak_ptr<ServerCore> g_current;
 
 // The registration whose callback runs on this thread, so that a callback may
 // unregister its own owner without waiting for itself.
 thread_local const void* t_runningRegistration = nullptr;
+
+// Set on a connection's reader thread, so that Stop called from one of its
+// callbacks does not wait for itself.
+thread_local bool t_isReader = false;
 
 void LogIpc(log::Level level, const std::string& text) {
   if (log::Enabled(level)) log::Write(level, "ipc", text);
@@ -56,10 +66,17 @@ struct ServerCore::Connection {
   pid_t pid = 0;
   bool pinned = false;
 
-  // Read side: only the worker holding the one-shot read event touches these.
-  // The one-shot event already hands them from worker to worker; the lock,
-  // never contended, states that hand-off in terms the memory model knows.
+  // Read side, under readMutex. Without a reader thread, only the worker
+  // holding the one-shot read event reads, and the lock merely states that
+  // hand-off in terms the memory model knows. With one, the reader holds the
+  // lock while it waits in recv; the read event is armed only while the
+  // reader is stuck in a long request, and a worker that then finds the lock
+  // taken leaves the bytes to the reader.
   std::mutex readMutex;
+  std::atomic<bool> hasReader{false};
+  std::atomic<uint64_t> ticket{0};  // odd while the reader runs a request
+  uint64_t seenTicket = 0;          // the watcher's last look
+  std::atomic<bool> armed{false};   // the read event may be armed
   unsigned char header[kFrameHeaderSize];
   std::size_t headerGot = 0;
   TagIPCMessageItem item;
@@ -81,8 +98,8 @@ struct ServerCore::Connection {
   }
 };
 
-ServerCore::ServerCore(std::string socketPath, int workers)
-    : path_(std::move(socketPath)), workerCount_(std::max(workers, 8)) {}
+ServerCore::ServerCore(std::string socketPath, int workers, int maxReaders)
+    : path_(std::move(socketPath)), workerCount_(std::max(workers, 8)), maxReaders_(std::max(maxReaders, 0)) {}
 
 ServerCore::~ServerCore() { Stop(); }
 
@@ -145,6 +162,8 @@ bool ServerCore::Start() {
   }
 
   running_ = true;
+  watcher_ = std::thread([this] { WatchLoop(); });
+  ::pthread_setname_np(watcher_.native_handle(), "tarn-ipc-watch");
   workers_.reserve(static_cast<std::size_t>(workerCount_));
   for (int i = 0; i < workerCount_; ++i) {
     workers_.emplace_back([this] { WorkerLoop(); });
@@ -163,6 +182,11 @@ void ServerCore::Stop() {
   if (!running_.exchange(false)) return;
   uint64_t one = 1;
   [[maybe_unused]] ssize_t w = ::write(stopFd_, &one, sizeof(one));
+  {
+    std::lock_guard lock(watchMutex_);
+    watchCv_.notify_all();
+  }
+  if (watcher_.joinable()) watcher_.join();
   for (auto& t : workers_) {
     if (t.get_id() == std::this_thread::get_id()) {
       t.detach();  // stopped from one of its own callbacks
@@ -178,6 +202,12 @@ void ServerCore::Stop() {
     for (auto& [id, conn] : connections_) all.push_back(conn);
   }
   for (auto& conn : all) Close(conn);
+  {
+    // Closing shut the sockets down, so every reader leaves its recv.
+    std::unique_lock lock(readersMutex_);
+    const int own = t_isReader ? 1 : 0;
+    readersCv_.wait(lock, [&] { return readers_ <= own; });
+  }
   {
     std::lock_guard lock(queueMutex_);
     queue_.clear();
@@ -240,23 +270,139 @@ void ServerCore::WorkerLoop() {
       continue;
     }
     frames.clear();
+    ReadOnWorker(conn, frames);
+    conn.reset();
+    DeliverAll(frames);
+  }
+}
+
+void ServerCore::ReadOnWorker(const std::shared_ptr<Connection>& conn, std::vector<Frame>& frames) {
+  bool keep;
+  if (conn->hasReader) {
+    std::unique_lock lock(conn->readMutex, std::try_to_lock);
+    if (!lock.owns_lock()) return;  // its reader is reading these bytes
+    keep = ReadFrames(*conn, frames, false);
+    // A reader that went back to recv meanwhile sees the rest; one still busy
+    // with its long request needs the pool to keep watching.
+    if (keep && (conn->ticket.load() & 1)) {
+      conn->armed = true;
+      RearmRead(*conn);
+    }
+  } else {
+    std::lock_guard lock(conn->readMutex);
+    keep = ReadFrames(*conn, frames, false);
+    if (keep) RearmRead(*conn);
+  }
+  if (!keep) Close(conn);
+}
+
+void ServerCore::DeliverAll(std::vector<Frame>& frames) {
+  if (frames.empty()) return;
+  // Keep the first frame on this thread; idle workers take the rest.
+  for (std::size_t i = 1; i < frames.size(); ++i) Enqueue(std::move(frames[i]));
+  Deliver(frames[0]);
+  frames.clear();
+}
+
+// A connection's own reader waits in recv, so a request wakes the thread that
+// runs it directly, as a plain blocking server would; going through the epoll
+// set would cost an extra wake-up and two system calls per request. A request
+// that keeps its reader busy for a watch tick gets the connection's read event
+// armed, so the pool takes further frames from that connection and they run at
+// once. Arming it for every request instead would hand the next request to a
+// worker whenever the client sends it before the reader is back in recv.
+void ServerCore::ReaderLoop(const std::shared_ptr<Connection>& conn) {
+  t_isReader = true;
+  std::vector<Frame> frames;
+  while (running_) {
     bool keep;
     {
       std::lock_guard lock(conn->readMutex);
-      keep = ReadFrames(*conn, frames);
+      keep = ReadFrames(*conn, frames, true);
     }
-    if (keep) {
-      RearmRead(*conn);
-    } else {
+    if (!keep) {
       Close(conn);
+      break;
     }
-    conn.reset();
     if (frames.empty()) continue;
-    // Keep the first frame on this thread; idle workers take the rest.
-    for (std::size_t i = 1; i < frames.size(); ++i) Enqueue(std::move(frames[i]));
-    Deliver(frames[0]);
-    frames.clear();
+    conn->ticket.fetch_add(1);
+    if (busyReaders_.fetch_add(1) == 0 && watcherIdle_.load()) {
+      std::lock_guard lock(watchMutex_);
+      watchCv_.notify_one();
+    }
+    DeliverAll(frames);
+    busyReaders_.fetch_sub(1);
+    conn->ticket.fetch_add(1);
+    if (conn->armed.exchange(false)) DisarmRead(*conn);
   }
+  std::lock_guard lock(readersMutex_);
+  --readers_;
+  readersCv_.notify_all();
+}
+
+void ServerCore::WatchLoop() {
+  std::unique_lock lock(watchMutex_);
+  int quietTicks = 0;
+  while (running_) {
+    if (quietTicks >= kQuietTicksBeforeSleep) {
+      watcherIdle_ = true;
+      watchCv_.wait(lock, [this] { return !running_ || busyReaders_.load() > 0; });
+      watcherIdle_ = false;
+      quietTicks = 0;
+      continue;
+    }
+    if (watchCv_.wait_for(lock, kWatchTick, [this] { return !running_; })) break;
+    quietTicks = busyReaders_.load() > 0 ? 0 : quietTicks + 1;
+    lock.unlock();
+    WatchLongRequests();
+    lock.lock();
+  }
+}
+
+void ServerCore::WatchLongRequests() {
+  std::vector<std::shared_ptr<Connection>> readers;
+  {
+    std::lock_guard lock(connMutex_);
+    for (auto& [id, conn] : connections_) {
+      if (conn->hasReader) readers.push_back(conn);
+    }
+  }
+  for (auto& conn : readers) {
+    const uint64_t ticket = conn->ticket.load();
+    // Busy with the same request as a tick ago.
+    if ((ticket & 1) && ticket == conn->seenTicket && !conn->armed.exchange(true)) RearmRead(*conn);
+    conn->seenTicket = ticket;
+  }
+}
+
+bool ServerCore::StartReader(const std::shared_ptr<Connection>& conn) {
+  {
+    std::lock_guard lock(readersMutex_);
+    // Beyond this many the pool reads through epoll alone.
+    if (readers_ >= maxReaders_) return false;
+    ++readers_;
+  }
+  // The reader blocks in recv; every other read and send passes MSG_DONTWAIT.
+  const int flags = ::fcntl(conn->fd, F_GETFL);
+  bool ok = flags >= 0 && ::fcntl(conn->fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
+  if (ok) {
+    conn->hasReader = true;
+    try {
+      std::thread reader([self = shared_from_this(), conn] { self->ReaderLoop(conn); });
+      std::string name = "tarn-ipc-r" + std::to_string(conn->id);
+      ::pthread_setname_np(reader.native_handle(), name.c_str());
+      reader.detach();
+    } catch (const std::system_error&) {
+      ok = false;
+    }
+  }
+  if (!ok) {
+    conn->hasReader = false;
+    if (flags >= 0) ::fcntl(conn->fd, F_SETFL, flags | O_NONBLOCK);
+    std::lock_guard lock(readersMutex_);
+    --readers_;
+  }
+  return ok;
 }
 
 void ServerCore::Accept() {
@@ -282,8 +428,10 @@ void ServerCore::Accept() {
       conn->id = nextConnId_++;
       connections_.emplace(conn->id, conn);
     }
+    // Its reader, when it gets one, reads first; the event stays disarmed.
+    const bool reader = StartReader(conn);
     epoll_event rev{};
-    rev.events = kReadEvents;
+    rev.events = reader ? EPOLLONESHOT : kReadEvents;
     rev.data.u64 = conn->id << 2;
     epoll_event wev{};
     wev.events = EPOLLONESHOT;  // armed only while output waits
@@ -306,7 +454,14 @@ void ServerCore::RearmRead(Connection& conn) {
   ::epoll_ctl(epollFd_, EPOLL_CTL_MOD, conn.fd, &ev);
 }
 
-bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames) {
+void ServerCore::DisarmRead(Connection& conn) {
+  epoll_event ev{};
+  ev.events = EPOLLONESHOT;  // no events: reports nothing, not even a hang-up
+  ev.data.u64 = conn.id << 2;
+  ::epoll_ctl(epollFd_, EPOLL_CTL_MOD, conn.fd, &ev);
+}
+
+bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames, bool wait) {
   thread_local std::unique_ptr<char[]> scratch(new char[kScratchSize]);
 
   // A header may claim up to 16 MiB; memory follows the bytes actually sent.
@@ -343,15 +498,17 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames) {
     return false;
   };
 
+  // Only the first read may wait: after it, what is there is all there is.
+  int flags = wait ? 0 : MSG_DONTWAIT;
   std::size_t budget = kReadBudget;
-  while (budget > 0) {
+  for (; budget > 0; flags = MSG_DONTWAIT) {
     // A large body is read straight into its buffer.
     if (c.inBody && c.item.bodySize - c.bodyGot >= kScratchSize) {
       if (!grow(std::min<std::size_t>(c.item.bodySize, c.bodyGot + kReadBudget))) {
         return fail("out of memory");
       }
       ssize_t n = ::recv(c.fd, c.body.get() + c.bodyGot,
-                         std::min<std::size_t>(c.item.bodySize, c.bodyCap) - c.bodyGot, 0);
+                         std::min<std::size_t>(c.item.bodySize, c.bodyCap) - c.bodyGot, flags);
       if (n > 0) {
         c.bodyGot += static_cast<std::size_t>(n);
         budget -= std::min(budget, static_cast<std::size_t>(n));
@@ -362,7 +519,7 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames) {
       if (errno == EINTR) continue;
       return errno == EAGAIN || errno == EWOULDBLOCK;
     }
-    ssize_t n = ::recv(c.fd, scratch.get(), kScratchSize, 0);
+    ssize_t n = ::recv(c.fd, scratch.get(), kScratchSize, flags);
     if (n == 0) return false;
     if (n < 0) {
       if (errno == EINTR) continue;
@@ -640,7 +797,7 @@ TarnCoreIPCMessageServer::TarnCoreIPCMessageServer() : TarnCoreIPCMessageServer(
 
 TarnCoreIPCMessageServer::TarnCoreIPCMessageServer(Options options)
     : core_(std::make_shared<tarn::ipc::ServerCore>(std::move(options.socketPath),
-                                                    options.workerThreads)) {}
+                                                    options.workerThreads, options.readerThreads)) {}
 
 TarnCoreIPCMessageServer::~TarnCoreIPCMessageServer() { core_->Stop(); }
 

@@ -3,10 +3,13 @@
 // (mode 0666) and delivers every frame a client sends to the callbacks that an
 // in-process TarnCoreIPCMessageClient(IpcAddressContainer, ...) registered.
 //
-// Delivery runs on a pool of worker threads (at least 8) that share one epoll
-// set: the worker that reads a frame usually runs it itself, so a request costs
-// no thread hand-off; further frames read in the same go are handed to idle
-// workers, so requests from one connection run at once too.
+// Each connection (up to Options::readerThreads of them) has a reader thread
+// that waits in recv and runs what it reads itself, so a request costs no
+// thread hand-off. Beside them a pool of worker threads (at least 8) shares
+// one epoll set: it reads the connections beyond that number, takes further
+// frames read in the same go, and reads a connection whose reader has been
+// busy with one request for a few milliseconds, so requests from one
+// connection run at once.
 //
 // Per connection the peer's pid is taken with SO_PEERCRED at accept and pinned
 // (tarn::os::PinProcess) until the connection closes. Per syncMessageId the
@@ -29,6 +32,7 @@ class TarnCoreIPCMessageServer {
   struct Options {
     std::string socketPath;  // empty: tarn::ipc::SocketPath() at Start
     int workerThreads = 0;   // below 8: 8
+    int readerThreads = 64;  // connections that get a reader of their own
   };
 
   TarnCoreIPCMessageServer();

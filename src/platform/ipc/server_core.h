@@ -23,7 +23,7 @@ using MessageCallback = std::function<void(TagIPCMessageItem&)>;
 
 class ServerCore : public std::enable_shared_from_this<ServerCore> {
  public:
-  ServerCore(std::string socketPath, int workers);
+  ServerCore(std::string socketPath, int workers, int maxReaders);
   ~ServerCore();
 
   bool Start();
@@ -59,9 +59,19 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   };
 
   void WorkerLoop();
+  void ReaderLoop(const std::shared_ptr<Connection>& conn);
+  void WatchLoop();
+  // Arms the read event of each reader that has run one request for a tick.
+  void WatchLongRequests();
   void Accept();
-  // Reads what is there; complete frames are appended. False: close it.
-  bool ReadFrames(Connection& conn, std::vector<Frame>& frames);
+  bool StartReader(const std::shared_ptr<Connection>& conn);
+  // Reads what is there; complete frames are appended. With `wait`, the first
+  // read blocks until the peer sends something. False: close it.
+  bool ReadFrames(Connection& conn, std::vector<Frame>& frames, bool wait);
+  // Reads a connection whose read event fired on a worker.
+  void ReadOnWorker(const std::shared_ptr<Connection>& conn, std::vector<Frame>& frames);
+  // Hands frames[1..] to idle workers and runs frames[0] on this thread.
+  void DeliverAll(std::vector<Frame>& frames);
   void Close(const std::shared_ptr<Connection>& conn);
   void FlushPending(const std::shared_ptr<Connection>& conn);
   bool Send(const std::shared_ptr<Connection>& conn, const TagIPCMessageItem& item);
@@ -69,15 +79,30 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   void Enqueue(Frame frame);
   std::shared_ptr<Connection> Find(uint64_t id);
   void RearmRead(Connection& conn);
+  void DisarmRead(Connection& conn);
 
   std::string path_;
   int workerCount_;
+  int maxReaders_;
   int listenFd_ = -1;
   int epollFd_ = -1;
   int stopFd_ = -1;   // eventfd, level-triggered: wakes every worker at stop
   int queueFd_ = -1;  // semaphore eventfd: one count per queued frame
   std::atomic<bool> running_{false};
   std::vector<std::thread> workers_;
+
+  // Connections with a reader thread of their own; Stop waits for them.
+  std::mutex readersMutex_;
+  std::condition_variable readersCv_;
+  int readers_ = 0;
+
+  // Readers running a request, and the thread that lets the pool read for
+  // those that take long; it sleeps while no reader is busy.
+  std::atomic<int> busyReaders_{0};
+  std::atomic<bool> watcherIdle_{false};
+  std::mutex watchMutex_;
+  std::condition_variable watchCv_;
+  std::thread watcher_;
 
   mutable std::mutex connMutex_;
   std::unordered_map<uint64_t, std::shared_ptr<Connection>> connections_;
