@@ -40,7 +40,10 @@ void ConfigManager::ResetForTesting() {
   remoteConfig = RemoteConfigInfo{};
   kitConfigMap.clear();
   kitApiDispathMap.clear();
-  configEvent = nullptr;
+  {
+    std::lock_guard lock(configEventMutex_);
+    configEvent = nullptr;
+  }
   configCheckDone = true;
   g_forceUpdateTimeperiod = 60000;
   g_timePeriodOneday = kOneDayMs;
@@ -50,7 +53,10 @@ void ConfigManager::ResetForTesting() {
 bool ConfigManager::Init() {
   CLOGI("ConfigManager::Init", "ConfigManager.Init begin.");
   // Each call makes a new event; the refresh worker waits on it.
-  configEvent = tarn::os::Event::Create(false, false);
+  {
+    std::lock_guard lock(configEventMutex_);
+    configEvent = tarn::os::Event::Create(false, false);
+  }
   // It waits a minute before its first fetch, so the reading below isn't raced.
   if (!VantrelThread::ThreadManager::Instance().Create(&ConfigManager::WorkerThread, nullptr,
                                                        "ConfigManager::WorkerThread", false)) {

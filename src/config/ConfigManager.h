@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "config/ConfigRecords.h"
@@ -155,6 +156,9 @@ class ConfigManager {
   ConfigManager() = default;
   // Bumped by ResetForTesting; a worker leaves when it no longer matches.
   std::atomic<std::uint64_t> workerGeneration_{0};
+  // configEvent is replaced by Init and by a test's reset while a worker
+  // started earlier may be taking its copy.
+  std::mutex configEventMutex_;
   // The scan of GetAPIInfo with its debug lines; `matched` tells a matching
   // key from none.
   std::shared_ptr<KitApiDetailInfo> ScanApiDispathMap(std::string& uri, bool& matched);

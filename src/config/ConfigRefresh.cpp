@@ -91,7 +91,10 @@ std::uint32_t ConfigManager::WorkerThread(void* param) {
   const std::uint64_t generation = manager.workerGeneration_.load();
   const std::shared_ptr<tarn::os::Event> exitEvent =
       VantrelThread::ThreadManager::Instance().processExitEvent;
-  const std::shared_ptr<tarn::os::Event> wakeEvent = manager.configEvent;
+  const std::shared_ptr<tarn::os::Event> wakeEvent = [&manager] {
+    std::lock_guard lock(manager.configEventMutex_);
+    return manager.configEvent;
+  }();
   const std::vector<tarn::os::Waitable*> handles = {exitEvent.get(), wakeEvent.get()};
 
   while (threadParam->running && wakeEvent) {
