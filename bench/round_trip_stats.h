@@ -1,7 +1,7 @@
 #pragma once
 // Latency and cost figures that the round-trip benchmarks report beside their
 // throughput: p50 and p99 of every round trip of all clients of one run, and
-// the whole process's CPU time and context switches per request (clients,
+// the whole process's CPU time (and its user part) and context switches per request (clients,
 // the endpoint's workers and the log together). On a machine that others
 // share, CPU time per request holds up better than wall time.
 #include <benchmark/benchmark.h>
@@ -14,11 +14,16 @@
 
 namespace tarn::bench {
 
-inline double ProcessCpuMicros() {
+struct CpuMicros {
+  double user = 0;
+  double system = 0;
+};
+
+inline CpuMicros ProcessCpuMicros() {
   rusage usage{};
   ::getrusage(RUSAGE_SELF, &usage);
   auto micros = [](const timeval& t) { return t.tv_sec * 1e6 + t.tv_usec; };
-  return micros(usage.ru_utime) + micros(usage.ru_stime);
+  return {micros(usage.ru_utime), micros(usage.ru_stime)};
 }
 
 // Voluntary (a thread waits) and involuntary: on a virtual machine each one
@@ -46,7 +51,9 @@ class RoundTrips {
     micros_.insert(micros_.end(), mine.begin(), mine.end());
     requests_ += state.iterations();
     if (++done_ < state.threads()) return;
-    const double cpu = ProcessCpuMicros() - cpuAtStart_;
+    const CpuMicros now = ProcessCpuMicros();
+    const double user = now.user - cpuAtStart_.user;
+    const double cpu = user + now.system - cpuAtStart_.system;
     const double switches = ProcessContextSwitches() - switchesAtStart_;
     std::sort(micros_.begin(), micros_.end());
     auto at = [&](double q) {
@@ -58,6 +65,8 @@ class RoundTrips {
     state.counters["p50_us"] = at(0.50);
     state.counters["p99_us"] = at(0.99);
     state.counters["cpu_us_per_req"] = requests_ ? cpu / n : 0.0;
+    // The rest is the kernel's: socket calls, wake-ups and switches.
+    state.counters["user_us_per_req"] = requests_ ? user / n : 0.0;
     state.counters["switches_per_req"] = requests_ ? switches / n : 0.0;
     micros_.clear();
     started_ = done_ = 0;
@@ -69,7 +78,7 @@ class RoundTrips {
   std::vector<double> micros_;
   int started_ = 0;
   int done_ = 0;
-  double cpuAtStart_ = 0;
+  CpuMicros cpuAtStart_;
   double switchesAtStart_ = 0;
   std::uint64_t requests_ = 0;
 };
