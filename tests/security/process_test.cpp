@@ -1,80 +1,55 @@
 // Processes judged by their executables: signatures, paths and fingerprints by pid.
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 
-#include <gtest/gtest.h>
-
 #include "platform/os/process_identity.h"
 #include "platform/os/text.h"
 #include "platform/security/security.h"
-#include "platform/security/signature.h"
 #include "security_test_util.h"
-#include "support/temp_root.h"
 
 namespace ts = tarn::security;
-using tarn::test::Child;
 
 namespace {
 
-class ProcessSignatureTest : public ::testing::Test {
+class ProcessSignatureTest : public tarn::test::TrustedKeysTest {
  protected:
-  tarn::test::TempRoot root;
-  ts::SigningKey maker = tarn::test::NewKey();
-  ts::SigningKey platform = tarn::test::NewKey();
-  std::vector<Child> children;
-  SignatureVerifyer* v = SignatureVerifyer::GetInstance();
-
-  void SetUp() override {
-    tarn::test::TrustKey(maker, ts::KeyKind::kMaker, "maker");
-    tarn::test::TrustKey(platform, ts::KeyKind::kPlatform, "platform");
-  }
   void TearDown() override {
-    for (auto& c : children) tarn::test::Finish(c);
+    for (auto& pid : children) tarn::test::Stop(pid);
   }
-
   // A copy of the helper, signed by key (or left unsigned), started in "wait" mode.
   pid_t StartHelper(const std::string& name, const ts::SigningKey* key) {
     std::string path = root.At(name);
     tarn::test::CopyExecutable(TARN_SECURITY_HELPER, path);
     EXPECT_TRUE(!key || ts::SignFile(path, *key)) << path;
     children.push_back(tarn::test::Spawn(path, {"wait"}));
-    return children.back().pid;
+    return children.back();
   }
   std::string Exe(const std::string& name) { return std::filesystem::canonical(root.At(name)).string(); }
+
+  std::vector<pid_t> children;
+  SignatureVerifyer* v = SignatureVerifyer::GetInstance();
 };
 
-TEST_F(ProcessSignatureTest, SignedChildVerifiesByPidWithItsSignersFingerprint) {
-  pid_t pid = StartHelper("maker-helper", &maker);
-  EXPECT_EQ(v->Verify(pid), 0);
-  EXPECT_EQ(v->VerifyVantrelExe(pid), 0);
-  std::string exe;
-  EXPECT_EQ(v->GetAndVerifyTarnCoreExePath(pid, exe), 0);
-  EXPECT_EQ(exe, Exe("maker-helper"));
-  std::wstring wexe;
-  EXPECT_NE(v->ProcessGetPeFilePath(pid, wexe), 0);
-  EXPECT_EQ(tarn::os::WideToUtf8(wexe), exe);
-  EXPECT_EQ(CalcFileThumb(wexe), ts::Fingerprint(maker.Public()));
-  EXPECT_EQ(ts::ProcessFingerprint(pid), ts::Fingerprint(maker.Public()));
-
-  pid_t platformPid = StartHelper("platform-helper", &platform);
-  EXPECT_EQ(v->Verify(platformPid), 0);
-  EXPECT_NE(v->VerifyVantrelExe(platformPid), 0);  // not the maker's
-}
-
-TEST_F(ProcessSignatureTest, UnsignedChildHasAPathButNoFingerprint) {
-  pid_t pid = StartHelper("plain-helper", nullptr);
-  EXPECT_NE(v->Verify(pid), 0);
-  EXPECT_NE(v->VerifyVantrelExe(pid), 0);
-  std::string exe;
-  EXPECT_NE(v->GetAndVerifyTarnCoreExePath(pid, exe), 0);
-  EXPECT_EQ(exe, Exe("plain-helper"));  // still given, for the caller's log
-  std::wstring wexe;
-  ASSERT_NE(v->ProcessGetPeFilePath(pid, wexe), 0);
-  EXPECT_EQ(CalcFileThumb(wexe), "");
-  EXPECT_EQ(ts::ProcessFingerprint(pid), "");
+TEST_F(ProcessSignatureTest, LiveChildrenAreJudgedByTheirExecutableAndItsSigner) {
+  struct Case { const char* name; const ts::SigningKey* key; bool trusted, maker; };
+  for (const Case& c : {Case{"maker-helper", &maker, true, true}, Case{"platform-helper", &platform, true, false},
+                        Case{"plain-helper", nullptr, false, false}}) {
+    SCOPED_TRACE(c.name);
+    const pid_t pid = StartHelper(c.name, c.key);
+    const std::string fingerprint = c.key ? ts::Fingerprint(c.key->Public()) : "";
+    EXPECT_EQ(v->Verify(pid) == 0, c.trusted);
+    EXPECT_EQ(v->VerifyVantrelExe(pid) == 0, c.maker);
+    std::string exe;
+    EXPECT_EQ(v->GetAndVerifyTarnCoreExePath(pid, exe) == 0, c.trusted);
+    EXPECT_EQ(exe, Exe(c.name));  // given even when refused, for the caller's log
+    std::wstring wexe;
+    ASSERT_NE(v->ProcessGetPeFilePath(pid, wexe), 0);
+    EXPECT_EQ(tarn::os::WideToUtf8(wexe), exe);
+    EXPECT_EQ(CalcFileThumb(wexe), fingerprint);
+    EXPECT_EQ(ts::ProcessFingerprint(pid), fingerprint);
+  }
 }
 
 TEST_F(ProcessSignatureTest, ReplacedExecutableStillJudgedByWhatRuns) {
@@ -93,22 +68,20 @@ TEST_F(ProcessSignatureTest, ReplacedExecutableStillJudgedByWhatRuns) {
 }
 
 TEST_F(ProcessSignatureTest, GoneProcessesAreUnverifiable) {
-  pid_t pid = StartHelper("short-lived", &maker);
-  pid_t pinned = StartHelper("pinned", &maker);
+  const pid_t pid = StartHelper("short-lived", &maker);
+  const pid_t pinned = StartHelper("pinned", &maker);
   ASSERT_TRUE(tarn::os::PinProcess(pinned));
   ASSERT_EQ(v->Verify(pid), 0);
   ASSERT_EQ(v->Verify(pinned), 0);
 
   // Exited but not reaped: a zombie has no executable any more.
-  ::close(children[0].input);
-  children[0].input = -1;
+  ::kill(pid, SIGKILL);
   siginfo_t info{};
   ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
   EXPECT_EQ(v->Verify(pid), static_cast<int>(ts::Status::kProcessGone));
   EXPECT_NE(v->VerifyVantrelExe(pid), 0);
 
-  tarn::test::Finish(children[0]);  // reaped
-  tarn::test::Finish(children[1]);
+  for (auto& child : children) tarn::test::Stop(child);  // reaped
   EXPECT_EQ(v->Verify(pinned), static_cast<int>(ts::Status::kProcessGone));
   tarn::os::UnpinProcess(pinned);
   std::string exe;

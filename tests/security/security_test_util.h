@@ -1,10 +1,10 @@
 #pragma once
 // Files, keys and child processes for the signature tests.
-#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/security/signature.h"
+#include "support/temp_root.h"
 
 namespace tarn::test {
 
@@ -36,41 +37,34 @@ inline security::SigningKey NewKey() {
   return std::move(*key);
 }
 
-inline void TrustKey(const security::SigningKey& key, security::KeyKind kind, const std::string& name) {
-  if (!security::InstallTrustedKey(key.Public(), kind, name)) throw std::runtime_error("cannot trust key");
-}
-
-// A child whose standard input is a pipe we hold: closing it ends a "wait" helper.
-struct Child {
-  pid_t pid = -1;
-  int input = -1;
+// A machine root that trusts a maker key and a platform key.
+class TrustedKeysTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(security::InstallTrustedKey(maker.Public(), security::KeyKind::kMaker, "maker"));
+    ASSERT_TRUE(security::InstallTrustedKey(platform.Public(), security::KeyKind::kPlatform, "platform"));
+  }
+  TempRoot root;
+  security::SigningKey maker = NewKey(), platform = NewKey();
 };
 
 // posix_spawn returns once the program is in place, so /proc/<pid>/exe names it.
-inline Child Spawn(const std::string& path, const std::vector<std::string>& args) {
-  int fds[2];
-  if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[0], 0);
+inline pid_t Spawn(const std::string& path, const std::vector<std::string>& args) {
   std::vector<char*> argv{const_cast<char*>(path.c_str())};
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
-  Child child{-1, fds[1]};
-  int rc = ::posix_spawn(&child.pid, path.c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(fds[0]);
-  if (rc != 0) throw std::runtime_error("cannot start " + path);
-  return child;
+  pid_t pid = -1;
+  if (::posix_spawn(&pid, path.c_str(), nullptr, nullptr, argv.data(), environ) != 0)
+    throw std::runtime_error("cannot start " + path);
+  return pid;
 }
 
-// Closes the child's input and reaps it; its exit status, or -1.
-inline int Finish(Child& child) {
-  if (child.input >= 0) ::close(child.input);
-  int status = 0;
-  bool reaped = child.pid > 0 && ::waitpid(child.pid, &status, 0) == child.pid;
-  child = Child{};
-  return reaped && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+// Kills and reaps a child once.
+inline void Stop(pid_t& pid) {
+  if (pid <= 0) return;
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, nullptr, 0);
+  pid = -1;
 }
 
 struct RunResult {
