@@ -3,9 +3,10 @@
 #include <cstring>
 
 #include "platform/ipc/ipc_message.h"
-#include "platform/ipc/signature_manager.h"
 
 namespace {
+
+using tarn::ipc::HeaderCheck;
 
 TEST(IpcFrame, HeaderIsLittleEndianByteForByteAndDecodesBack) {
   TagIPCMessageItem item;
@@ -17,7 +18,7 @@ TEST(IpcFrame, HeaderIsLittleEndianByteForByteAndDecodesBack) {
   item.syncMessageId = -2;
   item.bodySize = 0x00020304;
   item.bodyIsHeld = 1;
-  unsigned char out[32];
+  unsigned char out[32], again[32];
   std::memset(out, 0xAA, sizeof(out));
   tarn::ipc::EncodeFrameHeader(item, out);
   const unsigned char expected[32] = {
@@ -25,10 +26,8 @@ TEST(IpcFrame, HeaderIsLittleEndianByteForByteAndDecodesBack) {
       0x35, 0x00, 0x08, 0x00,  0xFF, 0xFF, 0xFF, 0xFF,  0xFE, 0xFF, 0xFF, 0xFF,
       0x04, 0x03, 0x02, 0x00,  0x01, 0x00, 0x00, 0x00};
   EXPECT_EQ(0, std::memcmp(out, expected, sizeof(out)));
-
   TagIPCMessageItem back;
-  ASSERT_EQ(tarn::ipc::HeaderCheck::Ok, tarn::ipc::DecodeFrameHeader(out, back));
-  unsigned char again[32];
+  ASSERT_EQ(HeaderCheck::Ok, tarn::ipc::DecodeFrameHeader(out, back));
   tarn::ipc::EncodeFrameHeader(back, again);
   EXPECT_EQ(0, std::memcmp(again, expected, sizeof(again)));
 }
@@ -37,30 +36,13 @@ TEST(IpcFrame, DecodeRefusesNonZeroPaddingAndBodiesOver16MiB) {
   unsigned char raw[32] = {};
   TagIPCMessageItem item;
   raw[31] = 1;
-  EXPECT_EQ(tarn::ipc::HeaderCheck::Garbage, tarn::ipc::DecodeFrameHeader(raw, item));
+  EXPECT_EQ(HeaderCheck::Garbage, tarn::ipc::DecodeFrameHeader(raw, item));
   raw[31] = 0;
   const uint32_t limit = 16u * 1024 * 1024;
   for (uint32_t size : {limit, limit + 1}) {
     for (int i = 0; i < 4; ++i) raw[24 + i] = static_cast<unsigned char>(size >> (8 * i));
-    EXPECT_EQ(size == limit ? tarn::ipc::HeaderCheck::Ok : tarn::ipc::HeaderCheck::TooLarge,
-              tarn::ipc::DecodeFrameHeader(raw, item))
-        << size;
+    EXPECT_EQ(size == limit ? HeaderCheck::Ok : HeaderCheck::TooLarge, tarn::ipc::DecodeFrameHeader(raw, item)) << size;
   }
-}
-
-TEST(SignatureWhitelist, FindTellsListedSameIdOtherIdAndUnlisted) {
-  SignatureManager* list = SignatureManager::GetInstance();
-  list->Clear();
-  EXPECT_EQ(2, list->FindSignatured(42, "a"));
-  EXPECT_TRUE(list->AddSignatureWhiteList(42, "a"));
-  EXPECT_EQ(0, list->FindSignatured(42, "a"));
-  EXPECT_EQ(1, list->FindSignatured(42, "b"));
-  EXPECT_EQ(1, list->FindSignatured(42, ""));
-  EXPECT_TRUE(list->AddSignatureWhiteList(42, "b"));
-  EXPECT_EQ(0, list->FindSignatured(42, "b"));
-  EXPECT_TRUE(list->RemoveSignatureWhiteList(42));
-  EXPECT_FALSE(list->RemoveSignatureWhiteList(42));
-  EXPECT_EQ(2, list->FindSignatured(42, "b"));
 }
 
 }  // namespace

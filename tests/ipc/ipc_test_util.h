@@ -1,5 +1,6 @@
 #pragma once
-// Raw-socket helpers for poking the IPC server below the client library.
+// Raw-socket helpers for poking the IPC server below the client library, and
+// the liveness bound the socket tests share.
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -7,12 +8,25 @@
 
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include "platform/ipc/ipc_client.h"
 #include "platform/ipc/ipc_message.h"
 
 namespace tarn::test {
+
+constexpr int kLong = 10000;  // ms: an upper bound for liveness only
+
+inline bool Eventually(const std::function<bool()>& done) {
+  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 inline int RawConnect(const std::string& path) {
   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -34,7 +48,7 @@ inline bool WriteAll(int fd, const std::string& bytes) {
 }
 
 // Reads exactly n bytes; false on end, error or time-out.
-inline bool ReadExact(int fd, std::string& out, std::size_t n, int timeoutMs) {
+inline bool ReadExact(int fd, std::string& out, std::size_t n, int timeoutMs = kLong) {
   out.assign(n, '\0');
   auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   for (std::size_t got = 0; got < n;) {
@@ -51,19 +65,12 @@ inline bool ReadExact(int fd, std::string& out, std::size_t n, int timeoutMs) {
 }
 
 // True when the peer closed the connection within the time.
-inline bool WaitClosed(int fd, int timeoutMs) {
+inline bool WaitClosed(int fd) {
   pollfd p{fd, POLLIN, 0};
-  if (::poll(&p, 1, timeoutMs) <= 0) return false;
+  if (::poll(&p, 1, kLong) <= 0) return false;
   char c;
   ssize_t r = ::recv(fd, &c, 1, MSG_DONTWAIT);
   return r == 0 || (r < 0 && errno == ECONNRESET);
-}
-
-inline std::string EncodeFrame(TagIPCMessageItem item, const std::string& body) {
-  unsigned char header[ipc::kFrameHeaderSize];
-  item.bodySize = static_cast<uint32_t>(body.size());
-  ipc::EncodeFrameHeader(item, header);
-  return std::string(reinterpret_cast<char*>(header), sizeof(header)) + body;
 }
 
 inline TagIPCMessageItem RequestItem(int32_t id) {
@@ -76,9 +83,17 @@ inline TagIPCMessageItem RequestItem(int32_t id) {
   return item;
 }
 
+// A request frame as a client writes it; the body goes without a terminator.
+inline std::string EncodeFrame(TagIPCMessageItem item, const std::string& body) {
+  unsigned char header[ipc::kFrameHeaderSize];
+  item.bodySize = static_cast<uint32_t>(body.size());
+  ipc::EncodeFrameHeader(item, header);
+  return std::string(reinterpret_cast<char*>(header), sizeof(header)) + body;
+}
+
 // A request through the client library; 0 or the library's code.
 inline int SendRequest(TarnCoreIPCMessageClient& client, int32_t id, std::string text,
-                       std::string& response, int timeoutMs) {
+                       std::string& response, int timeoutMs = kLong) {
   TagIPCMessageItem item = RequestItem(id);
   item.body = text.data();
   item.bodySize = static_cast<uint32_t>(text.size() + 1);
