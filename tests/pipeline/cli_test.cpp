@@ -14,6 +14,8 @@
 
 namespace {
 
+using tarn::test::ParseJson;
+
 struct CliRun {
   int exitCode = -1;
   std::string output;  // standard output and error together
@@ -38,13 +40,13 @@ CliRun Tarncore(const std::vector<std::string>& args) {
   return run;
 }
 
-class Cli : public tarn::test::PipelineFixture {};
+using Cli = tarn::test::PipelineFixture;
 
 TEST_F(Cli, CallBuildsAWellFormedRequestAndExitsZeroOnSuccess) {
   std::mutex m;
   std::string headerText;
-  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request,
-                       ServerResCallBack* cb, ResponseStatus&) {
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request, ServerResCallBack* cb,
+                       ResponseStatus&) {
     {
       std::lock_guard lock(m);
       headerText = request.header;
@@ -55,20 +57,19 @@ TEST_F(Cli, CallBuildsAWellFormedRequestAndExitsZeroOnSuccess) {
   CliRun run = Tarncore({"call", "Demo.Echo", "--body", "{\"x\":[1,2]}", "--header", "client_id=abc",
                          "--header", "custom=7"});
   EXPECT_EQ(0, run.exitCode) << run.output;
-  Json::Value response = Parse(run.output);
+  Json::Value response = ParseJson(run.output);
   EXPECT_EQ("0", response["header"]["status_code"].asString());
   EXPECT_EQ(2, response["body"]["x"][1].asInt());
 
   std::lock_guard lock(m);
-  Json::Value header = Parse(headerText);
+  Json::Value header = ParseJson(headerText);
   for (const auto& key : header.getMemberNames()) EXPECT_TRUE(header[key].isString()) << key;
-  EXPECT_EQ("abc/7/Demo.Echo/Demo", header["client_id"].asString() + "/" + header["custom"].asString() +
-                                         "/" + header["api_name"].asString() + "/" + header["srv_name"].asString());
-  for (const char* key : {"version", "app_id", "pkg_name", "sdk_version", "session_id",
-                          "kitSdkVersion", "apiLevel"}) {
+  for (const char* key : {"version", "app_id", "pkg_name", "sdk_version", "session_id", "kitSdkVersion", "apiLevel"}) {
     EXPECT_FALSE(header[key].asString().empty()) << key;
   }
-  EXPECT_EQ(32u, header["transaction_id"].asString().size());
+  EXPECT_EQ("abc/7/Demo.Echo/Demo/32", header["client_id"].asString() + "/" + header["custom"].asString() + "/" +
+                                           header["api_name"].asString() + "/" + header["srv_name"].asString() +
+                                           "/" + std::to_string(header["transaction_id"].asString().size()));
 }
 
 TEST_F(Cli, ExitCodesForRefusalsClientFailuresAndUsage) {
@@ -79,12 +80,10 @@ TEST_F(Cli, ExitCodesForRefusalsClientFailuresAndUsage) {
   } cases[] = {
       {{"call", "Nobody.Home"}, 1, "\"status_code\":\"907135001\""},
       {{"send", "--raw", "definitely not json"}, 1, "data format is error."},
-      {{"send", "--raw", "{\"header\":{\"apiLevel\":1}}", "--timeout", "300"}, 3,
-       "9003 Sending Message is TimeOut."},
+      {{"send", "--raw", "{\"header\":{\"apiLevel\":1}}", "--timeout", "300"}, 3, "9003 Sending Message is TimeOut."},
       {{"call", "A.b", "--timeout", "0"}, 3, "9004"},
       {{}, 2, ""}, {{"bogus"}, 2, ""}, {{"call"}, 2, ""}, {{"call", "A.b", "--body", "{nope"}, 2, ""},
-      {{"call", "A.b", "--header", "novalue"}, 2, ""}, {{"send"}, 2, ""},
-      {{"listen", "--count", "x"}, 2, ""},
+      {{"call", "A.b", "--header", "novalue"}, 2, ""}, {{"send"}, 2, ""}, {{"listen", "--count", "x"}, 2, ""},
       {{"--help"}, 0, "call URI"},
   };
   for (const Case& c : cases) {
@@ -119,12 +118,11 @@ TEST_F(Cli, SignedClientPassesTheRealSignatureCheck) {
   pub << std::ifstream(TARN_DEV_PUBLIC_KEY).rdbuf();
   ASSERT_FALSE(pub.str().empty());
   root_.WriteFile("etc/tarncore/trusted-keys/tarn-dev.pub", pub.str());
-
   CliRun run = Tarncore({"call", "Demo.Echo"});
   EXPECT_EQ(1, run.exitCode) << run.output;
   EXPECT_TRUE(run.Has("\"status_code\":\"907135001\"")) << run.output;
   EXPECT_EQ(1, gates_.fingerprintCalls.load());
-  EXPECT_EQ("907135004", Status(5, "self"));
+  EXPECT_EQ("907135004", StatusFor(5, "self"));
 }
 
 }  // namespace

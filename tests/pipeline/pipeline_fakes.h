@@ -1,15 +1,13 @@
 #pragma once
-// Stand-ins for what sits behind the pipeline, and a started endpoint under a
-// throw-away machine root.
+// Stand-ins for what sits behind the pipeline, and the container's endpoint
+// started under a throw-away machine root.
 #include <gtest/gtest.h>
 #include <json/value.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ipc/ipc_test_util.h"
@@ -17,24 +15,12 @@
 #include "pipeline/RequestGates.h"
 #include "pipeline/ServerManager.h"
 #include "pipeline/ServerResCallBack.h"
-#include "platform/ipc/ipc_client.h"
 #include "platform/ipc/signature_manager.h"
 #include "platform/log/log_capture.h"
 #include "platform/security/security.h"
 #include "support/temp_root.h"
 
 namespace tarn::test {
-
-constexpr int kLong = 10000;  // ms: an upper bound for liveness only
-
-inline bool Eventually(const std::function<bool()>& done) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 class FakeVerifier : public SignatureVerifyer {
  public:
@@ -101,58 +87,76 @@ class FakeGates : public DefaultRequestGates {
   std::vector<ApiRecord> records;
 };
 
-// The container's endpoint with fake gates and a fake verifier installed.
-class PipelineFixture : public ::testing::Test {
+inline Json::Value ParseJson(const std::string& text) {
+  Json::Value root;
+  EXPECT_TRUE(ConnectManager::Parse(text.data(), text.data() + text.size(), root)) << text;
+  return root;
+}
+
+// A well-formed request: every header value a string.
+inline std::string Request(const std::string& uri = "Demo.Echo", const std::string& body = "{}",
+                           const std::string& sdkVersion = "5.3.0.300", const std::string& apiLevel = "1",
+                           const std::string& clientId = "c1") {
+  return "{\"header\":{\"version\":\"1.0\",\"srv_name\":\"" + uri.substr(0, uri.find('.')) +
+         "\",\"api_name\":\"" + uri + "\",\"app_id\":\"app\",\"pkg_name\":\"pkg\",\"sdk_version\":\"" +
+         sdkVersion + "\",\"session_id\":\"s1\",\"transaction_id\":\"t1\",\"kitSdkVersion\":\"1\","
+         "\"apiLevel\":\"" + apiLevel + "\",\"client_id\":\"" + clientId + "\"},\"body\":" + body + "}";
+}
+
+// A machine root, a log capture, and once started the container's endpoint
+// with the given gates behind it, reached by a client over the real socket.
+class EndpointTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    RequestGates::Install(&gates_);
-    SignatureVerifyer::SetInstanceForTesting(&verifier_);
+  void StartEndpoint(RequestGates* gates) {
+    RequestGates::Install(gates);
     SignatureManager::GetInstance()->Clear();
     ServerManager::GetInstance().ServerInit();
     ASSERT_NE(nullptr, g_tarnCoreIpcServer);
   }
   void TearDown() override {
     ServerManager::GetInstance().ServerUnInit();
-    SignatureVerifyer::SetInstanceForTesting(nullptr);
     RequestGates::Install(nullptr);
     SignatureManager::GetInstance()->Clear();
   }
 
-  static int Send(TarnCoreIPCMessageClient& client, int32_t id, const std::string& text,
-                  std::string& response, int timeoutMs = kLong) {
-    return SendRequest(client, id, text, response, timeoutMs);
-  }
   int Send(int32_t id, const std::string& text, std::string& response, int timeoutMs = kLong) {
-    return Send(client_, id, text, response, timeoutMs);
+    return SendRequest(client_, id, text, response, timeoutMs);
   }
-
-  static Json::Value Parse(const std::string& text) {
-    Json::Value root;
-    EXPECT_TRUE(ConnectManager::Parse(text.data(), text.data() + text.size(), root)) << text;
-    return root;
-  }
-
-  // Sends a well-formed request and returns the answer's header.status_code.
-  std::string Status(int32_t id, const std::string& clientId, Json::Value* answer = nullptr) {
+  // The answer's header.status_code, or the client code when none came.
+  std::string Status(int32_t id, const std::string& text, Json::Value* answer = nullptr) {
     std::string response;
-    if (int code = Send(id, Request(clientId), response)) return "client " + std::to_string(code);
-    Json::Value root = Parse(response);
+    if (int code = Send(id, text, response)) return "client " + std::to_string(code);
+    Json::Value root = ParseJson(response);
     if (answer) *answer = root;
     return root["header"]["status_code"].asString();
   }
-
-  static std::string Request(const std::string& clientId) {
-    return "{\"header\":{\"version\":\"1.0\",\"srv_name\":\"Demo\",\"api_name\":\"Demo.Echo\","
-           "\"app_id\":\"app\",\"pkg_name\":\"pkg\",\"sdk_version\":\"2.0\",\"session_id\":\"s1\","
-           "\"transaction_id\":\"t1\",\"kitSdkVersion\":\"3\",\"apiLevel\":\"4\",\"client_id\":\"" +
-           clientId + "\"},\"body\":{\"q\":\"v\"}}";
-  }
+  static std::size_t Callbacks() { return ServerManager::GetInstance().CallbackCount(); }
 
   TempRoot root_;
   log::LogCapture logs_;
+  TarnCoreIPCMessageClient client_{IpcAddressClientSide, false, true};
+};
+
+// The endpoint with fake gates and a fake verifier.
+class PipelineFixture : public EndpointTest {
+ protected:
+  void SetUp() override {
+    SignatureVerifyer::SetInstanceForTesting(&verifier_);
+    StartEndpoint(&gates_);
+  }
+  void TearDown() override {
+    EndpointTest::TearDown();
+    SignatureVerifyer::SetInstanceForTesting(nullptr);
+  }
+  static std::string RequestFrom(const std::string& clientId) {
+    return Request("Demo.Echo", "{}", "5.3.0.300", "1", clientId);
+  }
+  std::string StatusFor(int32_t id, const std::string& clientId, Json::Value* answer = nullptr) {
+    return Status(id, RequestFrom(clientId), answer);
+  }
+
   FakeGates gates_;
   FakeVerifier verifier_;
-  TarnCoreIPCMessageClient client_{IpcAddressClientSide, false, true};
 };
 
 }  // namespace tarn::test

@@ -19,6 +19,8 @@ using tarn::log::Level;
 using tarn::test::ApiRecord;
 using tarn::test::Eventually;
 using tarn::test::kLong;
+using tarn::test::ParseJson;
+using tarn::test::Request;
 
 const uint32_t kPid = static_cast<uint32_t>(::getpid());
 const std::string kPidText = std::to_string(::getpid());
@@ -34,32 +36,29 @@ class Pipeline : public tarn::test::PipelineFixture {
       cb->Excute(copy);
     });
   }
-  static std::size_t Callbacks() { return ServerManager::GetInstance().CallbackCount(); }
+  static int Listed(const std::string& clientId) {
+    return SignatureManager::GetInstance()->FindSignatured(kPid, clientId);
+  }
 };
 
 TEST_F(Pipeline, BadRequestTextsAreRefusedOrLeftUnanswered) {
-  std::string response;
+  std::string response, expected;
   ASSERT_EQ(0, Send(31, "hello, container", response));
-  std::string expected;
   ResponseStatus bad;
   SetResponseStatus(bad, TarnStatus::kDataFormatError);
   ConnectManager::GetResErrorMsg(bad, expected);
   EXPECT_EQ(expected, response);
-  EXPECT_NE(std::string::npos, response.find("data format is error."));
+  EXPECT_NE(std::string::npos, response.find("\"error_reason\":\"data format is error.\""));
   EXPECT_NE(std::string::npos, response.find("\"status_code\":\"907135000\""));
-  EXPECT_TRUE(logs_.Has(Level::Error, "req mgs error.(ConnectManager::ConvertRequest)"));
-  EXPECT_TRUE(
-      logs_.Has(Level::Error, "req message parse error. msgIdentify = 31(RequestInvoke::Excute)"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "req message parse error. msgIdentify = 31(RequestInvoke::Excute)"));
   EXPECT_TRUE(logs_.Has(Level::Info, "ServerManager.OnMsgCallback syncMessageId = 31 callerPid = " +
                                          kPidText + "(ServerManager::OnMsgCallback)"));
   EXPECT_TRUE(Eventually([] { return Callbacks() == 0; }));
   EXPECT_TRUE(gates_.Records().empty());  // no header was read: nothing is reported
 
-  ASSERT_EQ(0, Send(32, "{}", response));
-  Json::Value r = Parse(response);
-  EXPECT_EQ("907135000", r["header"]["status_code"].asString());
+  Json::Value r;
+  ASSERT_EQ("907135000", Status(32, "{}", &r));
   EXPECT_EQ("907135000", r["header"]["error_code"].asString());
-  EXPECT_TRUE(logs_.Has(Level::Error, "request data parse error.(ConnectManager::GetReqHeader)"));
   EXPECT_TRUE(logs_.Has(Level::Info, "ServerResCallBack.ExcuteError begin. responseStatus =  "
                                      "907135000 msgIdentify = 32(ServerResCallBack::ExcuteError)"));
   EXPECT_EQ(0, verifier_.calls.load());
@@ -71,31 +70,27 @@ TEST_F(Pipeline, BadRequestTextsAreRefusedOrLeftUnanswered) {
   EXPECT_TRUE(logs_.Contains("RequestInvoke Excute failed.errmsg = "));
   EXPECT_EQ(1u, Callbacks());
   EXPECT_NE(nullptr, ServerManager::GetInstance().GetServerResCallBackByMessageId("33"));
-  EXPECT_EQ(0, Send(34, "{}", response));  // the endpoint serves on
+  EXPECT_EQ("907135000", Status(34, "{}"));  // the endpoint serves on
 }
 
-TEST_F(Pipeline, VerifiedRequestReachesTheKitManagerWhichRefusesByDefault) {
+// Past every gate the default kit manager refuses; the whitelist decides who is verified.
+TEST_F(Pipeline, WhitelistFoundOtherClientIdOrUnknown) {
   Json::Value r;
-  ASSERT_EQ("907135001", Status(40, "c1", &r));
+  ASSERT_EQ("907135001", StatusFor(41, "c1", &r));
   EXPECT_EQ("API is not supported. ", r["header"]["error_reason"].asString());
   EXPECT_EQ("", r["header"]["api_name"].asString());  // failures carry no identity
   EXPECT_TRUE(logs_.Has(Level::Error, "Invoke failed. status_code = 907135001 msgIdentify = "
-                                      "40(RequestInvoke::Excute)"));
+                                      "41(RequestInvoke::Excute)"));
   ASSERT_TRUE(Eventually([&] { return gates_.Records().size() == 2; }));
   EXPECT_EQ((std::vector<ApiRecord>{{"req", "Demo.Echo", "0"}, {"res", "Demo.Echo", "907135001"}}),
             gates_.Records());
-  EXPECT_TRUE(Eventually([] { return Callbacks() == 0; }));
-}
-
-TEST_F(Pipeline, WhitelistFoundOtherClientIdOrUnknown) {
   // Unknown: verified once, then found.
-  ASSERT_EQ("907135001", Status(41, "c1"));
   EXPECT_EQ(1, verifier_.calls.load());
   EXPECT_EQ(kPid, verifier_.lastPid.load());
-  EXPECT_EQ(0, SignatureManager::GetInstance()->FindSignatured(kPid, "c1"));
+  EXPECT_EQ(0, Listed("c1"));
   EXPECT_TRUE(logs_.Has(Level::Info, "Verify success. client_id: c1 Pid: " + kPidText +
                                          "(RequestInvoke::CheckCertFingerprint)"));
-  ASSERT_EQ("907135001", Status(42, "c1"));
+  ASSERT_EQ("907135001", StatusFor(42, "c1"));
   EXPECT_EQ(1, verifier_.calls.load());
   EXPECT_EQ(1, gates_.fingerprintCalls.load());
   EXPECT_TRUE(logs_.Has(Level::Info, "Already in whitelist. client_id: c1 Pid: " + kPidText +
@@ -106,15 +101,15 @@ TEST_F(Pipeline, WhitelistFoundOtherClientIdOrUnknown) {
   }
 
   // Another client id from a listed process: verified again, and listed anew.
-  ASSERT_EQ("907135001", Status(43, "new"));
-  EXPECT_TRUE(logs_.Has(Level::Error,
-                        "Wrong clientId: new Pid: " + kPidText + "(RequestInvoke::VerifyProcess)"));
+  ASSERT_EQ("907135001", StatusFor(43, "new"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "Wrong clientId: new Pid: " + kPidText + "(RequestInvoke::VerifyProcess)"));
   EXPECT_EQ(2, verifier_.calls.load());
-  EXPECT_EQ(0, SignatureManager::GetInstance()->FindSignatured(kPid, "new"));
+  EXPECT_EQ(0, Listed("new"));
   // Refused this time: the old entry is gone and no new one is made.
   verifier_.result = 7;
-  ASSERT_EQ("907135004", Status(44, "other"));
-  EXPECT_EQ(2, SignatureManager::GetInstance()->FindSignatured(kPid, "other"));
+  ASSERT_EQ("907135004", StatusFor(44, "other"));
+  EXPECT_EQ(2, Listed("other"));
+  EXPECT_EQ(2, Listed("new"));
 }
 
 TEST_F(Pipeline, RefusalsOfSignatureAndFingerprint) {
@@ -135,18 +130,17 @@ TEST_F(Pipeline, RefusalsOfSignatureAndFingerprint) {
     verifier_.result = c.verify;
     gates_.fingerprint = c.fingerprint;
     Json::Value r;
-    EXPECT_EQ(c.status, Status(id++, "c1", &r));
+    EXPECT_EQ(c.status, StatusFor(id++, "c1", &r));
     EXPECT_EQ(c.reason, r["header"]["error_reason"].asString());
-    EXPECT_EQ(2, SignatureManager::GetInstance()->FindSignatured(kPid, "c1"));
+    EXPECT_EQ(2, Listed("c1"));
   }
   EXPECT_EQ(3, gates_.fingerprintCalls.load());  // not asked after a bad signature
-  EXPECT_TRUE(logs_.Has(Level::Error,
-                        "SignatureVerifyer failed. msgIdentify = 50(RequestInvoke::VerifySignatured)"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "SignatureVerifyer failed. msgIdentify = 50(RequestInvoke::VerifySignatured)"));
   EXPECT_TRUE(logs_.Has(Level::Error, "Verify fail client_id:c1 Pid:" + kPidText +
                                           " ret:2000(RequestInvoke::CheckCertFingerprint)"));
-  EXPECT_TRUE(logs_.Has(Level::Info, "Verify success not add whitelist. clientId:c1 Pid:" +
-                                         kPidText + "(RequestInvoke::CheckCertFingerprint)"));
-  ASSERT_EQ("907135001", Status(id, "c1"));  // so the next request checks again
+  EXPECT_TRUE(logs_.Has(Level::Info, "Verify success not add whitelist. clientId:c1 Pid:" + kPidText +
+                                         "(RequestInvoke::CheckCertFingerprint)"));
+  ASSERT_EQ("907135001", StatusFor(id, "c1"));  // so the next request checks again
   EXPECT_EQ(4, gates_.fingerprintCalls.load());
 }
 
@@ -158,30 +152,29 @@ TEST_F(Pipeline, PlatformCallerSkipsTheFingerprintAndVerificationCanBeOff) {
     SetResponseStatus(status, TarnStatus::kApiNotSupported);
   });
   gates_.tarnCoreCaller = true;
-  ASSERT_EQ("907135001", Status(60, "core"));
+  ASSERT_EQ("907135001", StatusFor(60, "core"));
   EXPECT_TRUE(flagged.load());
   EXPECT_EQ(0, gates_.fingerprintCalls.load());
-  EXPECT_EQ(0, SignatureManager::GetInstance()->FindSignatured(kPid, "core"));
+  EXPECT_EQ(0, Listed("core"));
 
   SignatureManager::GetInstance()->Clear();
   gates_.verifyEnabled = false;
   verifier_.result = 9;
-  ASSERT_EQ("907135001", Status(61, "any"));
+  ASSERT_EQ("907135001", StatusFor(61, "any"));
   EXPECT_EQ(1, verifier_.calls.load());  // only the first request's
   EXPECT_FALSE(flagged.load());
-  EXPECT_EQ(2, SignatureManager::GetInstance()->FindSignatured(kPid, "any"));
+  EXPECT_EQ(2, Listed("any"));
 }
 
 TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
-  std::string seenHeader;
-  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request,
-                       ServerResCallBack* cb, ResponseStatus&) {
+  std::string seenHeader, response;
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request, ServerResCallBack* cb,
+                       ResponseStatus&) {
     seenHeader = request.header;
     std::string result = "{\"v\":1}";
     cb->Excute(result);
   });
-  std::string response;
-  ASSERT_EQ(0, Send(70, Request("c1"), response));
+  ASSERT_EQ(0, Send(70, Request(), response));
   EXPECT_NE(std::string::npos, seenHeader.find("\"syncMessageId\":\"70\""));
   EXPECT_EQ(
       "{\"header\":{\"api_name\":\"Demo.Echo\",\"app_id\":\"app\",\"error_code\":\"0\","
@@ -194,26 +187,25 @@ TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
 
   // An empty result is wrapped as it is, though that is no JSON.
   Answer("");
-  ASSERT_EQ(0, Send(71, Request("c1"), response));
+  ASSERT_EQ(0, Send(71, Request(), response));
   EXPECT_EQ(",\"body\":}", response.substr(response.size() - 9));
-
   // A kit's answer that holds "header" goes out unchanged.
   const std::string own = "{\"header\":{\"status_code\":\"5\"},\"body\":{\"x\":2}}";
   Answer(own);
-  ASSERT_EQ(0, Send(72, Request("c1"), response));
+  ASSERT_EQ(0, Send(72, Request(), response));
   EXPECT_EQ(own, response);
 }
 
 TEST_F(Pipeline, LateAnswerFromAnotherThreadFindsItsCallbackById) {
   std::promise<std::string> taken;
-  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request,
-                       ServerResCallBack*, ResponseStatus&) {
-    taken.set_value(Parse(request.header)["syncMessageId"].asString());  // as a kit would keep it
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request, ServerResCallBack*,
+                       ResponseStatus&) {
+    taken.set_value(ParseJson(request.header)["syncMessageId"].asString());  // as a kit would keep it
   });
   auto reply = std::async(std::launch::async, [&] {
-    std::string response;
-    int code = Send(-80, Request("c1"), response);
-    return std::make_pair(code, response);
+    Json::Value r;
+    std::string status = Status(-80, Request(), &r);
+    return std::make_pair(status, r);
   });
   auto idFuture = taken.get_future();
   ASSERT_EQ(std::future_status::ready, idFuture.wait_for(std::chrono::milliseconds(kLong)));
@@ -223,18 +215,15 @@ TEST_F(Pipeline, LateAnswerFromAnotherThreadFindsItsCallbackById) {
   ASSERT_TRUE(Eventually([&] {
     return logs_.Has(Level::Info, "ServerManager.OnMsgCallback end.(ServerManager::OnMsgCallback)");
   }));
-  std::thread kit([&] {
+  std::thread([&] {
     EXPECT_EQ(nullptr, ServerManager::GetInstance().GetServerResCallBackByMessageId("81"));
     ServerResCallBack* cb = ServerManager::GetInstance().GetServerResCallBackByMessageId(id);
     ASSERT_NE(nullptr, cb);
     std::string result = "{\"late\":true}";
     cb->Excute(result);
-  });
-  kit.join();
-  auto [code, response] = reply.get();
-  ASSERT_EQ(0, code);
-  Json::Value r = Parse(response);
-  EXPECT_EQ("0", r["header"]["status_code"].asString());
+  }).join();
+  auto [status, r] = reply.get();
+  EXPECT_EQ("0", status);
   EXPECT_EQ("Demo.Echo", r["header"]["api_name"].asString());
   EXPECT_TRUE(r["body"]["late"].asBool());
   // The callback's own header, still alive.
@@ -246,8 +235,7 @@ TEST_F(Pipeline, ConcurrentRequestsEachGetTheirOwnAnswer) {
   std::mutex m;
   std::condition_variable cv;
   int inside = 0;
-  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
-                       ResponseStatus&) {
+  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb, ResponseStatus&) {
     {
       std::unique_lock lock(m);
       ++inside;
@@ -258,25 +246,25 @@ TEST_F(Pipeline, ConcurrentRequestsEachGetTheirOwnAnswer) {
     cb->Excute(result);
   });
   TarnCoreIPCMessageClient other(IpcAddressClientSide, true, false);
-  auto ask = [&](TarnCoreIPCMessageClient& client, int32_t id) {
+  auto ask = [](TarnCoreIPCMessageClient& client, int32_t id) {
     return std::async(std::launch::async, [&client, id] {
       std::string r;
-      Send(client, id, Request("c1"), r);
-      return r;
+      tarn::test::SendRequest(client, id, Request(), r);
+      return ParseJson(r)["body"]["id"].asString();
     });
   };
   auto a = ask(client_, 101);
   auto b = ask(other, 202);
-  EXPECT_EQ("101", Parse(a.get())["body"]["id"].asString());
-  EXPECT_EQ("202", Parse(b.get())["body"]["id"].asString());
+  EXPECT_EQ("101", a.get());
+  EXPECT_EQ("202", b.get());
   EXPECT_EQ(2, inside);
 }
 
 TEST_F(Pipeline, DepartedClientLosesItsAnswerAndOthersCarryOn) {
   std::promise<void> release, entered;
   std::shared_future<void> released = release.get_future().share();
-  gates_.SetInvoke([&](const RequestHeader& header, const ConvertedRequest&,
-                       ServerResCallBack* cb, ResponseStatus&) {
+  gates_.SetInvoke([&](const RequestHeader& header, const ConvertedRequest&, ServerResCallBack* cb,
+                       ResponseStatus&) {
     if (header.client_id == "slow") {
       entered.set_value();
       released.wait();
@@ -287,16 +275,15 @@ TEST_F(Pipeline, DepartedClientLosesItsAnswerAndOthersCarryOn) {
   {
     TarnCoreIPCMessageClient leaver(IpcAddressClientSide, true, false);
     std::string r;
-    EXPECT_EQ(9003, Send(leaver, 90, Request("slow"), r, 300));
-    ASSERT_EQ(std::future_status::ready,
-              entered.get_future().wait_for(std::chrono::milliseconds(kLong)));
+    EXPECT_EQ(9003, tarn::test::SendRequest(leaver, 90, RequestFrom("slow"), r, 300));
+    ASSERT_EQ(std::future_status::ready, entered.get_future().wait_for(std::chrono::milliseconds(kLong)));
   }  // the client goes away while its request is still being served
   ASSERT_TRUE(Eventually([] { return g_tarnCoreIpcServer->ConnectionCount() == 0; }));
-  EXPECT_EQ("0", Status(91, "fast"));
+  EXPECT_EQ("0", StatusFor(91, "fast"));
   release.set_value();
   ASSERT_TRUE(Eventually([] { return Callbacks() == 0; }));
   EXPECT_TRUE(logs_.Has(Level::Error, "PostIPCMessage failed!(ServerManager::SendIpcMessage)"));
-  EXPECT_EQ("0", Status(92, "fast"));
+  EXPECT_EQ("0", StatusFor(92, "fast"));
 }
 
 TEST_F(Pipeline, InitWaitPollsSeventeenTimesThenRefuses) {
@@ -304,11 +291,11 @@ TEST_F(Pipeline, InitWaitPollsSeventeenTimesThenRefuses) {
   tarn::os::SetClockForTesting(&clock);
   gates_.initComplete = [] { return false; };
   Json::Value r;
-  std::string status = Status(110, "c1", &r);
+  std::string status = StatusFor(110, "c1", &r);
   // Init completing during the wait lets the request on.
   std::atomic<int> polls{0};
   gates_.initComplete = [&] { return ++polls > 3; };
-  std::string later = Status(111, "c1");
+  std::string later = StatusFor(111, "c1");
   tarn::os::SetClockForTesting(nullptr);
   EXPECT_EQ("907135011", status);
   EXPECT_EQ("TarnCore is not inited completely ", r["header"]["error_reason"].asString());
@@ -316,57 +303,48 @@ TEST_F(Pipeline, InitWaitPollsSeventeenTimesThenRefuses) {
   EXPECT_EQ(1000u + 17 * 50 + 3 * 50, clock.TickCount());
   EXPECT_TRUE(logs_.Has(Level::Info, "TarnCore is not init completely. msgIdentify = 110 Wait "
                                      "it.(RequestInvoke::IsInitComplite)"));
-  EXPECT_TRUE(logs_.Has(Level::Error, "TarnCore still not init complete after 1s. msgIdentify = "
-                                      "110(RequestInvoke::IsInitComplite)"));
-  EXPECT_FALSE(logs_.Has(Level::Error, "TarnCore still not init complete after 1s. msgIdentify = "
-                                       "111(RequestInvoke::IsInitComplite)"));
+  EXPECT_EQ(1u, logs_.Count(Level::Error, "TarnCore still not init complete after 1s. msgIdentify = "
+                                          "110(RequestInvoke::IsInitComplite)"));
+  EXPECT_EQ(1u, logs_.CountContaining("TarnCore still not init complete after 1s."));
 }
 
 TEST_F(Pipeline, BroadcastsReachListenersWithTheirOwnRandomId) {
   ServerManager& sm = ServerManager::GetInstance();
   sm.BroadcastMessage("nobody hears this");
-  EXPECT_TRUE(logs_.Has(Level::Error,
-                        "ClientManager.BroadcastMessage fail.(ServerManager::BroadcastMessage)"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "ClientManager.BroadcastMessage fail.(ServerManager::BroadcastMessage)"));
 
   std::mutex m;
   std::condition_variable cv;
-  std::vector<TagIPCMessageItem> items;
-  std::vector<std::string> texts;
+  std::vector<std::pair<TagIPCMessageItem, std::string>> got;
   TarnCoreIPCMessageClient listener(IpcAddressClientSide, true, false);
   listener.RegisterMessageCallback(IpcBroadcastMessageCode, [&](TagIPCMessageItem& item) {
     std::lock_guard lock(m);
-    items.push_back(item);
-    texts.emplace_back(item.body);
+    got.emplace_back(item, item.body);
     cv.notify_all();
   });
   ASSERT_TRUE(Eventually([] { return g_tarnCoreIpcServer->ConnectionCount() == 1; }));
-
   char kitText[] = "{\"kit\":\"news\"}";
   sm.broadcastSendHandle(kitText);
   sm.SendServiceStartBroadcast();
   sm.SendUpdateFailedBroadcast("boom");
   std::unique_lock lock(m);
-  ASSERT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kLong), [&] { return items.size() == 3; }));
-  EXPECT_EQ("{\"kit\":\"news\"}", texts[0]);
-  EXPECT_EQ(
-      "{\"header\":{\"action\":\"com.vantrel.tarn.updateKit\"},\"notifyMsg\":{\"isUserAgree\":\"0\","
-      "\"level\":\"\",\"version\":\"\"}}\n",
-      texts[1]);
-  EXPECT_NE(std::string::npos, texts[2].find("\"updateKitResult\":\"boom\""));
+  ASSERT_TRUE(cv.wait_for(lock, std::chrono::milliseconds(kLong), [&] { return got.size() == 3; }));
+  EXPECT_EQ("{\"kit\":\"news\"}", got[0].second);
+  EXPECT_EQ("{\"header\":{\"action\":\"com.vantrel.tarn.updateKit\"},\"notifyMsg\":{\"isUserAgree\":\"0\","
+            "\"level\":\"\",\"version\":\"\"}}\n",
+            got[1].second);
+  EXPECT_NE(std::string::npos, got[2].second.find("\"updateKitResult\":\"boom\""));
   std::set<int32_t> ids;
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    const TagIPCMessageItem& it = items[i];
+  for (const auto& [it, text] : got) {
     EXPECT_EQ((std::vector<int64_t>{0, IpcAddressContainer, IpcBroadcastMessageCode, -1, 1,
-                                    static_cast<int64_t>(texts[i].size() + 1)}),
+                                    static_cast<int64_t>(text.size() + 1)}),
               (std::vector<int64_t>{it.target, it.source, it.subCode, it.reserved, it.bodyIsHeld, it.bodySize}));
     EXPECT_TRUE(it.syncMessageId >= 0 && it.syncMessageId <= 999999999);  // nine random digits
     ids.insert(it.syncMessageId);
   }
   EXPECT_EQ(3u, ids.size());
-  EXPECT_TRUE(logs_.Has(Level::Info, "For forceUpdate failed, broadcastMsg = " + texts[2] +
+  EXPECT_TRUE(logs_.Has(Level::Info, "For forceUpdate failed, broadcastMsg = " + got[2].second +
                                          "(ServerManager::SendUpdateFailedBroadcast)"));
-  EXPECT_TRUE(logs_.Has(Level::Debug,
-                        "ClientManager.BroadcastMessage success(ServerManager::BroadcastMessage)"));
 }
 
 TEST_F(Pipeline, MessagesWithoutAKnownCallerOrOfAnotherCodeAreDropped) {
@@ -382,8 +360,7 @@ TEST_F(Pipeline, MessagesWithoutAKnownCallerOrOfAnotherCodeAreDropped) {
   EXPECT_EQ(0u, Callbacks());
   EXPECT_TRUE(logs_.Has(Level::Info, "ServerManager.OnMsgCallback syncMessageId = 4711 callerPid = "
                                      "0(ServerManager::OnMsgCallback)"));
-  EXPECT_EQ(2u, logs_.Count(Level::Info,
-                            "ServerManager.OnMsgCallback end.(ServerManager::OnMsgCallback)"));
+  EXPECT_EQ(2u, logs_.Count(Level::Info, "ServerManager.OnMsgCallback end.(ServerManager::OnMsgCallback)"));
   EXPECT_FALSE(logs_.Contains("RequestInvoke.excute begin."));
 }
 

@@ -1,5 +1,4 @@
 // A kit for the tests: good answers, and the bad ones a kit can give.
-#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <stdexcept>
@@ -10,7 +9,6 @@
 
 namespace {
 
-std::atomic<int> g_initCount{0};
 std::mutex g_mutex;
 TarnKitCallback g_broadcast;
 
@@ -44,7 +42,6 @@ void Later(std::function<void()> work) {
 }  // namespace
 
 TARN_KIT_API void Init(TarnKitCallback broadcast) {
-  ++g_initCount;
   std::lock_guard lock(g_mutex);
   g_broadcast = std::move(broadcast);
 }
@@ -66,10 +63,6 @@ TARN_KIT_API void NotJson(const char*, const char*, TarnKitCallback callback) {
 
 TARN_KIT_API void UnknownId(const char*, const char*, TarnKitCallback callback) {
   Answer(callback, LateAnswer("424242", "unknown"));
-}
-
-TARN_KIT_API void BodyOnlyId(const char* header, const char*, TarnKitCallback callback) {
-  Answer(callback, "{\"result\":{\"syncMessageId\":\"" + SyncMessageId(header) + "\"}}");
 }
 
 TARN_KIT_API void Twice(const char*, const char*, TarnKitCallback callback) {
@@ -98,8 +91,4 @@ TARN_KIT_API void Broadcast(const char*, const char* body, TarnKitCallback callb
   }
   Answer(broadcast, std::string("{\"header\":{\"action\":\"test\"},\"notifyMsg\":") + body + "}");
   Answer(callback, "{\"broadcast\":\"sent\"}");
-}
-
-TARN_KIT_API void Stats(const char*, const char*, TarnKitCallback callback) {
-  Answer(callback, "{\"initCount\":" + std::to_string(g_initCount.load()) + "}");
 }
