@@ -5,10 +5,8 @@ namespace access_test {
 using tarn::zbrf::ZParcel;
 
 DecodedRequest Decode(uint32_t code, ZParcel data) {
-  DecodedRequest request;
-  request.code = code;
   data.Rewind();
-  request.header = data.ReadHeader();
+  DecodedRequest request{code, data.ReadHeader(), {}};
   for (uint32_t tag = data.ReadTag(); tag != 0; tag = data.ReadTag()) {
     std::string value;
     if (data.ReadString(value)) request.fields[data.TagField(tag)].push_back(value);
@@ -20,13 +18,12 @@ bool FakeScopeObject::Transact(uint32_t code, const std::shared_ptr<ZParcel>& da
                                const std::shared_ptr<ZParcel>& reply, uint32_t) {
   ++calls_;
   if (onCall) onCall();
-  if (failTransact) return false;
-  return Serve(code, *data, *reply);
+  return !failTransact && Serve(code, *data, *reply);
 }
 
 bool FakeScopeObject::OnTransact(uint32_t code, const std::shared_ptr<ZParcel>& data,
                                  const std::shared_ptr<ZParcel>& reply, uint32_t flags) {
-  // The local proxy hands over a parcel positioned at its start.
+  // The local proxy must hand over a parcel positioned at its start.
   return data->Position() == 0 ? Transact(code, data, reply, flags) : (++calls_, false);
 }
 
@@ -37,33 +34,23 @@ std::vector<DecodedRequest> FakeScopeObject::Requests() {
 
 bool FakeScopeObject::Serve(uint32_t code, ZParcel& data, ZParcel& reply) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (answersBeforeFailing >= 0 && answered_ >= answersBeforeFailing) return false;
-  ++answered_;
+  if (answersBeforeFailing >= 0 && static_cast<int>(requests_.size()) >= answersBeforeFailing) return false;
   requests_.push_back(Decode(code, data));
   reply.WriteStatus(0);
-  switch (code) {
-    case 1: {
-      int32_t value = 0;
-      if (!fingerprintCodes.empty()) {
-        value = fingerprintCodes.front();
-        if (fingerprintCodes.size() > 1) fingerprintCodes.pop_front();
-      }
-      reply.WriteInt32(1, value);
-      break;
+  if (code == 1) {
+    reply.WriteInt32(1, fingerprintCodes.empty() ? 0 : fingerprintCodes.front());
+    if (fingerprintCodes.size() > 1) fingerprintCodes.pop_front();
+  } else if (code == 2 || code == 3) {
+    reply.WriteBool(1, allowed);
+  } else if (code == 5) {
+    for (const auto& s : scopes) {
+      ZParcel item;
+      item.WriteInt32(1, std::stoi(s.at(0)));
+      item.WriteString(2, s.at(1));
+      item.WriteString(3, s.at(2));
+      item.WriteStringVector(4, std::vector<std::string>(s.begin() + 3, s.end()));
+      reply.WriteString(1, item.Data());
     }
-    case 2:
-    case 3: reply.WriteBool(1, allowed); break;
-    case 5:
-      for (const auto& s : scopes) {
-        ZParcel item;
-        item.WriteInt32(1, std::stoi(s.at(0)));
-        item.WriteString(2, s.at(1));
-        item.WriteString(3, s.at(2));
-        item.WriteStringVector(4, std::vector<std::string>(s.begin() + 3, s.end()));
-        reply.WriteString(1, item.Data());
-      }
-      break;
-    default: break;
   }
   return true;
 }
@@ -74,17 +61,11 @@ ScopeProxy::Platform FakePlatform::Make() {
   p.createInstance = [this](const std::string& name, const std::string& method,
                             std::shared_ptr<tarn::zbrf::ZObject>& object) {
     if (method != "getScopeService") return false;
-    if (name == "wasm.scopeService") {
-      ++wasmCreations;
-      if (wasm) object = wasm;
-      return wasm != nullptr;
-    }
-    if (name == "dll.scopeService") {
-      ++nativeCreations;
-      if (native) object = native;
-      return native != nullptr;
-    }
-    return false;
+    const bool wasmBuild = name == "wasm.scopeService";
+    if (!wasmBuild && name != "dll.scopeService") return false;
+    ++(wasmBuild ? wasmCreations : nativeCreations);
+    if (auto build = wasmBuild ? wasm : native) object = build;
+    return object != nullptr;
   };
   p.tickCount = [this] { return now.load(); };
   p.sleepMs = [this](uint32_t ms) {

@@ -1,5 +1,5 @@
 #pragma once
-// Scriptable stand-ins for the scope service and what the proxy needs.
+// Scriptable stand-ins for the scope service and the proxy's platform.
 #include <atomic>
 #include <deque>
 #include <map>
@@ -22,7 +22,7 @@ struct DecodedRequest {
 };
 DecodedRequest Decode(uint32_t code, tarn::zbrf::ZParcel data);
 
-// Serves the six transactions from a script, by Transact (sandboxed) or OnTransact (in-process).
+// Serves the six transactions from a script, sandboxed (Transact) or in-process (OnTransact).
 class FakeScopeObject : public tarn::zbrf::ZObject {
  public:
   bool Transact(uint32_t code, const std::shared_ptr<tarn::zbrf::ZParcel>& data,
@@ -30,25 +30,20 @@ class FakeScopeObject : public tarn::zbrf::ZObject {
   bool OnTransact(uint32_t code, const std::shared_ptr<tarn::zbrf::ZParcel>& data,
                   const std::shared_ptr<tarn::zbrf::ZParcel>& reply, uint32_t flags) override;
 
-  // Transactions that go through (or, with failTransact, that are attempted).
-  int Calls() const { return calls_.load(); }
-  std::vector<DecodedRequest> Requests();
+  int Calls() const { return calls_.load(); }  // attempted transactions
+  std::vector<DecodedRequest> Requests();      // answered ones
 
   std::atomic<bool> failTransact{false};
-  // Fingerprint codes in turn; the last one repeats. Empty: 0.
-  std::deque<int32_t> fingerprintCodes;
-  // After this many answers every transaction fails (-1: never).
-  int answersBeforeFailing = -1;
+  std::deque<int32_t> fingerprintCodes;  // in turn, the last one repeats; empty: 0
+  int answersBeforeFailing = -1;         // then every transaction fails; -1: never
   bool allowed = true;
   std::vector<std::vector<std::string>> scopes;  // {id, name, url, permissions...}
-  // Run during each attempted transaction (tests move their clock here).
-  std::function<void()> onCall;
+  std::function<void()> onCall;                  // run at each attempt (tests move their clock)
 
  private:
   bool Serve(uint32_t code, tarn::zbrf::ZParcel& data, tarn::zbrf::ZParcel& reply);
   std::mutex mutex_;
   std::atomic<int> calls_{0};
-  int answered_ = 0;
   std::vector<DecodedRequest> requests_;
 };
 
@@ -73,14 +68,11 @@ class RecordingSink : public ScopeEventSink {
   std::vector<ScopeEventRecord> records_;
 };
 
-// A proxy's platform: scripted services, a hand-moved clock, a sleep that only counts.
+// A proxy's platform: scripted builds (null: creation fails), a hand-moved clock, a sleep that only counts.
 struct FakePlatform {
-  std::shared_ptr<FakeScopeObject> wasm;    // null: creation fails
-  std::shared_ptr<FakeScopeObject> native;  // null: creation fails
+  std::shared_ptr<FakeScopeObject> wasm, native;
   std::atomic<uint32_t> now{1000};
-  std::atomic<int> sleeps{0};
-  std::atomic<int> wasmCreations{0};
-  std::atomic<int> nativeCreations{0};
+  std::atomic<int> sleeps{0}, wasmCreations{0}, nativeCreations{0};
 
   ScopeProxy::Platform Make();
 };

@@ -24,7 +24,7 @@ const char* kPolicy = R"({ "clients": {
            "scopes": [ { "id": 3, "name": "mail", "url": "https://mail", "permissions": ["mail.send"] } ] },
   "200": { "fingerprints": ["CD34"], "whitelist": false } } })";
 
-class ServiceFixture : public ::testing::Test {
+class ScopeServiceTest : public ::testing::Test {
  protected:
   void SetUp() override { ScopeProxy::SetEventSink(&sink_); }
   void TearDown() override {
@@ -35,6 +35,21 @@ class ServiceFixture : public ::testing::Test {
   void WritePolicy(const std::string& text) {
     env_.root().WriteFile("etc/tarncore/scope-policy.json.tmp", text);
     fs::rename(env_.root().At("etc/tarncore/scope-policy.json.tmp"), env_.root().At("etc/tarncore/scope-policy.json"));
+  }
+  // The reference service, both builds, as the package ships it.
+  void InstallReference() {
+    env_.Install(TARN_SCOPE_SANDBOX, "TarnCoreScopeSandbox");
+    env_.Install(TARN_SCOPE_LIBRARY, "libtarn_scope_service.so");
+    env_.Install(TARN_SCOPE_SERVICE_INFO, "ServiceInfo.json");
+    ASSERT_TRUE(manager_.RegisterServiceInfo(env_.PackageDir() + "/ServiceInfo.json"));
+    WritePolicy(kPolicy);
+  }
+  // The test sandbox in the sandboxed build's place, and no native build to fall back to.
+  void InstallMisbehaving(const char* behaviour) {
+    ::setenv("ZBRF_TEST_BEHAVIOUR", behaviour, 1);
+    env_.Install(ZBRF_TEST_SANDBOX, "zbrf_test_sandbox");
+    ASSERT_TRUE(manager_.RegisterServiceInfo(env_.WriteServiceInfo(R"({ "services": [
+      { "name": "wasm.scopeService", "kind": "sandbox", "path": "zbrf_test_sandbox", "methods": ["getScopeService"] } ] })")));
   }
 
   std::unique_ptr<ScopeProxy> MakeProxy() {
@@ -53,23 +68,13 @@ class ServiceFixture : public ::testing::Test {
   zbrf_test::ServiceRoot env_;
   tarn::zbrf::ZServiceManager manager_;
   RecordingSink sink_;
+  tarn::log::LogCapture log_;
   pid_t sandboxPid_ = 0;
   int sleeps_ = 0;
 };
 
-class ReferenceServiceTest : public ServiceFixture {
- protected:
-  void SetUp() override {
-    ServiceFixture::SetUp();
-    env_.Install(TARN_SCOPE_SANDBOX, "TarnCoreScopeSandbox");
-    env_.Install(TARN_SCOPE_LIBRARY, "libtarn_scope_service.so");
-    env_.Install(TARN_SCOPE_SERVICE_INFO, "ServiceInfo.json");
-    ASSERT_TRUE(manager_.RegisterServiceInfo(env_.PackageDir() + "/ServiceInfo.json"));
-    WritePolicy(kPolicy);
-  }
-};
-
-TEST_F(ReferenceServiceTest, TheSandboxedBuildDecidesFromThePolicy) {
+TEST_F(ScopeServiceTest, TheSandboxedBuildDecidesFromThePolicyAndReadsItAgainWhenItChanges) {
+  InstallReference();
   auto proxy = MakeProxy();
   ASSERT_TRUE(proxy->HasService());
   EXPECT_FALSE(proxy->IsFallback());
@@ -87,7 +92,6 @@ TEST_F(ReferenceServiceTest, TheSandboxedBuildDecidesFromThePolicy) {
   proxy->SetLastCheckTime("100");
   proxy->InvokeOpenGateway("204518762");
 
-  // The sandboxed program reads the policy again when it changes.
   WritePolicy(R"({ "clients": { "200": { "fingerprints": ["CD34"] } } })");
   EXPECT_EQ(proxy->CheckCertFingerprint("200", "CD34"), 0);
   EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 1);
@@ -98,8 +102,8 @@ TEST_F(ReferenceServiceTest, TheSandboxedBuildDecidesFromThePolicy) {
   EXPECT_TRUE(sink_.Records().empty());
 }
 
-TEST_F(ReferenceServiceTest, KillingTheSandboxedBuildFallsBackToTheNativeBuild) {
-  tarn::log::LogCapture log;
+TEST_F(ScopeServiceTest, KillingTheSandboxedBuildFallsBackToTheNativeBuild) {
+  InstallReference();
   auto proxy = MakeProxy();
   ASSERT_GT(sandboxPid_, 0);
   ASSERT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 0);
@@ -107,61 +111,43 @@ TEST_F(ReferenceServiceTest, KillingTheSandboxedBuildFallsBackToTheNativeBuild) 
 
   EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 0);
   EXPECT_TRUE(proxy->IsFallback());
-  auto records = sink_.Records();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].statusCode, "-1");
-  EXPECT_EQ(records[0].apiName, "framework.CheckCertFingerprint");
-  EXPECT_EQ(records[1].statusCode, "907180001");
-  EXPECT_TRUE(log.Has(tarn::log::Level::Info, "LocalZObjectProxy Transact(LocalZbrfProxy::Transact)"));
-
+  EXPECT_EQ(sink_.StatusCodes(), (std::vector<std::string>{"-1", "907180001"}));
+  EXPECT_EQ(sink_.Records().at(0).apiName, "framework.CheckCertFingerprint");
+  EXPECT_TRUE(log_.Has(tarn::log::Level::Info, "LocalZObjectProxy Transact(LocalZbrfProxy::Transact)"));
   // The native build reads the same policy, and stays.
   EXPECT_EQ(proxy->CheckCertFingerprint("200", "CD34"), 1000);
   EXPECT_TRUE(proxy->CheckPermission("100", "contacts.read"));
   EXPECT_EQ(sink_.Records().size(), 2u);
 }
 
-class MisbehavingSandboxTest : public ServiceFixture {
- protected:
-  void SetUp() override {
-    ServiceFixture::SetUp();
-    env_.Install(ZBRF_TEST_SANDBOX, "zbrf_test_sandbox");
-    // No native build: a failing sandbox leaves nothing to fall back to.
-    ASSERT_TRUE(manager_.RegisterServiceInfo(env_.WriteServiceInfo(R"({ "services": [
-      { "name": "wasm.scopeService", "kind": "sandbox", "path": "zbrf_test_sandbox", "methods": ["getScopeService"] } ] })")));
+// A silent service costs one time-out of at most 2 s (the further tries fail
+// at once); garbage fails at once. Either way the next call fails at once too.
+TEST_F(ScopeServiceTest, ASilentOrGarbledServiceEndsInRefusalWithinTheBound) {
+  using std::chrono::seconds;
+  for (auto [behaviour, bound] : {std::pair{"hang", seconds(8)}, std::pair{"garbage", seconds(4)}}) {
+    SCOPED_TRACE(behaviour);
+    RecordingSink sink;
+    ScopeProxy::SetEventSink(&sink);
+    InstallMisbehaving(behaviour);
+    auto proxy = MakeProxy();
+    ASSERT_TRUE(proxy->HasService());
+    auto start = Clock::now();
+    EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), -1);
+    EXPECT_LT(Clock::now() - start, bound);
+    start = Clock::now();
+    EXPECT_FALSE(proxy->CheckApiPermission("100", "p", "u"));
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(1500));
+    EXPECT_EQ(sleeps_, 0);
+    EXPECT_EQ(sink.StatusCodes(), (std::vector<std::string>{"-1", "907180001", "-1", "907180001"}));
   }
-};
-
-TEST_F(MisbehavingSandboxTest, ASilentServiceEndsInRefusalWithinTheBound) {
-  ::setenv("ZBRF_TEST_BEHAVIOUR", "hang", 1);
-  auto proxy = MakeProxy();
-  ASSERT_TRUE(proxy->HasService());
-  const auto start = Clock::now();
-  EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), -1);
-  // One time-out of at most 2 s; the two further tries fail at once.
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(8));
-  EXPECT_EQ(sleeps_, 0);
-  const auto again = Clock::now();
-  EXPECT_FALSE(proxy->CheckPermission("100", "contacts.read"));
-  EXPECT_LT(Clock::now() - again, std::chrono::milliseconds(1500));
 }
 
-TEST_F(MisbehavingSandboxTest, GarbageEndsInRefusal) {
-  ::setenv("ZBRF_TEST_BEHAVIOUR", "garbage", 1);
-  auto proxy = MakeProxy();
-  const auto start = Clock::now();
-  EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), -1);
-  EXPECT_FALSE(proxy->CheckApiPermission("100", "p", "u"));
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(4));
-  EXPECT_EQ(sink_.StatusCodes(), (std::vector<std::string>{"-1", "907180001", "-1", "907180001"}));
-}
-
-TEST_F(MisbehavingSandboxTest, AServiceBusy220TimesGivesTheBusyOutcome) {
-  ::setenv("ZBRF_TEST_BEHAVIOUR", "busy", 1);
-  tarn::log::LogCapture log;
+TEST_F(ScopeServiceTest, AServiceBusy220TimesGivesTheBusyOutcome) {
+  InstallMisbehaving("busy");
   auto proxy = MakeProxy();
   EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 2000);
   EXPECT_EQ(sleeps_, 220);
-  EXPECT_TRUE(log.Has(tarn::log::Level::Warn, "scope proxy invokewithtry times limit(ScopeProxy::CheckCertFingerprint)"));
+  EXPECT_TRUE(log_.Has(tarn::log::Level::Warn, "scope proxy invokewithtry times limit(ScopeProxy::CheckCertFingerprint)"));
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "fake_scope.h"
 
 namespace {
@@ -74,7 +76,7 @@ TEST_F(StubTest, EachOperationIsOneNumberedTransactionWithItsFields) {
   EXPECT_EQ(code, 55);
 }
 
-TEST_F(StubTest, RepliesSkipUnknownFieldsAndTheLastRepeatWins) {
+TEST_F(StubTest, RepliesSkipUnknownFieldsTakeTheLastRepeatAndScopeItemsInOrder) {
   remote_->replyBytes = ReplyWith([](ZParcel& p) {
     p.WriteString(7, "ignored");
     p.WriteInt32(9, 3);
@@ -90,44 +92,32 @@ TEST_F(StubTest, RepliesSkipUnknownFieldsAndTheLastRepeatWins) {
   bool allowed = true;
   EXPECT_TRUE(stub_.CheckPermission("a", "p", allowed));
   EXPECT_FALSE(allowed);
-}
 
-TEST_F(StubTest, ScopeItemsArriveInOrderAndReadFieldsInAnyOrder) {
-  service::ScopeItem first, second;
+  service::ScopeItem first;
   first.id = 1;
   first.name = "contacts";
-  first.url = std::string(200, 'u');
+  first.url = std::string(200, 'u');  // a two-byte length inside the item
   first.permissions = {"read", "", "write"};
-  second.id = -2;
   ZParcel encoded;
   first.WriteToParcel(encoded);
   EXPECT_EQ(first.Size(), encoded.Size());
+  ZParcel shuffled;  // another writer's field order, with a field unknown here
+  shuffled.WriteString(4, "b");
+  shuffled.WriteString(99, "unknown");
+  shuffled.WriteString(2, "name");
+  shuffled.WriteInt32(1, -2);
   remote_->replyBytes = ReplyWith([&](ZParcel& p) {
     p.WriteParcelable(1, first);
     p.WriteInt32(3, 8);
-    p.WriteParcelable(1, second);
+    p.WriteString(1, shuffled.Data());
   });
   std::vector<std::shared_ptr<service::ScopeItem>> items;
   ASSERT_TRUE(stub_.GetScopeByAppId("a", items));
   ASSERT_EQ(items.size(), 2u);
-  EXPECT_EQ(items[0]->id, 1);
-  EXPECT_EQ(items[0]->name, "contacts");
-  EXPECT_EQ(items[0]->url, first.url);
-  EXPECT_EQ(items[0]->permissions, first.permissions);
-  EXPECT_EQ(items[1]->id, -2);
-  EXPECT_TRUE(items[1]->permissions.empty());
-
-  ZParcel shuffled;
-  shuffled.WriteString(4, "b");
-  shuffled.WriteString(99, "unknown");
-  shuffled.WriteString(2, "name");
-  shuffled.WriteString(4, "c");
-  shuffled.WriteInt32(1, 12);
-  service::ScopeItem read;
-  EXPECT_TRUE(read.ReadFromParcel(shuffled));
-  EXPECT_EQ(read.id, 12);
-  EXPECT_EQ(read.name, "name");
-  EXPECT_EQ(read.permissions, (std::vector<std::string>{"b", "c"}));
+  EXPECT_EQ(std::tuple(items[0]->id, items[0]->name, items[0]->url, items[0]->permissions),
+            std::tuple(first.id, first.name, first.url, first.permissions));
+  EXPECT_EQ(std::tuple(items[1]->id, items[1]->name, items[1]->url, items[1]->permissions),
+            std::tuple(-2, std::string("name"), std::string(), std::vector<std::string>{"b"}));
 }
 
 }  // namespace
