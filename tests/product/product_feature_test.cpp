@@ -35,28 +35,19 @@ TEST_F(ProductFeatureTest, ListsDecideByTheModelKey) {
       <vrassisant><support>x;</support></vrassisant>
       <integratedGraphics><other/></integratedGraphics>
     </features>)");
-  struct Case {
-    int (ProductFeature::*getter)(bool&) const;
-    bool expected;
-    const char* what;
-  };
-  const Case cases[] = {
+  struct Case { int (ProductFeature::*getter)(bool&) const; bool expected; const char* what; };
+  for (const Case& c : std::initializer_list<Case>{
       {&ProductFeature::GetFingerprintStatus, true, "support list with entries"},
       {&ProductFeature::GetBtGpioStatus, false, "empty support list"},
       {&ProductFeature::GetWifiGpioStatus, false, "unsupport list with entries"},
       {&ProductFeature::GetCpuPowerStatus, true, "empty unsupport list"},
       {&ProductFeature::GetSupportVrAssisantStatus, false, "key in the wrong case is absent"},
       {&ProductFeature::GetSupportIntegratedGraphics, true, "neither element keeps the default"},
-      {&ProductFeature::GetEnergyStarStatus, false, "absent key keeps the default"},
-  };
-  for (const Case& c : cases) {
+      {&ProductFeature::GetEnergyStarStatus, false, "absent key keeps the default"}}) {
     bool flag = !c.expected;
     EXPECT_EQ((features.*c.getter)(flag), 0) << c.what;
     EXPECT_EQ(flag, c.expected) << c.what;
   }
-  bool powerSafe = false;
-  EXPECT_EQ(features.GetPowerSafeMgrStatus(powerSafe), 0);
-  EXPECT_TRUE(powerSafe);
 }
 
 TEST_F(ProductFeatureTest, FailedLoadClearsEveryFlag) {
@@ -65,13 +56,8 @@ TEST_F(ProductFeatureTest, FailedLoadClearsEveryFlag) {
   ASSERT_EQ(features.GetFingerprintStatus(flag), 0);
   ASSERT_TRUE(flag);
 
-  struct Case {
-    const char* path;  // nullptr: the file below
-    const char* content;
-    int status;
-  };
-  const Case cases[] = {{"missing.xml", nullptr, -4}, {nullptr, "not xml <", -5}, {nullptr, "", -5}};
-  for (const Case& c : cases) {
+  struct Case { const char* path; const char* content; int status; };  // path nullptr: the content
+  for (const Case& c : {Case{"missing.xml", nullptr, -4}, Case{nullptr, "not xml <", -5}, Case{nullptr, "", -5}}) {
     if (c.path) {
       ProductFeature::SetConfigPathForTesting(root_.At(c.path));
       features.Reset();
