@@ -70,27 +70,21 @@ TEST(SetPrivilege, RaisesPtraceWhenPermittedAndSucceedsWithoutIt) {
 }
 
 TEST(InitDataDirectories, MakesTheFourFoldersOrLogsEachFailure) {
+  const char* dirs[] = {"cache/", "log/tarnwucs", "ev", "ev/work"};
   {
     tarn::test::TempRoot root;
     LogCapture capture;
     InitDataDirectories();
-    for (const char* dir : {"cache", "log/tarnwucs", "ev", "ev/work"}) {
-      EXPECT_TRUE(std::filesystem::is_directory(root.At(std::string("var/lib/Vantrel/TARNCORE/") + dir))) << dir;
-    }
+    for (const char* dir : dirs) EXPECT_TRUE(std::filesystem::is_directory(root.At("var/lib/Vantrel/TARNCORE/") + dir)) << dir;
     EXPECT_FALSE(capture.Contains("Failed to create log directory"));
     EXPECT_EQ(TarnCoreUcs::UcsKmsLogPath(), root.At("var/lib/Vantrel/TARNCORE/log/tarnwucs"));
   }
-  {
-    tarn::test::TempRoot root;
-    root.WriteFile("var/lib/Vantrel/TARNCORE", "a file where the folders go");
-    LogCapture capture;
-    InitDataDirectories();
-    const std::string base = root.At("var/lib");
-    for (const char* tail : {"/Vantrel/TARNCORE/cache/", "/Vantrel/TARNCORE/log/tarnwucs",
-                             "/Vantrel/TARNCORE/ev", "/Vantrel/TARNCORE/ev/work"}) {
-      EXPECT_TRUE(capture.Has(Level::Error, "Failed to create log directory by privilege = " +
-                                                base + tail + "(LogDirHandle)"))
-          << tail;
-    }
+  tarn::test::TempRoot root;
+  root.WriteFile("var/lib/Vantrel/TARNCORE", "a file where the folders go");
+  LogCapture capture;
+  InitDataDirectories();
+  for (const char* dir : dirs) {
+    EXPECT_TRUE(capture.Has(Level::Error, "Failed to create log directory by privilege = " +
+                                              root.At("var/lib/Vantrel/TARNCORE/") + dir + "(LogDirHandle)")) << dir;
   }
 }

@@ -32,13 +32,12 @@ class SystemEventsTest : public ::testing::Test {
     detail->invokeType = "DLL";
     ConfigManager::GetInstance().kitApiDispathMap[uri] = detail;
   }
+  bool Tried(const std::string& uri) const { return log_.Has(Level::Error, "apiName " + uri + "Invoke failed.(NotifytoKit)"); }
 
-  static bool Tried(const LogCapture& log, const std::string& uri) {
-    return log.Has(Level::Error, "apiName " + uri + "Invoke failed.(NotifytoKit)");
-  }
+  LogCapture log_;
 };
 
-TEST_F(SystemEventsTest, SessionChangeReachesSubscribersIgnoringCase) {
+TEST_F(SystemEventsTest, SessionAndNetworkChangesReachOnlyTheirSubscribersIgnoringCase) {
   AddApi("account.onwinsessionchanged", "Account");
   AddApi("Mail.OnWinSessionChanged", "Mail");
   AddApi("Other.OnWinSessionChanged", "NotOther");  // kitName decides, not the uri
@@ -46,41 +45,26 @@ TEST_F(SystemEventsTest, SessionChangeReachesSubscribersIgnoringCase) {
   AddApi("Account.Request", "Account");
   ConfigManager::GetInstance().kitApiDispathMap["Broken.OnWinSessionChanged"] = nullptr;
 
-  LogCapture log;
   EXPECT_TRUE(NotifyWinEventToKit(5, 2));
-  EXPECT_TRUE(log.Has(Level::Info,
-                      "NotifyWinEventToKit start. strEventType5strSessionId 2(NotifyWinEventToKit)"));
-  EXPECT_TRUE(Tried(log, "account.onwinsessionchanged"));
-  EXPECT_TRUE(Tried(log, "mail.onwinsessionchanged"));
-  EXPECT_FALSE(Tried(log, "other.onwinsessionchanged"));
-  EXPECT_FALSE(Tried(log, "account.onwinnetworkchanged"));
-  EXPECT_FALSE(Tried(log, "account.request"));
-  EXPECT_TRUE(log.Has(Level::Error, "kitApiDetailInfoTemp nullptr(NotifytoKit)"));
-  EXPECT_TRUE(log.Has(Level::Info, "NotifyWinEventToKit end. (NotifyWinEventToKit)"));
-}
+  EXPECT_TRUE(log_.Has(Level::Info, "NotifyWinEventToKit start. strEventType5strSessionId 2(NotifyWinEventToKit)"));
+  EXPECT_TRUE(Tried("account.onwinsessionchanged"));
+  EXPECT_TRUE(Tried("mail.onwinsessionchanged"));
+  EXPECT_FALSE(Tried("other.onwinsessionchanged"));
+  EXPECT_FALSE(Tried("account.onwinnetworkchanged"));
+  EXPECT_FALSE(Tried("account.request"));
+  EXPECT_TRUE(log_.Has(Level::Error, "kitApiDetailInfoTemp nullptr(NotifytoKit)"));
+  EXPECT_TRUE(log_.Has(Level::Info, "NotifyWinEventToKit end. (NotifyWinEventToKit)"));
 
-TEST_F(SystemEventsTest, NetworkChangeGoesOnlyToNetworkSubscribers) {
-  AddApi("Account.OnWinSessionChanged", "Account");
-  AddApi("Account.OnWinNetworkChanged", "Account");
-  LogCapture log;
+  log_.Clear();
   EXPECT_TRUE(NotifyNetworkChangeToKit(-1));
-  EXPECT_TRUE(log.Has(Level::Info,
-                      "NotifyNetworkChangeToKit start. Network status-1(NotifyNetworkChangeToKit)"));
-  EXPECT_TRUE(Tried(log, "account.onwinnetworkchanged"));
-  EXPECT_FALSE(Tried(log, "account.onwinsessionchanged"));
-}
-
-TEST_F(SystemEventsTest, EmptyMapCallsNobody) {
-  LogCapture log;
-  EXPECT_TRUE(NotifyNetworkChangeToKit(0));
-  EXPECT_EQ(log.CountContaining("Invoke failed."), 0u);
-  EXPECT_EQ(log.CountContaining("KitManagerApi.NotifyWinEventToKit start."), 0u);
+  EXPECT_TRUE(log_.Has(Level::Info, "NotifyNetworkChangeToKit start. Network status-1(NotifyNetworkChangeToKit)"));
+  EXPECT_TRUE(Tried("account.onwinnetworkchanged"));
+  EXPECT_EQ(1u, log_.CountContaining("Invoke failed.(NotifytoKit)"));
 }
 
 TEST_F(SystemEventsTest, SessionEventWaitsForInitComplete) {
   AddApi("Account.OnWinSessionChanged", "Account");
   KitManagerApi::GetInstance().isInitComplete = false;
-  LogCapture log;
   std::atomic<bool> done{false};
   std::thread pipe([&] {
     NotifyWinEventToKit(6, 3);
@@ -88,22 +72,20 @@ TEST_F(SystemEventsTest, SessionEventWaitsForInitComplete) {
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   EXPECT_FALSE(done.load());
-  EXPECT_FALSE(Tried(log, "account.onwinsessionchanged"));
+  EXPECT_FALSE(Tried("account.onwinsessionchanged"));
   KitManagerApi::GetInstance().isInitComplete = true;
   pipe.join();
-  EXPECT_TRUE(Tried(log, "account.onwinsessionchanged"));
+  EXPECT_TRUE(Tried("account.onwinsessionchanged"));
 }
 
 TEST_F(SystemEventsTest, NetworkUpWakesAFailedConfigurationCheckOnce) {
   auto& config = ConfigManager::GetInstance();
   config.configEvent = tarn::os::Event::Create(false, false);
   config.configCheckDone = false;
-  LogCapture log;
   NetworkConnectForUpdate();
   NetworkConnectForUpdate();
-  EXPECT_EQ(log.Count(Level::Info, "Check update not success after startup 1 minutes, check it "
-                                   "now.(NetworkConnectForUpdate)"),
-            1u);
+  EXPECT_EQ(1u, log_.Count(Level::Info, "Check update not success after startup 1 minutes, check it "
+                                        "now.(NetworkConnectForUpdate)"));
   EXPECT_TRUE(config.configCheckDone);
   EXPECT_EQ(tarn::os::WaitForSingle(config.configEvent, 0), tarn::os::kWaitObject0);
 }

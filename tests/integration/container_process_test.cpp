@@ -73,18 +73,16 @@ struct RunningContainer {
   }
 };
 
+// Reading the handle's text is tested on its own; here: none at all, and a
+// descriptor that is not open.
 TEST(ContainerByHand, WithoutAValidExitHandleItEndsAtOnce) {
   TempRoot root;
   const std::string program = InstallPrograms(root) + "TarnCoreContainer";
-  // No argument, the null handle, text that is no number, a descriptor that is not open.
-  const std::vector<std::vector<std::string>> runs = {
-      {program}, {program, "0"}, {program, "zz"}, {program, "0x3e7"}};
   int n = 0;
-  for (const auto& argv : runs) {
+  for (const auto& argv : std::vector<std::vector<std::string>>{{program}, {program, "0x3e7"}}) {
     ++n;
-    const pid_t pid = Spawn(argv);
     int status = -1;
-    ASSERT_TRUE(WaitExit(pid, 15s, &status)) << argv.size();
+    ASSERT_TRUE(WaitExit(Spawn(argv), 15s, &status)) << argv.size();
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(CountText(ContainerLog(root), "[E] [container] Function excuted failed 9(main)"), n);
     EXPECT_EQ(CountText(ContainerLog(root), "Main, flush log and TarnCoreContainer end.(main)"), n);
