@@ -6,10 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <string>
-#include <thread>
-#include <vector>
+#include <stdexcept>
 
 #include "programs.h"
 

@@ -5,12 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <regex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "programs.h"
 

@@ -104,22 +104,47 @@ TEST_F(KitRequest, DeadKitsAndKitsOfAnotherTypeNeverServe) {
   EXPECT_FALSE(loader.HasKit("com.test.service"));
 }
 
-TEST_F(KitRequest, ForceUpdateRefusesTheKitWithOrWithoutAnUpdateRunning) {
-  Setup({Main("1")});
+// The gates after dispatch: the force update flag (NoEntry's package has it,
+// so it is never loaded), the export, and the api level with the update state.
+TEST_F(KitRequest, GatesRefuseWithTheirCodesAndTheKitsServeOn) {
+  Setup({Main(), Lazy(), {"com.test.noentry", "NoEntry", "1"}});
   ASSERT_TRUE(manager.Init());
-  EXPECT_TRUE(logs_.Has(Level::Info, "this kit = Main no need load forceupdate = 1(LoadManger::LoadKit)"));
-  Json::Value answer;
-  EXPECT_EQ("907135016", Status(21, Request("Main.Echo"), &answer));
-  EXPECT_EQ("TARNCORE Need force update. ", answer["header"]["error_reason"].asString());
-  EXPECT_TRUE(logs_.Has(Level::Info, "The kit = Main forceupdate = 1(KitManagerApi::InvokeToKit)"));
-
-  hooks.updating = true;
-  EXPECT_EQ("907135012", Status(22, Request("Main.Echo", "{}", "5.3.0.300")));
-  EXPECT_EQ("907135006", Status(23, Request("Main.Echo", "{}", "5.2.0.300"), &answer));
-  EXPECT_EQ("tarncore is updating. ", answer["header"]["error_reason"].asString());
-  EXPECT_EQ("907135006", Status(24, Request("Main.Echo", "{}", "")));
+  const struct {
+    const char *uri, *sdk, *level;
+    bool updating, newVersion;
+    const char *status, *reason;
+  } cases[] = {
+      {"NoEntry.Echo", "5.3.0.300", "1", false, false, "907135016", "TARNCORE Need force update. "},
+      {"NoEntry.Echo", "5.3.0.300", "1", true, false, "907135012", nullptr},
+      {"NoEntry.Echo", "5.2.0.300", "1", true, false, "907135006", "tarncore is updating. "},
+      {"NoEntry.Echo", "", "1", true, false, "907135006", nullptr},
+      {"Main.Nothing", "5.3.0.300", "1", false, false, "907135001", nullptr},
+      {"Main.Missing", "5.3.0.300", "1", false, false, "907135001", nullptr},
+      {"Lazy.Echo", "5.3.0.300", "9", false, false, "907135008", "tarncore need update, but not have new version. "},
+      {"Main.Echo", "5.3.0.300", "9", false, true, "907135013", nullptr},
+      {"Main.Echo", "5.3.0.300", "9", true, true, "907135012", nullptr},
+      {"Main.Echo", "5.3.0.300", "1", false, false, "0", nullptr},
+  };
+  int32_t id = 20;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(id) + " " + c.uri);
+    hooks.updating = c.updating;
+    hooks.newVersion = c.newVersion;
+    Json::Value answer;
+    EXPECT_EQ(c.status, Status(id++, Request(c.uri, "{}", c.sdk, c.level), &answer));
+    if (c.reason) {
+      EXPECT_EQ(c.reason, answer["header"]["error_reason"].asString());
+    }
+  }
+  EXPECT_TRUE(logs_.Has(Level::Info, "this kit = NoEntry no need load forceupdate = 1(LoadManger::LoadKit)"));
+  EXPECT_TRUE(logs_.Has(Level::Info, "The kit = NoEntry forceupdate = 1(KitManagerApi::InvokeToKit)"));
   EXPECT_TRUE(logs_.Has(Level::Error, "tarn is updating in forceUpdate, sdk_version = 5.2.0.300(KitManagerApi::InvokeToKit)"));
-  EXPECT_FALSE(loader.HasKit("com.test.main"));  // the gate stands before the load
+  EXPECT_FALSE(loader.HasKit("com.test.noentry"));  // the flag stands before the load
+  EXPECT_TRUE(logs_.Has(Level::Error, "uri not supported. msgIdentify = 24 uri = main.nothing(KitManagerApi::Invoke)"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "kit method invoke failed.packageName = com.test.main method = Missing "
+                                      "error_code = 127 msgIdentify = 25(LoadManger::Invoke)"));
+  EXPECT_TRUE(loader.HasKit("com.test.lazy"));  // a request the level gate refuses can still cause a load
+  EXPECT_EQ(0u, Lines("method = Echo msgIdentify = 26"));
 }
 
 TEST_F(KitRequest, FrameworkUriNeverReachesTheForceUpdateGate) {
@@ -133,28 +158,6 @@ TEST_F(KitRequest, FrameworkUriNeverReachesTheForceUpdateGate) {
   EXPECT_EQ(1, hooks.frameworkCalls.load());
   EXPECT_EQ(0u, Lines("The kit = FRAMEWORK"));
   EXPECT_EQ(0u, Lines("KitManagerApi.CheckApiLevel begin."));
-}
-
-TEST_F(KitRequest, UnknownUriMissingExportAndLevelGate) {
-  Setup({Main(), Lazy()});
-  ASSERT_TRUE(manager.Init());
-  EXPECT_EQ("907135001", Status(27, Request("Main.Nothing")));
-  EXPECT_TRUE(logs_.Has(Level::Error, "uri not supported. msgIdentify = 27 uri = main.nothing(KitManagerApi::Invoke)"));
-  EXPECT_EQ("907135001", Status(28, Request("Main.Missing")));
-  EXPECT_TRUE(logs_.Has(Level::Error, "kit method invoke failed.packageName = com.test.main method = Missing "
-                                      "error_code = 127 msgIdentify = 28(LoadManger::Invoke)"));
-
-  Json::Value answer;
-  EXPECT_EQ("907135008", Status(30, Request("Lazy.Echo", "{}", "5.3.0.300", "9"), &answer));
-  EXPECT_EQ("tarncore need update, but not have new version. ", answer["header"]["error_reason"].asString());
-  EXPECT_TRUE(loader.HasKit("com.test.lazy"));  // a request the gates refuse can still cause a load
-  EXPECT_EQ(0u, Lines("method = Echo msgIdentify = 30"));
-  hooks.newVersion = true;
-  EXPECT_EQ("907135013", Status(31, Request("Main.Echo", "{}", "5.3.0.300", "9")));
-  hooks.updating = true;
-  EXPECT_EQ("907135012", Status(32, Request("Main.Echo", "{}", "5.3.0.300", "9")));
-  hooks.updating = hooks.newVersion = false;
-  EXPECT_EQ("0", Status(29, Request("Main.Echo")));  // the kit serves on
 }
 
 TEST_F(KitRequest, BadAnswersAreDroppedAndTheContainerServesOn) {
