@@ -112,58 +112,53 @@ TEST_F(Pipeline, WhitelistFoundOtherClientIdOrUnknown) {
   EXPECT_EQ(2, Listed("new"));
 }
 
-TEST_F(Pipeline, RefusalsOfSignatureAndFingerprint) {
-  struct Case {
-    int verify, fingerprint;
-    const char* status;
-    const char* reason;
-  } cases[] = {
-      {3, 0, "907135004", "API is illegal. "},
-      {0, 2000, "907135017", "API is illegal with network disconnect. "},
-      {0, 1, "907135004", "API is illegal. "},
-      // 1000 lets the caller through without listing it.
-      {0, 1000, "907135001", "API is not supported. "},
-  };
-  int32_t id = 50;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.fingerprint);
-    verifier_.result = c.verify;
-    gates_.fingerprint = c.fingerprint;
-    Json::Value r;
-    EXPECT_EQ(c.status, StatusFor(id++, "c1", &r));
-    EXPECT_EQ(c.reason, r["header"]["error_reason"].asString());
-    EXPECT_EQ(2, Listed("c1"));
-  }
-  EXPECT_EQ(3, gates_.fingerprintCalls.load());  // not asked after a bad signature
-  EXPECT_TRUE(logs_.Has(Level::Error, "SignatureVerifyer failed. msgIdentify = 50(RequestInvoke::VerifySignatured)"));
-  EXPECT_TRUE(logs_.Has(Level::Error, "Verify fail client_id:c1 Pid:" + kPidText +
-                                          " ret:2000(RequestInvoke::CheckCertFingerprint)"));
-  EXPECT_TRUE(logs_.Has(Level::Info, "Verify success not add whitelist. clientId:c1 Pid:" + kPidText +
-                                         "(RequestInvoke::CheckCertFingerprint)"));
-  ASSERT_EQ("907135001", StatusFor(id, "c1"));  // so the next request checks again
-  EXPECT_EQ(4, gates_.fingerprintCalls.load());
-}
-
-TEST_F(Pipeline, PlatformCallerSkipsTheFingerprintAndVerificationCanBeOff) {
+// Each row from an empty whitelist. A platform caller skips the fingerprint,
+// verification switched off skips the signature, and fingerprint 1000 lets the
+// caller through without listing it.
+TEST_F(Pipeline, RefusalsAndSkipsOfSignatureAndFingerprint) {
   std::atomic<bool> flagged{false};
   gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb,
                        ResponseStatus& status) {
     flagged = cb->isTarnCoreRequest;
     SetResponseStatus(status, TarnStatus::kApiNotSupported);
   });
-  gates_.tarnCoreCaller = true;
-  ASSERT_EQ("907135001", StatusFor(60, "core"));
-  EXPECT_TRUE(flagged.load());
-  EXPECT_EQ(0, gates_.fingerprintCalls.load());
-  EXPECT_EQ(0, Listed("core"));
-
-  SignatureManager::GetInstance()->Clear();
-  gates_.verifyEnabled = false;
-  verifier_.result = 9;
-  ASSERT_EQ("907135001", StatusFor(61, "any"));
-  EXPECT_EQ(1, verifier_.calls.load());  // only the first request's
-  EXPECT_FALSE(flagged.load());
-  EXPECT_EQ(2, Listed("any"));
+  const struct {
+    bool core, verifyEnabled;
+    int verify, fingerprint;
+    const char *status, *reason;
+    int verified, fingerprinted, listed;
+  } cases[] = {
+      {false, true, 3, 0, "907135004", "API is illegal. ", 1, 0, 2},
+      {false, true, 0, 2000, "907135017", "API is illegal with network disconnect. ", 1, 1, 2},
+      {false, true, 0, 1, "907135004", "API is illegal. ", 1, 1, 2},
+      {false, true, 0, 1000, "907135001", "API is not supported. ", 1, 1, 2},
+      {true, true, 0, 0, "907135001", "API is not supported. ", 1, 0, 0},
+      {false, false, 9, 0, "907135001", "API is not supported. ", 0, 0, 2},
+  };
+  int32_t id = 50;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(id);
+    SignatureManager::GetInstance()->Clear();
+    gates_.tarnCoreCaller = c.core;
+    gates_.verifyEnabled = c.verifyEnabled;
+    verifier_.result = c.verify;
+    gates_.fingerprint = c.fingerprint;
+    const int verified = verifier_.calls, fingerprinted = gates_.fingerprintCalls;
+    Json::Value r;
+    EXPECT_EQ(c.status, StatusFor(id++, "c1", &r));
+    EXPECT_EQ(c.reason, r["header"]["error_reason"].asString());
+    EXPECT_EQ(c.verified, verifier_.calls - verified);
+    EXPECT_EQ(c.fingerprinted, gates_.fingerprintCalls - fingerprinted);
+    EXPECT_EQ(c.listed, Listed("c1"));
+    if (c.status == std::string("907135001")) {
+      EXPECT_EQ(c.core, flagged.load());
+    }
+  }
+  EXPECT_TRUE(logs_.Has(Level::Error, "SignatureVerifyer failed. msgIdentify = 50(RequestInvoke::VerifySignatured)"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "Verify fail client_id:c1 Pid:" + kPidText +
+                                          " ret:2000(RequestInvoke::CheckCertFingerprint)"));
+  EXPECT_TRUE(logs_.Has(Level::Info, "Verify success not add whitelist. clientId:c1 Pid:" + kPidText +
+                                         "(RequestInvoke::CheckCertFingerprint)"));
 }
 
 TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
