@@ -54,19 +54,16 @@ TEST(ZParcel, ValuesSurviveTheirRoundTrip) {
   int32_t negative = 0, max = 0;
   bool flag = false;
   std::string text;
-  std::vector<std::string> list;
+  std::vector<std::string> list(3);
   auto nested = std::make_shared<Pair>();
-  for (uint32_t tag = p->ReadTag(); tag != 0; tag = p->ReadTag()) {
-    switch (p->TagField(tag)) {
-      case 1: EXPECT_TRUE(p->ReadInt32(negative)); break;
-      case 2: EXPECT_TRUE(p->ReadInt32(max)); break;
-      case 3: EXPECT_TRUE(p->ReadBool(flag)); break;
-      case 4: EXPECT_TRUE(p->ReadString(text)); break;
-      case 5: list.emplace_back(); EXPECT_TRUE(p->ReadString(list.back())); break;
-      case 6: EXPECT_TRUE(p->ReadParcelable(nested)); break;
-      default: ADD_FAILURE() << "unexpected field";
-    }
-  }
+  auto next = [&](uint32_t field) { return p->TagField(p->ReadTag()) == field; };
+  EXPECT_TRUE(next(1) && p->ReadInt32(negative));
+  EXPECT_TRUE(next(2) && p->ReadInt32(max));
+  EXPECT_TRUE(next(3) && p->ReadBool(flag));
+  EXPECT_TRUE(next(4) && p->ReadString(text));
+  for (auto& item : list) EXPECT_TRUE(next(5) && p->ReadString(item));
+  EXPECT_TRUE(next(6) && p->ReadParcelable(nested));
+  EXPECT_EQ(p->ReadTag(), 0u);
   EXPECT_FALSE(p->HasError());
   EXPECT_EQ(std::tuple(negative, max, flag, text), std::tuple(-5, INT32_MAX, true, std::string("a\0b", 3)));
   EXPECT_EQ(list, (std::vector<std::string>{"x", "", "zz"}));
