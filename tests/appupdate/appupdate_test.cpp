@@ -144,10 +144,10 @@ TEST_F(AppUpdateTest, SilentUpgradeStartsOnlyAVerifiedPackageInTheDownloadFolder
   EXPECT_TRUE(processes_.starts.empty());
 }
 
-// Accepts one connection and answers it with `reply`.
-class OneShotServer {
+// Answers one connection per reply, in turn.
+class LocalServer {
  public:
-  explicit OneShotServer(std::string reply) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+  explicit LocalServer(std::vector<std::string> replies) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
     timeval limit{20, 0};  // accept gives up if the client never comes
     ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
     sockaddr_in addr{};
@@ -158,16 +158,18 @@ class OneShotServer {
     ::listen(fd_, 1);
     ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &length);
     url_ = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/x";
-    thread_ = std::thread([this, reply = std::move(reply)] {
-      const int client = ::accept(fd_, nullptr, nullptr);
-      if (client < 0) return;
-      char request[4096];
-      (void)::recv(client, request, sizeof(request), 0);
-      (void)::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
-      ::close(client);
+    thread_ = std::thread([this, replies = std::move(replies)] {
+      for (const std::string& reply : replies) {
+        const int client = ::accept(fd_, nullptr, nullptr);
+        if (client < 0) return;
+        char request[4096];
+        (void)::recv(client, request, sizeof(request), 0);
+        (void)::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
+        ::close(client);
+      }
     });
   }
-  ~OneShotServer() {
+  ~LocalServer() {
     thread_.join();
     ::close(fd_);
   }
@@ -189,25 +191,18 @@ TEST(CurlHttpClientTest, GetAndDownloadKeepOnlySuccessfulBodies) {
   tarn::test::TempRoot root;
   tarn::http::CurlHttpClient client;
   HttpResponse response;
-  {
-    OneShotServer server(Reply("200 OK", R"({"updateAppInfo":{}})"));
-    EXPECT_TRUE(client.Get(server.url(), response, 20000));
-    EXPECT_EQ(response.status, 200);
-    EXPECT_EQ(response.body, R"({"updateAppInfo":{}})");
-  }
+  LocalServer server({Reply("200 OK", R"({"updateAppInfo":{}})"), Reply("200 OK", "payload"),
+                      Reply("404 Not Found", "missing")});
+  EXPECT_TRUE(client.Get(server.url(), response, 20000));
+  EXPECT_EQ(response.status, 200);
+  EXPECT_EQ(response.body, R"({"updateAppInfo":{}})");
   const std::string file = root.At("package");
-  {
-    OneShotServer server(Reply("200 OK", "payload"));
-    EXPECT_TRUE(client.Download(server.url(), file, response, 20000));
-    std::ifstream in(file);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "payload");
-  }
-  {
-    OneShotServer server(Reply("404 Not Found", "missing"));
-    EXPECT_FALSE(client.Download(server.url(), file, response, 20000));
-    EXPECT_EQ(response.status, 404);
-    EXPECT_FALSE(DE::FileExists(file));
-  }
+  EXPECT_TRUE(client.Download(server.url(), file, response, 20000));
+  std::ifstream in(file);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "payload");
+  EXPECT_FALSE(client.Download(server.url(), file, response, 20000));
+  EXPECT_EQ(response.status, 404);
+  EXPECT_FALSE(DE::FileExists(file));
   EXPECT_FALSE(client.Get("file:///etc/passwd", response, 20000)) << "only http and https";
   HttpUtil::Https_curl_global_free();
 }
