@@ -119,7 +119,8 @@ TEST_F(ScopeServiceTest, KillingTheSandboxedBuildFallsBackToTheNativeBuild) {
 }
 
 // A silent service costs one time-out of at most 2 s (the further tries fail
-// at once); garbage fails at once. Either way the next call fails at once too.
+// at once); garbage fails at once. Either way the next call tries the sandbox
+// and the missing native build again, and fails at once too.
 TEST_F(ScopeServiceTest, ASilentOrGarbledServiceEndsInRefusalWithinTheBound) {
   using std::chrono::seconds;
   for (auto [behaviour, bound] : {std::pair{"hang", seconds(8)}, std::pair{"garbage", seconds(4)}}) {

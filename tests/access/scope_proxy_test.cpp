@@ -94,19 +94,6 @@ TEST_F(ScopeProxyTest, ABrokenSandboxFallsBackToTheNativeBuildForGood) {
   EXPECT_EQ(platform_.nativeCreations.load(), 1);
 }
 
-TEST_F(ScopeProxyTest, AFailedNativeCreationKeepsTheSandboxForTheNextCall) {
-  auto proxy = Make(true, false);
-  platform_.wasm->failTransact = true;
-  EXPECT_FALSE(proxy->CheckPermission("app", "perm"));
-  EXPECT_EQ(platform_.wasm->Calls(), 3);
-  EXPECT_FALSE(proxy->IsFallback());
-  EXPECT_TRUE(proxy->HasService());
-  EXPECT_FALSE(proxy->CheckPermission("app", "perm"));
-  EXPECT_EQ(platform_.wasm->Calls(), 6);
-  EXPECT_EQ(platform_.nativeCreations.load(), 2);
-  EXPECT_EQ(sink_.StatusCodes(), (std::vector<std::string>{"-1", "907180001", "-1", "907180001"}));
-}
-
 // Busy is waited out, 100 ms a pass; a pass that gets no answer keeps the busy code.
 TEST_F(ScopeProxyTest, BusyAnswersAreWaitedOutForAtMost220Passes) {
   struct Case { std::deque<int32_t> codes; int answers; int32_t result; int calls, sleeps; };
