@@ -48,9 +48,7 @@ class ConfigFixture : public ::testing::Test {
   }
 
   void WriteInstalled(const std::string& text) { root.WriteFile(kInstall + "/config/remoteConfig.json", text); }
-  void WriteCached(const std::string& text) {
-    root.WriteFile(kInstall + "/config/cache/remoteConfig.json", text);
-  }
+  void WriteCached(const std::string& text) { root.WriteFile(kInstall + "/config/cache/remoteConfig.json", text); }
   void WriteManifest(const std::string& package, const std::string& text) {
     root.WriteFile(kInstall + "/kits/" + package + "/kitManifest.json", text);
   }
@@ -59,17 +57,15 @@ class ConfigFixture : public ::testing::Test {
   }
   void SetVersion(const std::string& version) { root.WriteFile(kVtid + "/Version", version); }
 
-  // One package with one kit, as the remote configuration names it.
-  static std::string OnePackage(const std::string& package, const std::string& kit,
-                                const std::string& extra = "") {
-    return R"({"packageInfo":[{"packageName":")" + package + R"(","subKits":[{"kitName":")" + kit +
-           R"("}]}])" + extra + "}";
+  // The remote configuration's entry for one package with one kit.
+  static std::string OnePackage(const std::string& package, const std::string& kit) {
+    return R"({"packageInfo":[{"packageName":")" + package + R"(","subKits":[{"kitName":")" + kit + R"("}]}]})";
   }
 
-  std::vector<tarn::log::Record> ErrorLines() const {
-    std::vector<tarn::log::Record> out;
+  std::vector<std::string> Errors() const {
+    std::vector<std::string> out;
     for (const auto& r : log.Records()) {
-      if (r.level == tarn::log::Level::Error) out.push_back(r);
+      if (r.level == tarn::log::Level::Error) out.push_back(r.text);
     }
     return out;
   }

@@ -14,36 +14,22 @@ class Dispatch : public tarn::test::ConfigFixture {
  protected:
   // Adds a sub-kit to a package of the kit tree, as a manifest reading would.
   std::shared_ptr<SubKitConfig> AddKit(const std::string& package, const std::string& kitName,
-                                       const std::string& apiLevel,
-                                       std::initializer_list<const char*> apiNames) {
+                                       const std::string& apiLevel, std::initializer_list<const char*> apiNames) {
     auto& kitConfig = cm.kitConfigMap[package];
     if (!kitConfig) {
       kitConfig = std::make_shared<KitConfig>();
       kitConfig->subKits = std::make_shared<SubKitConfigList>();
     }
-    auto subKit = std::make_shared<SubKitConfig>();
-    subKit->packageName = package;
-    subKit->version = "1.0";
-    subKit->fileName = "lib" + kitName + ".so";
-    subKit->kitName = kitName;
-    subKit->apiLevel = apiLevel;
-    subKit->type = "app";
-    subKit->entry = "Start";
-    subKit->startup = "false";
-    subKit->kitManifVerify = "ABCD";
-    subKit->minApiLevels = std::make_shared<KitMinApiLevelList>();
-    subKit->apis = std::make_shared<KitApiInfoList>();
-    for (const char* name : apiNames) {
-      auto api = std::make_shared<KitApiInfo>();
-      api->apiName = name;
-      api->uri = kitName + "." + name;
-      api->permission = "perm." + std::string(name);
-      api->scopeUri = "scope." + std::string(name);
-      api->verifyCaller = "false";
-      subKit->apis->push_back(api);
+    auto kit = std::make_shared<SubKitConfig>(SubKitConfig{
+        .packageName = package, .version = "1.0", .fileName = "lib" + kitName + ".so", .kitName = kitName,
+        .apiLevel = apiLevel, .type = "app", .entry = "Start", .startup = "false", .kitManifVerify = "ABCD",
+        .hEvent = nullptr, .minApiLevels = std::make_shared<KitMinApiLevelList>(), .apis = std::make_shared<KitApiInfoList>()});
+    for (std::string name : apiNames) {
+      kit->apis->push_back(std::make_shared<KitApiInfo>(KitApiInfo{
+          kitName + "." + name, name, "perm." + name, "false", "scope." + name}));
     }
-    kitConfig->subKits->push_back(subKit);
-    return subKit;
+    kitConfig->subKits->push_back(kit);
+    return kit;
   }
 
   void StandardTree() {
@@ -51,26 +37,10 @@ class Dispatch : public tarn::test::ConfigFixture {
     AddKit("com.account", "NoLevel", "", {"Do"});
     AddKit("com.other", "Other", "2", {"Do"});
     AddKit("com.seven", "Seven", "10", {"Go"});
+    AddKit("com.x", "kit", "1", {"call"});
+    AddKit("com.x", "Kit", "2", {"Call"});
     ASSERT_TRUE(cm.ConstuctApiDispathMap());
     log.Clear();
-  }
-
-  static RequestHeader Header(const std::string& srv, const std::string& api, const std::string& level,
-                              const std::string& sdk = "5.3.0.300") {
-    RequestHeader header;
-    header.srv_name = srv;
-    header.api_name = api;
-    header.apiLevel = level;
-    header.sdk_version = sdk;
-    return header;
-  }
-
-  static void ExpectStatus(const ResponseStatus& status, const std::string& code,
-                           const std::string& text) {
-    EXPECT_EQ(status.status_code, code);
-    EXPECT_EQ(status.error_code, code);
-    EXPECT_EQ(status.error_reason, text);
-    EXPECT_EQ(status.resolution, "kept");
   }
 
   static ResponseStatus Fresh() {
@@ -78,42 +48,42 @@ class Dispatch : public tarn::test::ConfigFixture {
     status.resolution = "kept";
     return status;
   }
+  static void ExpectStatus(const ResponseStatus& status, const std::string& code, const std::string& text) {
+    EXPECT_EQ(status.status_code, code);
+    EXPECT_EQ(status.error_code, code);
+    EXPECT_EQ(status.error_reason, text);
+    EXPECT_EQ(status.resolution, "kept");
+  }
 };
 
-TEST_F(Dispatch, MapNeedsAPackageAndCopiesEveryField) {
+TEST_F(Dispatch, MapNeedsAPackageCopiesEveryFieldAndTheLastReadWins) {
   EXPECT_FALSE(cm.ConstuctApiDispathMap());
+  std::string uri = "Account.Request";
+  KitApiDetailInfo info;
+  ResponseStatus status = Fresh();
+  EXPECT_FALSE(cm.GetAPIInfo(uri, info, status));
+  ExpectStatus(status, "907135001", "API is not supported. ");
+  EXPECT_TRUE(log.Has(Level::Error, "kitApiDispathMap is empty.(ConfigManager::GetAPIInfo)"));
+  EXPECT_EQ(uri, "Account.Request");
+
   auto account = AddKit("com.account", "Account", "5", {"Request"});
   cm.kitConfigMap["com.empty"] = std::make_shared<KitConfig>();  // a package without kits is fine
   ASSERT_TRUE(cm.ConstuctApiDispathMap());
   ASSERT_EQ(cm.kitApiDispathMap.size(), 1u);
-  const KitApiDetailInfo& info = *cm.kitApiDispathMap.at("Account.Request");
-  EXPECT_EQ(info.uri, "Account.Request");
-  EXPECT_EQ(info.apiName, "Request");
-  EXPECT_EQ(info.permission, "perm.Request");
-  EXPECT_EQ(info.verifyCaller, "false");
-  EXPECT_EQ(info.packageName, "com.account");
-  EXPECT_EQ(info.fileName, "libAccount.so");
-  EXPECT_EQ(info.apiLevel, "5");
-  EXPECT_EQ(info.entry, "Start");
-  EXPECT_EQ(info.startup, "false");
-  EXPECT_EQ(info.invokeType, "DLL");
-  EXPECT_EQ(info.kitManifVerify, "ABCD");
-  EXPECT_EQ(info.minApiLevels, account->minApiLevels);  // the same list, not a copy
-  EXPECT_EQ(info.scopeUri, "scope.Request");
-}
+  const KitApiDetailInfo& got = *cm.kitApiDispathMap.at("Account.Request");
+  EXPECT_EQ(std::vector<std::string>({got.uri, got.apiName, got.permission, got.verifyCaller, got.packageName,
+                                      got.version, got.fileName, got.kitName, got.apiLevel, got.type, got.entry,
+                                      got.startup, got.invokeType, got.kitManifVerify, got.scopeUri}),
+            std::vector<std::string>({"Account.Request", "Request", "perm.Request", "false", "com.account", "1.0",
+                                      "libAccount.so", "Account", "5", "app", "Start", "false", "DLL", "ABCD",
+                                      "scope.Request"}));
+  EXPECT_EQ(got.minApiLevels, account->minApiLevels);  // the same list, not a copy
 
-TEST_F(Dispatch, SameUriLastReadWinsAndOldUrisStay) {
-  AddKit("com.a", "Shared", "1", {"Call"});
-  AddKit("com.b", "Shared", "2", {"Call"});
+  // Of two equal uris the last read wins; packages are read in name order.
+  AddKit("com.b", "Account", "6", {"Request"});
+  AddKit("com.a", "Account", "7", {"Request"});
   ASSERT_TRUE(cm.ConstuctApiDispathMap());
-  EXPECT_EQ(cm.kitApiDispathMap.at("Shared.Call")->packageName, "com.b");
-
-  cm.kitConfigMap.erase("com.b");
-  cm.kitConfigMap.at("com.a")->subKits->clear();
-  AddKit("com.a", "Fresh", "1", {"New"});
-  ASSERT_TRUE(cm.ConstuctApiDispathMap());
-  EXPECT_EQ(cm.kitApiDispathMap.at("Shared.Call")->packageName, "com.b");  // never cleared
-  EXPECT_EQ(cm.kitApiDispathMap.count("Fresh.New"), 1u);
+  EXPECT_EQ(cm.kitApiDispathMap.at("Account.Request")->packageName, "com.b");
 }
 
 TEST_F(Dispatch, GetAPIInfoIgnoresCaseAndLowerCasesTheCallersUri) {
@@ -124,11 +94,15 @@ TEST_F(Dispatch, GetAPIInfoIgnoresCaseAndLowerCasesTheCallersUri) {
   EXPECT_TRUE(cm.GetAPIInfo(uri, info, status));
   EXPECT_EQ(uri, "account.request");
   EXPECT_EQ(info.uri, "Account.Request");
-  EXPECT_EQ(info.kitName, "Account");
   EXPECT_EQ(status.status_code, "0");
   EXPECT_TRUE(log.Has(Level::Debug, "uri equal uriTemp.(ConfigManager::GetAPIInfo)"));
   EXPECT_TRUE(log.Has(Level::Debug, "kitAPiInfo message kitName.Account(ConfigManager::GetAPIInfo)"));
   EXPECT_TRUE(log.Has(Level::Debug, "kitApiDispathMap uriTemp.account.notify(ConfigManager::GetAPIInfo)"));
+
+  // Keys differing in case are one uri: the first in byte order wins ('K' before 'k').
+  uri = "KIT.CALL";
+  EXPECT_TRUE(cm.GetAPIInfo(uri, info, status));
+  EXPECT_EQ(info.uri, "Kit.Call");
 
   // An unknown uri is a true result with nothing filled, after every key was looked at.
   log.Clear();
@@ -141,49 +115,9 @@ TEST_F(Dispatch, GetAPIInfoIgnoresCaseAndLowerCasesTheCallersUri) {
   EXPECT_EQ(log.CountContaining("kitApiDispathMap uriTemp."), cm.kitApiDispathMap.size());
 }
 
-TEST_F(Dispatch, KeysDifferingInCaseAreOneUriAndTheFirstInByteOrderWins) {
-  AddKit("com.x", "kit", "1", {"call"});
-  AddKit("com.x", "Kit", "2", {"Call"});
-  ASSERT_TRUE(cm.ConstuctApiDispathMap());
-  std::string uri = "KIT.CALL";
-  KitApiDetailInfo info;
-  ResponseStatus status;
-  cm.GetAPIInfo(uri, info, status);
-  EXPECT_EQ(info.uri, "Kit.Call");  // 'K' sorts before 'k'
-}
-
-TEST_F(Dispatch, EmptyMapRefusesTheUri) {
-  std::string uri = "Account.Request";
-  KitApiDetailInfo info;
-  ResponseStatus status = Fresh();
-  EXPECT_FALSE(cm.GetAPIInfo(uri, info, status));
-  ExpectStatus(status, "907135001", "API is not supported. ");
-  EXPECT_TRUE(log.Has(Level::Error, "kitApiDispathMap is empty.(ConfigManager::GetAPIInfo)"));
-  EXPECT_EQ(uri, "Account.Request");
-}
-
-TEST_F(Dispatch, LevelTextMustBeANonNegativeIntegerBeforeAnythingElse) {
-  for (const char* bad : {"abc", "-1", "1.5", " 1", "-", "1 ", "+1", "0x1"}) {
-    RequestHeader header = Header("FRAMEWORK", "Framework.Any", bad);
-    ResponseStatus status = Fresh();
-    EXPECT_FALSE(cm.CheckApiLevel(header, status)) << bad;
-    ExpectStatus(status, "907135000", "data format is error.");
-  }
-  EXPECT_EQ(log.Count(Level::Error, "api level is invalid!(ConfigManager::CheckApiLevel)"), 8u);
-  // The framework passes without look-up, even with an empty map.
-  log.Clear();
-  for (const char* level : {"", "0", "99", "007", "-0"}) {
-    RequestHeader header = Header("FRAMEWORK", "Framework.Any", level);
-    ResponseStatus status = Fresh();
-    EXPECT_TRUE(cm.CheckApiLevel(header, status)) << level;
-    EXPECT_EQ(status.status_code, "0");
-    EXPECT_EQ(header.api_name, "Framework.Any");
-  }
-  EXPECT_TRUE(log.Records().empty());
-}
-
-TEST_F(Dispatch, CheckApiLevelAgainstTheKitsLevel) {
+TEST_F(Dispatch, CheckApiLevel) {
   StandardTree();
+  const char* kBadData = "data format is error.";
   const char* kNotSupported = "API is not supported. ";
   const char* kLow = "APILevel is low, need update. ";
   struct Case {
@@ -194,7 +128,17 @@ TEST_F(Dispatch, CheckApiLevelAgainstTheKitsLevel) {
     const char* code;  // "0": passes
     const char* reason;
     const char* apiAfter;
-  } cases[] = {
+  };
+  std::vector<Case> cases;
+  // The level must be empty or a non-negative integer, before anything else;
+  // the framework then passes without a look-up (its uri isn't in the map).
+  for (const char* bad : {"abc", "-1", "1.5", " 1", "-", "1 ", "+1", "0x1"}) {
+    cases.push_back({"FRAMEWORK", "Framework.Any", bad, "5.3.0.300", "907135000", kBadData, "Framework.Any"});
+  }
+  for (const char* good : {"", "99", "-0"}) {
+    cases.push_back({"FRAMEWORK", "Framework.Any", good, "5.3.0.300", "0", "", "Framework.Any"});
+  }
+  cases.insert(cases.end(), {
       // At or below the kit's level passes; the uri is lower-cased on the way.
       {"Account", "ACCOUNT.Request", "", "5.3.0.300", "0", "", "account.request"},
       {"Account", "ACCOUNT.Request", "0", "5.3.0.300", "0", "", "account.request"},
@@ -215,19 +159,25 @@ TEST_F(Dispatch, CheckApiLevelAgainstTheKitsLevel) {
       // Served by kit Account (level 5) by name, but the uri's own kit Other is at level 2.
       {"Account", "Other.Do", "3", "5.2.0.300", "907135005", kLow, "other.do"},
       {"Account", "Other.Do", "2", "5.3.0.300", "0", "", "other.do"},
-  };
+  });
   for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.srv) + " " + c.api + " " + c.level + " " + c.sdk);
-    RequestHeader header = Header(c.srv, c.api, c.level, c.sdk);
+    SCOPED_TRACE(std::string(c.srv) + " " + c.api + " '" + c.level + "' " + c.sdk);
+    RequestHeader header;
+    header.srv_name = c.srv;
+    header.api_name = c.api;
+    header.apiLevel = c.level;
+    header.sdk_version = c.sdk;
     ResponseStatus status = Fresh();
-    EXPECT_EQ(cm.CheckApiLevel(header, status), std::string(c.code) == "0");
-    if (std::string(c.code) == "0") {
+    const bool passes = std::string(c.code) == "0";
+    EXPECT_EQ(cm.CheckApiLevel(header, status), passes);
+    if (passes) {
       EXPECT_EQ(status.status_code, "0");
     } else {
       ExpectStatus(status, c.code, c.reason);
     }
     EXPECT_EQ(header.api_name, c.apiAfter);
   }
+  EXPECT_EQ(log.Count(Level::Error, "api level is invalid!(ConfigManager::CheckApiLevel)"), 8u);
   EXPECT_EQ(log.Count(Level::Error, "the kit is not exist. uri = NoLevel.Do(ConfigManager::CheckApiLevel)"), 3u);
   EXPECT_EQ(log.Count(Level::Error, "APILevel is low, need update.. uri = Account.Request(ConfigManager::CheckApiLevel)"), 6u);
   EXPECT_TRUE(log.Has(Level::Error, "uri is not supported. uri = account.nothing(ConfigManager::CheckApiLevel)"));

@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <filesystem>
-#include <set>
-#include <thread>
 #include <fstream>
+#include <set>
 #include <sstream>
+#include <thread>
 
 #include "config/ConfigRefresh.h"
 #include "config_fixture.h"
@@ -20,8 +19,6 @@ using tarn::log::Level;
 namespace {
 
 constexpr const char* kBase = "https://config.example.test";
-constexpr const char* kManifest = R"({"version": "1.0", "fileName": "lib%s.so",
-  "kits": [ { "kitName": "%s", "apiLevel": "1", "apis": [ { "apiName": "Request" } ] } ] })";
 
 // Answers GETs from a script; every url asked for is kept.
 class ScriptedHttp : public tarn::http::HttpClient {
@@ -69,14 +66,8 @@ class Refresh : public tarn::test::ConfigFixture {
     ConfigFixture::TearDown();
   }
 
-  void Kit(const std::string& package, const std::string& kit) {
-    char text[512];
-    std::snprintf(text, sizeof(text), kManifest, kit.c_str(), kit.c_str());
-    WriteManifest(package, text);
-  }
   std::string Cached() const {
     std::ifstream in(install + "config/cache/remoteConfig.json", std::ios::binary);
-    if (!in) return "<none>";
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
@@ -97,7 +88,9 @@ TEST_F(Refresh, NewCopyIsAppliedAndListedKitsLoaded) {
             std::string(kBase) + "/servicesupport/updateserver/data/com.vantrel.tarncore_framework_kitconfig?DT=20");
 
   SetVersion("5.0");
-  for (const char* kit : {"Zero", "One", "Two", "Done"}) Kit(std::string("com.") + kit, kit);
+  for (std::string kit : {"Zero", "One", "Two", "Done"}) {
+    WriteManifest("com." + kit, R"({"kits":[{"kitName":")" + kit + R"(","apiLevel":"1","apis":[{"apiName":"Request"}]}]})");
+  }
   WriteInstalled(OnePackage("com.Done", "Done"));
   ASSERT_TRUE(cm.Init());
   loaded = {"com.Done"};

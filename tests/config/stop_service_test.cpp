@@ -17,18 +17,16 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr const char* kChildMode = "TARN_CONFIG_STOP_CHILD";
-constexpr const char* kChildTest = "ParentServiceControlTest.ChildAsksItsParentToStop";
 
-std::string SelfExe() { return fs::read_symlink("/proc/self/exe").string(); }
-
-// Runs `<dir>/<name> -c '<this test binary> --gtest_filter=<child>; exit 7'` and
-// returns its wait status; the shell is the parent of the child test.
-int RunUnderShellNamed(const tarn::test::TempRoot& root, const std::string& name) {
+// Runs `<name> -c '<this test binary> --gtest_filter=<child>; exit 7'`, so that
+// the shell is the parent of the child test, and returns the shell's wait status.
+int RunUnderShellNamed(const std::string& name) {
+  tarn::test::TempRoot root;
   const std::string shell = root.At(name);
   fs::copy_file("/bin/sh", shell);
   fs::permissions(shell, fs::perms::owner_all);
-  const std::string self = SelfExe();
-  const std::string filter = std::string("--gtest_filter=") + kChildTest;
+  const std::string self = fs::read_symlink("/proc/self/exe").string();
+  const std::string filter = "--gtest_filter=ParentServiceControlTest.ChildAsksItsParentToStop";
   pid_t pid = ::fork();
   if (pid == 0) {
     ::setenv(kChildMode, "1", 1);
@@ -38,7 +36,7 @@ int RunUnderShellNamed(const tarn::test::TempRoot& root, const std::string& name
   }
   int status = 0;
   // Upper bound for liveness only: the child run is short but machines are slow.
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
   while (::waitpid(pid, &status, WNOHANG) == 0) {
     if (std::chrono::steady_clock::now() > deadline) {
       ::kill(pid, SIGKILL);
@@ -52,20 +50,16 @@ int RunUnderShellNamed(const tarn::test::TempRoot& root, const std::string& name
 }
 
 TEST(ParentServiceControlTest, ChildAsksItsParentToStop) {
-  if (!std::getenv(kChildMode)) GTEST_SKIP() << "runs only as the child of the tests below";
+  if (!std::getenv(kChildMode)) GTEST_SKIP() << "runs only as the child of the test below";
   tarn::config::ParentServiceControl().StopTarnCoreService();
 }
 
-TEST(ParentServiceControlTest, ParentNamedTarnCoreServiceGetsSigterm) {
-  tarn::test::TempRoot root;
-  int status = RunUnderShellNamed(root, "TarnCoreService");
+TEST(ParentServiceControlTest, OnlyAParentNamedTarnCoreServiceGetsSigterm) {
+  int status = RunUnderShellNamed("TarnCoreService");
   ASSERT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
   EXPECT_EQ(WTERMSIG(status), SIGTERM);
-}
 
-TEST(ParentServiceControlTest, AnyOtherParentIsLeftAlone) {
-  tarn::test::TempRoot root;
-  int status = RunUnderShellNamed(root, "TarnCoreServiceX");
+  status = RunUnderShellNamed("TarnCoreServiceX");
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 7);
 }
