@@ -44,8 +44,7 @@ class FakeProcesses : public tarn::os::Processes {
     return true;
   }
   std::mutex mutex;
-  bool uiRunning = false;
-  bool startSucceeds = true;
+  bool uiRunning = false, startSucceeds = true;
   std::vector<std::string> lookups, starts, removed;
 };
 
@@ -93,17 +92,15 @@ class UpdateTest : public ::testing::Test {
     tarn::security::FileSignatureChecker::SetInstanceForTesting(&signatures_);
     tarn::config::SetInstallDirectoryForTesting(root_.path() + "/opt/tarncore/");
     root_.WriteFile("opt/tarncore/TarnCoreUI", "ui");
-    auto& upgrade = UpgradeManager::GetInstance();
-    upgrade.ResetForTesting();
-    upgrade.SetUpgradeApiFactoryForTesting([this] { return std::make_unique<ScriptedUpgradeApi>(&library_); });
-    KitStoreManager::GetInstance().ResetForTesting();
+    upgrade_.ResetForTesting();
+    upgrade_.SetUpgradeApiFactoryForTesting([this] { return std::make_unique<ScriptedUpgradeApi>(&library_); });
+    store_.ResetForTesting();
   }
   void TearDown() override {
-    auto& upgrade = UpgradeManager::GetInstance();
-    upgrade.SetUpgradeApiFactoryForTesting(nullptr);
-    upgrade.SetConnectivityProbeForTesting(nullptr);
-    upgrade.SetMonitorRetryPeriodForTesting(10000);
-    KitStoreManager::GetInstance().ResetForTesting();
+    upgrade_.SetUpgradeApiFactoryForTesting(nullptr);
+    upgrade_.SetConnectivityProbeForTesting(nullptr);
+    upgrade_.SetMonitorRetryPeriodForTesting(10000);
+    store_.ResetForTesting();
     tarn::config::SetInstallDirectoryForTesting("");
     tarn::security::FileSignatureChecker::SetInstanceForTesting(nullptr);
     tarn::os::SetProcessesForTesting(nullptr);
@@ -112,6 +109,7 @@ class UpdateTest : public ::testing::Test {
   void SetAutoUpgrade(const std::string& value) {
     root_.WriteFile("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/AutoUpgrade", value);
   }
+  bool WorkerWoken() { return tarn::os::WaitForSingle(upgrade_.workerEvent, 0) == tarn::os::kWaitObject0; }
 
   tarn::test::TempRoot root_;
   tarn::os::FakeClock clock_{1000};
@@ -119,6 +117,8 @@ class UpdateTest : public ::testing::Test {
   FakeSignatures signatures_;
   LibraryScript library_;
   tarn::log::LogCapture log_;
+  UpgradeManager& upgrade_ = UpgradeManager::GetInstance();
+  KitStoreManager& store_ = KitStoreManager::GetInstance();
 };
 
 bool Eventually(const std::function<bool()>& done) {
@@ -127,22 +127,20 @@ bool Eventually(const std::function<bool()>& done) {
 }
 
 TEST_F(UpdateTest, StartChoosesTheUiBySdkAndASecondStartIsNoNewUpdate) {
-  struct Case { std::string sdk; std::string args; };
-  for (const Case& c : {Case{"5.3.0.300", "Dialog_ApiLevel"}, Case{"5.2.9.999", "Upgrade"}, Case{"", "Upgrade"}}) {
-    SCOPED_TRACE(c.sdk);
-    auto& store = KitStoreManager::GetInstance();
-    store.ResetForTesting();
+  for (auto [sdk, args] : std::vector<std::pair<std::string, std::string>>{
+           {"5.3.0.300", "Dialog_ApiLevel"}, {"5.2.9.999", "Upgrade"}, {"", "Upgrade"}}) {
+    SCOPED_TRACE(sdk);
+    store_.ResetForTesting();
     processes_.starts.clear();
     ResponseStatus status;
-    EXPECT_TRUE(store.StartSelfUpdate(status, c.sdk));
+    EXPECT_TRUE(store_.StartSelfUpdate(status, sdk));
     EXPECT_EQ(status.status_code, "907135009");
-    ASSERT_EQ(processes_.starts.size(), 1u);
-    EXPECT_EQ(processes_.starts[0], root_.path() + "/opt/tarncore/TarnCoreUI " + c.args);
-    EXPECT_EQ(store.updateStartTick, 1000u);
+    EXPECT_EQ(processes_.starts, std::vector<std::string>{root_.path() + "/opt/tarncore/TarnCoreUI " + args});
+    EXPECT_EQ(store_.updateStartTick, 1000u);
 
     ResponseStatus second;
     log_.Clear();
-    EXPECT_TRUE(store.StartSelfUpdate(second, c.sdk));
+    EXPECT_TRUE(store_.StartSelfUpdate(second, sdk));
     EXPECT_EQ(second.status_code, "907135009");
     EXPECT_EQ(second.error_reason, "tarncore update invoke success. ");
     EXPECT_TRUE(log_.Has(Level::Error, "TARN is Updating.(KitStoreManager::StartSelfUpdate)"));
@@ -151,14 +149,18 @@ TEST_F(UpdateTest, StartChoosesTheUiBySdkAndASecondStartIsNoNewUpdate) {
 }
 
 TEST_F(UpdateTest, FailedStartsLeaveTheSwitchIdle) {
-  auto& store = KitStoreManager::GetInstance();
-  struct Case { const char* name; std::function<void()> arrange; const char* code; };
+  struct Case {
+    const char* name;
+    std::function<void()> arrange;
+    const char* code;
+    bool uiStarted;
+  };
   const Case cases[] = {
-      {"library false", [&] { library_.checkResult = false; }, "907135008"},
-      {"answer without announcement", [&] { library_.answer = R"({"code":0})"; }, "907135008"},
-      {"unsigned UI", [&] { signatures_.embedded = false; }, "907135007"},
-      {"UI not by maker", [&] { signatures_.maker = false; }, "907135007"},
-      {"UI does not start", [&] { processes_.startSucceeds = false; }, "907135007"},
+      {"library false", [&] { library_.checkResult = false; }, "907135008", false},
+      {"answer without announcement", [&] { library_.answer = R"({"code":0})"; }, "907135008", false},
+      {"unsigned UI", [&] { signatures_.embedded = false; }, "907135007", false},
+      {"UI not by maker", [&] { signatures_.maker = false; }, "907135007", false},
+      {"UI does not start", [&] { processes_.startSucceeds = false; }, "907135007", true},
       {"UI replaced after its test",
        [&] {
          signatures_.duringTest = [&] {
@@ -166,93 +168,83 @@ TEST_F(UpdateTest, FailedStartsLeaveTheSwitchIdle) {
            std::rename(root_.At("opt/tarncore/other").c_str(), root_.At("opt/tarncore/TarnCoreUI").c_str());
          };
        },
-       "907135007"},
+       "907135007", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     library_.checkResult = true;
     library_.answer = R"({"updateAppInfo":{}})";
-    signatures_.embedded = signatures_.maker = true;
-    processes_.startSucceeds = true;
-    processes_.starts.clear();
+    signatures_.embedded = signatures_.maker = processes_.startSucceeds = true;
     signatures_.duringTest = nullptr;
+    processes_.starts.clear();
     c.arrange();
     ResponseStatus status;
-    EXPECT_FALSE(store.StartSelfUpdate(status, "5.3.0.300"));
+    EXPECT_FALSE(store_.StartSelfUpdate(status, "5.3.0.300"));
     EXPECT_EQ(status.status_code, c.code);
     EXPECT_EQ(status.error_code, c.code);
-    EXPECT_TRUE(store.updatingKits.empty());
-    EXPECT_EQ(store.updateStartTick, 0u);
-    if (!signatures_.embedded || !signatures_.maker || signatures_.duringTest) {
-      EXPECT_TRUE(processes_.starts.empty());
-    }
+    EXPECT_TRUE(store_.updatingKits.empty());
+    EXPECT_EQ(store_.updateStartTick, 0u);
+    EXPECT_EQ(processes_.starts.size(), c.uiStarted ? 1u : 0u);
   }
-  EXPECT_FALSE(store.IsUpdating());
+  EXPECT_FALSE(store_.IsUpdating());
 }
 
 TEST_F(UpdateTest, AnUpdateExpiresOnlyAfterAMinuteWithoutTheUi) {
-  auto& store = KitStoreManager::GetInstance();
   ResponseStatus status;
   clock_.Set(0xFFFFFFF0u);  // the counter wraps during the update
-  ASSERT_TRUE(store.StartSelfUpdate(status, ""));
+  ASSERT_TRUE(store_.StartSelfUpdate(status, ""));
 
   clock_.Advance(60000);
-  EXPECT_TRUE(store.IsUpdating());
+  EXPECT_TRUE(store_.IsUpdating());
   EXPECT_TRUE(processes_.lookups.empty()) << "a fresh update needs no process look-up";
 
   clock_.Advance(1);
   processes_.uiRunning = true;
-  EXPECT_TRUE(store.IsUpdating());
+  EXPECT_TRUE(store_.IsUpdating());
   EXPECT_FALSE(processes_.lookups.empty());
   EXPECT_TRUE(log_.Has(Level::Info, "KitStoreManager.IsUpdating end, kit is updating.(KitStoreManager::IsUpdating)"));
 
   processes_.uiRunning = false;
-  EXPECT_FALSE(store.IsUpdating());
-  EXPECT_TRUE(store.updatingKits.empty());
+  EXPECT_FALSE(store_.IsUpdating());
+  EXPECT_TRUE(store_.updatingKits.empty());
   EXPECT_TRUE(log_.Has(Level::Info,
                        "TarnCore is expired and ui is not existed, unlock updating.(KitStoreManager::IsUpdating)"));
 }
 
-// Runs the monitor to its end with the given answers of the network test.
-void RunMonitor(std::vector<bool> answers, int& asked) {
-  auto& upgrade = UpgradeManager::GetInstance();
+TEST_F(UpdateTest, MonitorChecksThreeTimesAtMostAndOwesTheCheckAfterTheThird) {
   auto& config = ConfigManager::GetInstance();
   const std::uint32_t savedFirst = config.upgradeTimeAfterStart;
   config.upgradeTimeAfterStart = 5;
-  upgrade.SetMonitorRetryPeriodForTesting(5);
-  asked = 0;
-  upgrade.SetConnectivityProbeForTesting([&answers, &asked] {
-    return static_cast<std::size_t>(asked) < answers.size() && answers[asked++];
-  });
-  VantrelThread::ThreadParam param(nullptr, "UpgradeManager::MonitorThread");
-  UpgradeManager::MonitorThread(&param);
-  config.upgradeTimeAfterStart = savedFirst;
-}
-
-TEST_F(UpdateTest, MonitorChecksThreeTimesAtMostAndOwesTheCheckAfterTheThird) {
-  auto& upgrade = UpgradeManager::GetInstance();
-  int asked = 0;
-  struct Case { std::vector<bool> answers; int checks; bool woken; bool owed; };
+  upgrade_.SetMonitorRetryPeriodForTesting(5);
+  struct Case {
+    std::vector<bool> network;  // the answers of the network test in turn, then false
+    int checks;
+    bool woken;
+    bool owed;
+  };
   for (const Case& c : {Case{{true}, 1, true, false}, Case{{false, true}, 2, true, false},
                         Case{{false, false, true}, 3, true, true}, Case{{false, false, false}, 3, false, true}}) {
     SCOPED_TRACE(c.checks);
-    upgrade.ResetForTesting();
-    RunMonitor(c.answers, asked);
-    EXPECT_EQ(asked, c.checks);
-    EXPECT_TRUE(upgrade.monitorDone);
-    EXPECT_EQ(tarn::os::WaitForSingle(upgrade.workerEvent, 0) == tarn::os::kWaitObject0, c.woken);
-    EXPECT_EQ(upgrade.startupCheckDone.load(), !c.owed);
+    upgrade_.ResetForTesting();
+    std::size_t asked = 0;
+    upgrade_.SetConnectivityProbeForTesting([&] { return asked < c.network.size() && c.network[asked++]; });
+    VantrelThread::ThreadParam param(nullptr, "UpgradeManager::MonitorThread");
+    UpgradeManager::MonitorThread(&param);
+    EXPECT_EQ(asked, static_cast<std::size_t>(c.checks));
+    EXPECT_TRUE(upgrade_.monitorDone);
+    EXPECT_EQ(WorkerWoken(), c.woken);
+    EXPECT_EQ(upgrade_.startupCheckDone.load(), !c.owed);
     // The next connect wakes the worker once, and only when the check is owed.
-    upgrade.OnNetworkConnected();
-    EXPECT_EQ(tarn::os::WaitForSingle(upgrade.workerEvent, 0) == tarn::os::kWaitObject0, c.owed);
-    upgrade.OnNetworkConnected();
-    EXPECT_NE(tarn::os::WaitForSingle(upgrade.workerEvent, 0), tarn::os::kWaitObject0);
+    upgrade_.OnNetworkConnected();
+    EXPECT_EQ(WorkerWoken(), c.owed);
+    upgrade_.OnNetworkConnected();
+    EXPECT_FALSE(WorkerWoken());
   }
+  config.upgradeTimeAfterStart = savedFirst;
 }
 
 TEST_F(UpdateTest, WorkerRunsTheLibraryOnlyWhenTheSettingAllows) {
   root_.MakeDir("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID");
-  auto& upgrade = UpgradeManager::GetInstance();
   VantrelThread::ThreadParam param(nullptr, "UpgradeManager::WorkerThread");
   std::thread worker([&] { UpgradeManager::WorkerThread(&param); });
 
@@ -260,17 +252,17 @@ TEST_F(UpdateTest, WorkerRunsTheLibraryOnlyWhenTheSettingAllows) {
   for (const char* value : {"", "True"}) {
     if (*value) SetAutoUpgrade(value);
     const auto wakes = log_.CountContaining("RegKey autoUpgrade Value ");
-    upgrade.workerEvent->Set();
+    upgrade_.workerEvent->Set();
     ASSERT_TRUE(Eventually([&] { return log_.CountContaining("RegKey autoUpgrade Value ") > wakes; }));
   }
   EXPECT_EQ(library_.upgrades, 0);
   SetAutoUpgrade("true");
-  upgrade.workerEvent->Set();
+  upgrade_.workerEvent->Set();
   ASSERT_TRUE(Eventually([&] { return library_.upgrades == 1; }));
   EXPECT_TRUE(Eventually([&] { return log_.Has(Level::Info, "UpgradeManager. AutoUpgrade invoked.(UpgradeManager::WorkerThread)"); }));
 
   param.running = false;
-  upgrade.workerEvent->Set();
+  upgrade_.workerEvent->Set();
   worker.join();
   EXPECT_EQ(library_.upgrades, 2) << "the last wake still runs before the flag is read";
   EXPECT_TRUE(log_.Has(Level::Info, "UpgradeManager. WorkerThread quit.(UpgradeManager::WorkerThread)"));
@@ -279,66 +271,46 @@ TEST_F(UpdateTest, WorkerRunsTheLibraryOnlyWhenTheSettingAllows) {
 TEST_F(UpdateTest, ARunningInstallerDoesNotStopTheCleanUp) {
   auto installer = tarn::os::NamedMutex::Create("TarnCore_Install");
   ASSERT_TRUE(installer && installer->owned());
-  UpgradeManager::GetInstance().ClearRedundantFile();
+  upgrade_.ClearRedundantFile();
   EXPECT_TRUE(log_.Contains("Install package is running. hInstl = "));
-  ASSERT_EQ(processes_.removed.size(), 1u);
-  EXPECT_EQ(processes_.removed[0], root_.path() + "/var/lib/Vantrel/TARNCORE/Download");
+  EXPECT_EQ(processes_.removed, std::vector<std::string>{root_.path() + "/var/lib/Vantrel/TARNCORE/Download"});
 }
 
-class NotifyTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    auto& config = ConfigManager::GetInstance();
-    config.ResetForTesting();
-    config.remoteConfig.version = "6.0.1.10";
-    config.remoteConfig.level = "7";
-  }
-  void TearDown() override { ConfigManager::GetInstance().ResetForTesting(); }
-  static Json::Value Parse(const std::string& text) {
+TEST(UpdateNotifyTest, KitsFollowTheRemoteListAndTheConfiguredSubKits) {
+  auto& config = ConfigManager::GetInstance();
+  config.ResetForTesting();
+  config.remoteConfig.version = "6.0.1.10";
+  config.remoteConfig.level = "7";
+  auto notify = [](int agree) {
+    std::string text;
+    tarn::update::GetNotifyMsg("com.vantrel.tarn.updateKitUserConfirm", agree, text);
     Json::Value root;
     Json::Reader().parse(text, root);
-    return root;
-  }
-};
+    return root["notifyMsg"];
+  };
+  EXPECT_EQ(notify(0)["kits"], "") << "an empty remote list";
+  config.remoteConfig.packageInfoList->push_back(std::make_shared<PackageInfo>());
+  EXPECT_FALSE(notify(2).isMember("kits")) << "no configured sub-kits: no member";
 
-TEST_F(NotifyTest, KitsFollowTheRemoteListAndTheConfiguredSubKits) {
-  auto& config = ConfigManager::GetInstance();
   auto subKit = std::make_shared<SubKitConfig>();
   subKit->kitName = "demo";
   subKit->version = "1.2";
   subKit->apiLevel = "3";
-  auto kit = std::make_shared<KitConfig>();
-  kit->subKits = std::make_shared<SubKitConfigList>(SubKitConfigList{subKit});
-
-  std::string text;
-  tarn::update::GetNotifyMsg("com.vantrel.tarn.updateKit", 0, text);
-  EXPECT_EQ(Parse(text)["notifyMsg"]["kits"], "") << "an empty remote list";
-
-  config.remoteConfig.packageInfoList->push_back(std::make_shared<PackageInfo>());
-  text.clear();
-  tarn::update::GetNotifyMsg("com.vantrel.tarn.updateKitUserConfirm", 2, text);
-  EXPECT_FALSE(Parse(text)["notifyMsg"].isMember("kits")) << "no configured sub-kits: no member";
-
-  config.kitConfigMap["pkg"] = kit;
-  text.clear();
-  tarn::update::GetNotifyMsg("com.vantrel.tarn.updateKitUserConfirm", 2, text);
-  const Json::Value kits = Parse(text)["notifyMsg"]["kits"];
-  ASSERT_EQ(kits.size(), 1u);
-  EXPECT_EQ(kits[0]["kitName"].asString(), "demo");
-  EXPECT_EQ(kits[0]["kitVersion"].asString(), "1.2");
-  EXPECT_EQ(kits[0]["apiLevel"].asString(), "3");
-  EXPECT_EQ(Parse(text)["notifyMsg"]["isUserAgree"].asString(), "2");
+  config.kitConfigMap["pkg"] = std::make_shared<KitConfig>(KitConfig{std::make_shared<SubKitConfigList>(1, subKit)});
+  Json::Value expected;
+  Json::Reader().parse(R"({"isUserAgree":"2","level":"7","version":"6.0.1.10",
+                           "kits":[{"kitName":"demo","kitVersion":"1.2","apiLevel":"3"}]})", expected);
+  EXPECT_EQ(notify(2), expected);
 
   config.remoteConfig.packageInfoList.reset();
-  text.clear();
-  tarn::update::GetNotifyMsg("com.vantrel.tarn.updateKit", 0, text);
-  EXPECT_FALSE(Parse(text)["notifyMsg"].isMember("kits")) << "no list at all: no member";
+  EXPECT_FALSE(notify(0).isMember("kits")) << "no list at all: no member";
 
-  text.clear();
+  std::string text;
   tarn::update::GetUpdateKitResultMsg("907135007", text);
   EXPECT_EQ(text,
             R"({"header":{"action":"com.vantrel.tarn.updateKitResult"},"notifyMsg":{"level":"7","updateKitResult":"907135007","version":"6.0.1.10"}})"
             "\n");
+  config.ResetForTesting();
 }
 
 }  // namespace
