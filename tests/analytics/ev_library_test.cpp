@@ -26,20 +26,6 @@ class FakeTransport : public tarn::ev::Transport {
   bool accept = true;
 };
 
-std::vector<std::vector<std::string>> RecordLines(const std::string& path) {
-  std::ifstream in(path);
-  std::vector<std::vector<std::string>> lines;
-  std::string line;
-  while (std::getline(in, line)) {
-    std::vector<std::string> fields;
-    std::stringstream split(line);
-    std::string field;
-    while (std::getline(split, field, '|')) fields.push_back(field);
-    lines.push_back(fields);
-  }
-  return lines;
-}
-
 class EvLibraryTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -53,7 +39,19 @@ class EvLibraryTest : public ::testing::Test {
     tarn::ev::SetTransportForTesting(nullptr);
     UrlLoader::SetAddressBookPath("");
   }
-  std::string RecordFile() const { return tarn::ev::RecordFolder() + "/ev_record.txt"; }
+  // The record file's lines split at '|', and the file taken away as the reporter does.
+  std::vector<std::vector<std::string>> TakeRecords() {
+    const std::string path = tarn::ev::RecordFolder() + "/ev_record.txt";
+    std::ifstream in(path);
+    std::vector<std::vector<std::string>> lines;
+    for (std::string line; std::getline(in, line);) {
+      std::stringstream split(line);
+      lines.emplace_back();
+      for (std::string field; std::getline(split, field, '|');) lines.back().push_back(field);
+    }
+    std::remove(path.c_str());
+    return lines;
+  }
 
   tarn::test::TempRoot root_;
   FakeTransport transport_;
@@ -69,22 +67,21 @@ TEST_F(EvLibraryTest, UnsentReportRoundTripsThroughTheRecordFileUntilItsAttempts
   FrameworkEvGeneralReport(report.c_str());
   FrameworkEvGeneralReport("second");
   EXPECT_EQ(transport_.posts.size(), 1u) << "the service is down for the rest of the flush";
-  std::remove(RecordFile().c_str());
+  EXPECT_EQ(TakeRecords().size(), 2u);
   FrameworkEvInit();
   FrameworkEvGeneralReport(report.c_str());
 
   for (int attempt = 1; attempt < tarn::ev::kMaxDeliveryAttempts; ++attempt) {
-    auto lines = RecordLines(RecordFile());
+    auto lines = TakeRecords();
     ASSERT_EQ(lines.size(), 1u) << "attempt " << attempt;
     ASSERT_EQ(lines[0].size(), 5u);
     EXPECT_EQ(lines[0][1], "general");
     EXPECT_EQ(lines[0][3], std::to_string(attempt));
-    std::remove(RecordFile().c_str());
     FrameworkEvInit();
     FrameworkEvReportForFile(lines[0][2].c_str(), lines[0][1].c_str(), lines[0][3].c_str());
     FrameworkEvReportLocalToServer();
   }
-  EXPECT_TRUE(RecordLines(RecordFile()).empty());
+  EXPECT_TRUE(TakeRecords().empty());
   ASSERT_EQ(transport_.posts.size(), static_cast<std::size_t>(tarn::ev::kMaxDeliveryAttempts) + 1);
   transport_.posts.erase(transport_.posts.begin());
   for (const auto& post : transport_.posts) {
@@ -99,7 +96,7 @@ TEST_F(EvLibraryTest, WithoutAnAddressNothingIsPostedAndReportsAreKept) {
   FrameworkEvGeneralReport("one");
   FrameworkEvReportForPerDay("0");
   EXPECT_TRUE(transport_.posts.empty());
-  auto lines = RecordLines(RecordFile());
+  auto lines = TakeRecords();
   ASSERT_EQ(lines.size(), 2u);
   EXPECT_EQ(lines[0][2], "one");
   EXPECT_EQ(lines[1][1], "perday");
@@ -108,16 +105,15 @@ TEST_F(EvLibraryTest, WithoutAnAddressNothingIsPostedAndReportsAreKept) {
 
 TEST_F(EvLibraryTest, RecordsHeldAtTheEndGoBackToTheFile) {
   FrameworkEvReportToFile("notice record");
-  auto lines = RecordLines(RecordFile());
+  auto lines = TakeRecords();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0][1], "file");
   EXPECT_EQ(lines[0][3], "0");
-  std::remove(RecordFile().c_str());
 
   FrameworkEvReportForFile(lines[0][2].c_str(), lines[0][1].c_str(), lines[0][3].c_str());
   FrameworkEvUnInit();
   EXPECT_TRUE(transport_.posts.empty());
-  lines = RecordLines(RecordFile());
+  lines = TakeRecords();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0][2], "notice record");
 }
