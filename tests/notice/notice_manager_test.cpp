@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,11 +23,12 @@ namespace {
 
 using tarn::log::Level;
 
+const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
+
 class FakeProcesses : public tarn::os::Processes {
  public:
   std::vector<pid_t> FindByName(const std::string& name) override {
-    if (desktop && name == "Xwayland") return {4242};
-    return {};
+    return desktop && name == "Xwayland" ? std::vector<pid_t>{4242} : std::vector<pid_t>{};
   }
   bool StartProcess(const std::string& path, const std::string& arguments) override {
     std::lock_guard<std::mutex> lock(mutex);
@@ -35,7 +36,6 @@ class FakeProcesses : public tarn::os::Processes {
     return startWorks;
   }
   bool RemoveTreeDetached(const std::string&) override { return false; }
-
   std::vector<std::pair<std::string, std::string>> Started() {
     std::lock_guard<std::mutex> lock(mutex);
     return started;
@@ -60,7 +60,7 @@ class FakeSigner : public tarn::security::FileSignatureChecker {
 class NoticeManagerTest : public testing::Test {
  protected:
   void SetUp() override {
-    root_.MakeDir("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID");
+    root_.MakeDir(kVtid);
     tarn::os::SetProcessesForTesting(&processes_);
     tarn::security::FileSignatureChecker::SetInstanceForTesting(&signer_);
     NoticeManager::noticeAttempted = true;
@@ -72,78 +72,56 @@ class NoticeManagerTest : public testing::Test {
     tarn::security::FileSignatureChecker::SetInstanceForTesting(nullptr);
     ConfigManager::GetInstance().verifyEnabled = true;
   }
-  void SetValue(const char* name, const std::optional<std::string>& value) {
-    if (value) root_.WriteFile(std::string("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/") + name, *value);
-  }
 
   tarn::test::TempRoot root_;
   FakeProcesses processes_;
   FakeSigner signer_;
+  tarn::log::LogCapture log_;
 };
 
 TEST_F(NoticeManagerTest, ModeFollowsTheRegistry) {
   struct Case {
-    std::optional<std::string> notice, agree;
-    const char* mode;  // nullptr: nothing starts
-  };
-  const Case cases[] = {
-      {std::nullopt, std::string("1"), "PrivacyNotice"},
-      {std::string("TRUE"), std::nullopt, "PrivacyNotice"},
-      {std::string("true"), std::nullopt, nullptr},
-      {std::string("true"), std::string(""), nullptr},
-      {std::string("true"), std::string("63.0.0.0"), "PrivacyAgree"},
-      {std::string("true"), std::string("64000000"), nullptr},
-      {std::string("true"), std::string("640.000.001"), nullptr},
-      {std::string("true"), std::string("x"), "PrivacyAgree"},
+    const char* notice;  // nullptr: absent
+    const char* agree;   // nullptr: absent, which reads as the current version
+    const char* mode;    // nullptr: nothing starts
+  } cases[] = {
+      {nullptr, "1", "PrivacyNotice"},     {"TRUE", nullptr, "PrivacyNotice"}, {"true", nullptr, nullptr},
+      {"true", "", nullptr},               {"true", "63.0.0.0", "PrivacyAgree"}, {"true", "64000000", nullptr},
+      {"true", "640.000.001", nullptr},    {"true", "x", "PrivacyAgree"},
   };
   for (const Case& c : cases) {
-    tarn::test::TempRoot root;
-    root.MakeDir("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID");
-    const std::string key = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
-    if (c.notice) root.WriteFile(key + "PrivacyNotice", *c.notice);
-    if (c.agree) root.WriteFile(key + "PrivacyAgree", *c.agree);
+    SCOPED_TRACE(std::string(c.notice ? c.notice : "<none>") + "/" + (c.agree ? c.agree : "<none>"));
+    std::filesystem::remove(root_.At(kVtid + "PrivacyNotice"));
+    std::filesystem::remove(root_.At(kVtid + "PrivacyAgree"));
+    if (c.notice) root_.WriteFile(kVtid + "PrivacyNotice", c.notice);
+    if (c.agree) root_.WriteFile(kVtid + "PrivacyAgree", c.agree);
     processes_.started.clear();
-    tarn::log::LogCapture capture;
+    log_.Clear();
 
     NoticeManager::ShowPrivacyNoticeTray();
 
-    const std::string label = c.notice.value_or("<none>") + "/" + c.agree.value_or("<none>");
     const auto started = processes_.Started();
-    if (c.mode == nullptr) {
-      EXPECT_TRUE(started.empty()) << label;
-      EXPECT_TRUE(capture.Has(Level::Info, "PrivacyNotice and PrivacyAgree not need start!(NoticeManager::ShowPrivacyNoticeTray)")) << label;
-    } else {
-      ASSERT_EQ(started.size(), 1u) << label;
-      EXPECT_EQ(started[0].second, c.mode) << label;
-      EXPECT_TRUE(capture.Has(Level::Info, "start PrivacyNoticeUI succes(NoticeManager::ShowPrivacyNoticeTray)"));
-    }
+    ASSERT_EQ(started.size(), c.mode ? 1u : 0u);
+    EXPECT_EQ(c.mode ? started[0].second : "", c.mode ? c.mode : "");
+    EXPECT_TRUE(log_.Has(Level::Info, c.mode ? "start PrivacyNoticeUI succes(NoticeManager::ShowPrivacyNoticeTray)"
+                                             : "PrivacyNotice and PrivacyAgree not need start!(NoticeManager::ShowPrivacyNoticeTray)"));
   }
 }
 
-TEST_F(NoticeManagerTest, AbsentAgreementReadsAsCurrentVersion) {
-  SetValue("PrivacyNotice", "true");
-  tarn::log::LogCapture capture;
-  EXPECT_FALSE(NoticeManager::IsPrivacyAgreeDisplay());
-  EXPECT_TRUE(capture.Has(Level::Info, "Agree ver: 64000000 current ver: 64000000(NoticeManager::IsPrivacyAgreeDisplay)"));
-}
-
-TEST_F(NoticeManagerTest, RunningNoticeOrFailedSignatureStartsNothing) {
+TEST_F(NoticeManagerTest, RunningNoticeOrFailedSignatureStartsNothingAndAFailedStartIsLogged) {
   {
     auto held = tarn::os::NamedMutex::Create("Global\\VTFrameworkNoticeMutex");
     ASSERT_TRUE(held && held->owned());
-    tarn::log::LogCapture capture;
     NoticeManager::ShowPrivacyNoticeTray();
     EXPECT_TRUE(processes_.Started().empty());
-    EXPECT_TRUE(capture.Has(Level::Info, "PrivacyNotice or PrivacyAgree has already exists!(NoticeManager::ShowPrivacyNoticeTray)"));
+    EXPECT_TRUE(log_.Has(Level::Info, "PrivacyNotice or PrivacyAgree has already exists!(NoticeManager::ShowPrivacyNoticeTray)"));
   }
   signer_.makerSigned = false;
-  {
-    tarn::log::LogCapture capture;
-    NoticeManager::ShowPrivacyNoticeTray();
-    EXPECT_TRUE(processes_.Started().empty());
-    EXPECT_TRUE(capture.Has(Level::Error, "PrivacyNotice verify failed.(NoticeManager::ShowPrivacyNoticeTray)"));
-    ASSERT_EQ(signer_.checked.size(), 1u);
-  }
+  NoticeManager::ShowPrivacyNoticeTray();
+  EXPECT_TRUE(processes_.Started().empty());
+  EXPECT_TRUE(log_.Has(Level::Error, "PrivacyNotice verify failed.(NoticeManager::ShowPrivacyNoticeTray)"));
+  ASSERT_EQ(signer_.checked.size(), 1u);
+
   // Without verification the signature isn't asked, and the program beside
   // the running executable starts.
   ConfigManager::GetInstance().verifyEnabled = false;
@@ -153,44 +131,39 @@ TEST_F(NoticeManagerTest, RunningNoticeOrFailedSignatureStartsNothing) {
   ASSERT_EQ(started.size(), 1u);
   EXPECT_EQ(started[0].first, signer_.checked[0]);
   EXPECT_TRUE(started[0].first.ends_with("/TarnCoreNotice")) << started[0].first;
-}
 
-TEST_F(NoticeManagerTest, FailedStartIsLoggedWithItsCode) {
   processes_.startWorks = false;
-  tarn::log::LogCapture capture;
   NoticeManager::ShowPrivacyNoticeTray();
-  EXPECT_TRUE(capture.Contains("PrivacyNotice start PrivacyNoticeUI failed. code:"));
-  EXPECT_TRUE(NoticeManager::noticeAttempted);
+  EXPECT_TRUE(log_.Contains("PrivacyNotice start PrivacyNoticeUI failed. code:"));
 }
 
 TEST_F(NoticeManagerTest, DesktopWaitEndedByExitIsRetriedAtLogon) {
-  tarn::log::LogCapture capture;
   // Logon after a check that reached the notice starts nothing.
   NoticeManager::LogonToCheckPrivacyNotice();
-  EXPECT_FALSE(capture.Contains("After start"));
+  EXPECT_FALSE(log_.Contains("After start"));
 
   NoticeManager::StartPrivacyNotice();
-  EXPECT_TRUE(capture.Has(Level::Info, "start PrivacyNoticeUI with thread(NoticeManager::StartPrivacyNotice)"));
+  EXPECT_TRUE(log_.Has(Level::Info, "start PrivacyNoticeUI with thread(NoticeManager::StartPrivacyNotice)"));
   VantrelThread::ThreadManager::Instance().WaitAll();
-  EXPECT_TRUE(capture.Has(Level::Info, "start notice UI failed, not exsit explorer. maxTimes=300(NoticeManager::StartPrivacyNoticeThreadFun)"));
+  EXPECT_TRUE(log_.Has(Level::Info, "start notice UI failed, not exsit explorer. maxTimes=300(NoticeManager::StartPrivacyNoticeThreadFun)"));
   EXPECT_FALSE(NoticeManager::noticeAttempted);
   EXPECT_TRUE(processes_.Started().empty());
 
   VantrelThread::ThreadManager::ResetInstanceForTesting();
   processes_.desktop = true;
   NoticeManager::LogonToCheckPrivacyNotice();
-  EXPECT_TRUE(capture.Has(Level::Info, "After start, notice UI check not finish, so start it now.(NoticeManager::LogonToCheckPrivacyNotice)"));
+  EXPECT_TRUE(log_.Has(Level::Info, "After start, notice UI check not finish, so start it now.(NoticeManager::LogonToCheckPrivacyNotice)"));
+  // A bound for liveness only: the thread finds the desktop at its first look.
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!capture.Contains("StartPrivacyNoticeThreadFun end.") && std::chrono::steady_clock::now() < limit) {
+  while (!log_.Contains("StartPrivacyNoticeThreadFun end.") && std::chrono::steady_clock::now() < limit) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   ASSERT_EQ(processes_.Started().size(), 1u);
   EXPECT_EQ(processes_.Started()[0].second, "PrivacyNotice");
   EXPECT_TRUE(NoticeManager::noticeAttempted);
-}
 
-TEST_F(NoticeManagerTest, DesktopUpAtStartShowsAtOnce) {
-  processes_.desktop = true;
+  // With the desktop already up the notice shows at once, without a thread.
+  processes_.started.clear();
   NoticeManager::StartPrivacyNotice();
   EXPECT_EQ(processes_.Started().size(), 1u);
 }

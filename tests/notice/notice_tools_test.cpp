@@ -21,6 +21,14 @@ namespace {
 
 const char* kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
 
+Json::Value Parse(const char* text) {
+  Json::Value root;
+  std::string errors;
+  std::istringstream in(text ? text : "");
+  Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors);
+  return root;
+}
+
 // Answers every request with a fixed text and keeps what came.
 class StandInContainer {
  public:
@@ -53,13 +61,6 @@ class StandInContainer {
   }
 
  private:
-  static Json::Value Parse(const char* text) {
-    Json::Value root;
-    std::string errors;
-    std::istringstream in(text ? text : "");
-    Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors);
-    return root;
-  }
   std::string answer_;
   TarnCoreIPCMessageServer server_;
   std::unique_ptr<TarnCoreIPCMessageClient> sender_;
@@ -81,48 +82,39 @@ std::string Notice() { return tarn::test::BuildDir() + "/tools/notice/TarnCoreNo
 std::string Ui() { return tarn::test::BuildDir() + "/tools/ui/TarnCoreUI"; }
 
 TEST(NoticeToolsTest, AnswersGoToTheContainerAsFrameworkRequests) {
-  struct Case {
-    std::vector<std::string> argv;
-    std::string answer;
-    int exitCode;
-    std::string uri;
-    Json::Value body;
-  };
-  Json::Value refuse, upgraded, notice, agree, decline;
-  refuse["resultCode"] = "907135010";
-  upgraded["resultCode"] = "0";
-  upgraded["updateKitName"] = "ALL";
-  notice["key"] = "PrivacyNotice";
-  notice["value"] = "true";
-  agree["key"] = "PrivacyAgree";
-  agree["value"] = "64000000";
-  decline["key"] = "ShareAnalysis";
-  decline["value"] = "false";
   const std::string taken = R"({"header":{"status_code":"907135009"},"body":{}})";
   // The settings handler's answer goes out under the request's own header.
   const std::string stored = R"({"header":{"api_name":"Framework.SetRegValue"},"body":{"returnCode":true}})";
   const std::string notStored = R"({"header":{"api_name":"Framework.SetRegValue"},"body":{"returnCode":false}})";
-  const Case cases[] = {
-      {{Ui(), "Dialog_ApiLevel", "--decline"}, taken, 0, "Framework.UpdatekitResult", refuse},
-      {{Ui(), "Upgrade", "--accept"}, taken, 0, "Framework.UpdatekitResult", upgraded},
-      {{Ui(), "Dialog_ApiLevel", "--decline"}, stored, 1, "Framework.UpdatekitResult", refuse},
-      {{Notice(), "PrivacyNotice", "--accept"}, stored, 0, "Framework.SetRegValue", notice},
-      {{Notice(), "PrivacyAgree", "--accept"}, stored, 0, "Framework.SetRegValue", agree},
-      {{Notice(), "PrivacyAgree", "--decline"}, notStored, 1, "Framework.SetRegValue", decline},
+  const char* kResult = "Framework.UpdatekitResult";
+  const char* kSet = "Framework.SetRegValue";
+  struct Case {
+    std::vector<std::string> argv;
+    std::string answer;
+    int exitCode;
+    const char* uri;
+    const char* body;
+  } cases[] = {
+      {{Ui(), "Dialog_ApiLevel", "--decline"}, taken, 0, kResult, R"({"resultCode":"907135010"})"},
+      {{Ui(), "Upgrade", "--accept"}, taken, 0, kResult, R"({"resultCode":"0","updateKitName":"ALL"})"},
+      {{Ui(), "Dialog_ApiLevel", "--decline"}, stored, 1, kResult, R"({"resultCode":"907135010"})"},
+      {{Notice(), "PrivacyNotice", "--accept"}, stored, 0, kSet, R"({"key":"PrivacyNotice","value":"true"})"},
+      {{Notice(), "PrivacyAgree", "--accept"}, stored, 0, kSet, R"({"key":"PrivacyAgree","value":"64000000"})"},
+      {{Notice(), "PrivacyAgree", "--decline"}, notStored, 1, kSet, R"({"key":"ShareAnalysis","value":"false"})"},
   };
   for (const Case& c : cases) {
+    SCOPED_TRACE(c.argv[0] + " " + c.argv[1] + " " + c.argv[2]);
     tarn::test::TempRoot root;
     root.MakeDir(kVtid);
     StandInContainer container(c.answer);
-    const std::string label = c.argv[0] + " " + c.argv[1] + " " + c.argv[2];
-    EXPECT_EQ(RunTool(c.argv), c.exitCode) << label;
+    EXPECT_EQ(RunTool(c.argv), c.exitCode);
     const auto requests = container.Requests();
-    ASSERT_EQ(requests.size(), 1u) << label;
-    EXPECT_EQ(requests[0]["header"]["api_name"].asString(), c.uri) << label;
-    EXPECT_EQ(requests[0]["header"]["client_id"].asString(), "204518762") << label;
-    EXPECT_EQ(requests[0]["body"], c.body) << label;
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0]["header"]["api_name"].asString(), c.uri);
+    EXPECT_EQ(requests[0]["header"]["client_id"].asString(), "204518762");
+    EXPECT_EQ(requests[0]["body"], Parse(c.body));
     // With a container there, the notice leaves the registry to it.
-    EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyNotice")), "") << label;
+    EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyNotice")), "");
   }
 }
 
