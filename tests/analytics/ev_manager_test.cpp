@@ -81,16 +81,7 @@ class EvManagerTest : public ::testing::Test {
   // A request's callback as the pipeline leaves it before "res".
   void Record(const std::string& apiName, const std::string& direction) {
     TagIPCMessageItem item;
-    RequestHeader header;
-    header.version = "1.0";
-    header.srv_name = "srv";
-    header.api_name = apiName;
-    header.app_id = "app";
-    header.pkg_name = "pkg";
-    header.sdk_version = "6.0";
-    header.transaction_id = "t1";
-    header.kitSdkVersion = "6.1";
-    header.apiLevel = "3";
+    RequestHeader header{"1.0", "srv", apiName, "app", "pkg", "6.0", "s1", "t1", "6.1", "3", "c1"};
     ResponseStatus status;
     status.status_code = "907135001";
     status.error_code = "907135002";
