@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <future>
 #include <map>
 #include <thread>
 
@@ -144,7 +145,8 @@ TEST_F(AppUpdateTest, SilentUpgradeStartsOnlyAVerifiedPackageInTheDownloadFolder
   EXPECT_TRUE(processes_.starts.empty());
 }
 
-// Answers one connection per reply, in turn.
+// Answers one connection per reply, in turn; an empty reply means never to
+// answer and to wait until the client hangs up.
 class LocalServer {
  public:
   explicit LocalServer(std::vector<std::string> replies) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
@@ -164,6 +166,11 @@ class LocalServer {
         if (client < 0) return;
         char request[4096];
         (void)::recv(client, request, sizeof(request), 0);
+        if (reply.empty()) {
+          asked_.set_value();
+          while (::recv(client, request, sizeof(request), 0) > 0) {
+          }
+        }
         (void)::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
         ::close(client);
       }
@@ -174,8 +181,10 @@ class LocalServer {
     ::close(fd_);
   }
   const std::string& url() const { return url_; }
+  std::future<void> Asked() { return asked_.get_future(); }
 
  private:
+  std::promise<void> asked_;
   int fd_;
   std::string url_;
   std::thread thread_;
@@ -204,6 +213,27 @@ TEST(CurlHttpClientTest, GetAndDownloadKeepOnlySuccessfulBodies) {
   EXPECT_EQ(response.status, 404);
   EXPECT_FALSE(DE::FileExists(file));
   EXPECT_FALSE(client.Get("file:///etc/passwd", response, 20000)) << "only http and https";
+  HttpUtil::Https_curl_global_free();
+}
+
+// main frees the library while a worker is still in a transfer: the transfer
+// stops instead of running on until its time-out, later ones fail at once,
+// and the library is freed only when the last one has left.
+TEST(CurlHttpClientTest, FreeingTheLibraryStopsRunningTransfersAndRefusesNewOnes) {
+  ASSERT_TRUE(HttpUtil::Https_curl_global_init());
+  tarn::http::CurlHttpClient client;
+  LocalServer server({""});
+  auto asked = server.Asked();
+  HttpResponse stalled;
+  auto transfer = std::async(std::launch::async, [&] { return client.Get(server.url(), stalled, 60000); });
+  asked.wait();
+  HttpUtil::Https_curl_global_free();
+  ASSERT_EQ(transfer.wait_for(std::chrono::seconds(20)), std::future_status::ready) << "runs to its time-out";
+  EXPECT_FALSE(transfer.get());
+  HttpResponse refused;
+  EXPECT_FALSE(client.Get(server.url(), refused, 60000));
+  EXPECT_EQ(refused.error, "the HTTP library is shut down");
+  ASSERT_TRUE(HttpUtil::Https_curl_global_init());
   HttpUtil::Https_curl_global_free();
 }
 

@@ -4,12 +4,60 @@
 
 #include <atomic>
 #include <cstdio>
+#include <mutex>
 #include <unistd.h>
 
 namespace tarn::http {
 namespace {
 
 std::atomic<HttpClient*> g_client{nullptr};
+
+// main frees the library while workers may still be in a transfer. From then
+// on no transfer starts, those running stop at their next progress call, and
+// the last one to leave frees the library.
+struct LibraryState {
+  std::mutex mutex;
+  int transfers = 0;
+  bool cleanupOwed = false;
+  std::atomic<bool> closing{false};
+};
+
+LibraryState& Library() {
+  static auto* state = new LibraryState;  // workers may outlive main's statics
+  return *state;
+}
+
+class Transfer {
+ public:
+  Transfer() {
+    LibraryState& lib = Library();
+    std::lock_guard lock(lib.mutex);
+    open_ = !lib.closing.load();
+    if (open_) ++lib.transfers;
+  }
+  ~Transfer() {
+    if (!open_) return;
+    LibraryState& lib = Library();
+    std::lock_guard lock(lib.mutex);
+    if (--lib.transfers == 0 && lib.cleanupOwed) {
+      lib.cleanupOwed = false;
+      curl_global_cleanup();
+    }
+  }
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+  bool Open(HttpResponse& response) const {
+    if (!open_) response.error = "the HTTP library is shut down";
+    return open_;
+  }
+
+ private:
+  bool open_ = false;
+};
+
+int StopWhenClosing(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return Library().closing.load() ? 1 : 0;
+}
 
 size_t AppendToString(char* data, size_t size, size_t count, void* target) {
   static_cast<std::string*>(target)->append(data, size * count);
@@ -30,6 +78,8 @@ bool Perform(CURL* curl, const std::string& url, std::uint32_t timeoutMs, HttpRe
   curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 5L);
   curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(timeoutMs));
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeoutMs < 15000 ? timeoutMs : 15000));
+  curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &StopWhenClosing);
+  curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
 #if LIBCURL_VERSION_NUM >= 0x075500
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
@@ -55,6 +105,8 @@ struct EasyHandle {
 
 bool CurlHttpClient::Get(const std::string& url, HttpResponse& response, std::uint32_t timeoutMs) {
   response = HttpResponse{};
+  Transfer transfer;  // made first, so the easy handle is cleaned up before it
+  if (!transfer.Open(response)) return false;
   EasyHandle easy;
   if (!easy.curl) return false;
   curl_easy_setopt(easy.curl, CURLOPT_WRITEFUNCTION, &AppendToString);
@@ -66,6 +118,8 @@ bool CurlHttpClient::Post(const std::string& url, const std::string& body,
                           const std::string& contentType, HttpResponse& response,
                           std::uint32_t timeoutMs) {
   response = HttpResponse{};
+  Transfer transfer;
+  if (!transfer.Open(response)) return false;
   EasyHandle easy;
   if (!easy.curl) return false;
   const std::string header = "Content-Type: " + contentType;
@@ -83,6 +137,8 @@ bool CurlHttpClient::Post(const std::string& url, const std::string& body,
 bool CurlHttpClient::Download(const std::string& url, const std::string& path,
                               HttpResponse& response, std::uint32_t timeoutMs) {
   response = HttpResponse{};
+  Transfer transfer;
+  if (!transfer.Open(response)) return false;
   EasyHandle easy;
   if (!easy.curl) return false;
   FILE* file = std::fopen(path.c_str(), "wb");
@@ -109,9 +165,23 @@ void SetHttpClientForTesting(HttpClient* client) { g_client.store(client, std::m
 
 }  // namespace tarn::http
 
-bool HttpUtil::Https_curl_global_init() { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }
+bool HttpUtil::Https_curl_global_init() {
+  auto& lib = tarn::http::Library();
+  std::lock_guard lock(lib.mutex);
+  lib.closing = false;
+  return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+}
 
-void HttpUtil::Https_curl_global_free() { curl_global_cleanup(); }
+void HttpUtil::Https_curl_global_free() {
+  auto& lib = tarn::http::Library();
+  std::lock_guard lock(lib.mutex);
+  lib.closing = true;
+  if (lib.transfers == 0) {
+    curl_global_cleanup();
+  } else {
+    lib.cleanupOwed = true;
+  }
+}
 
 bool HttpUtil::HttpGet(const std::string& url, tarn::http::HttpResponse& response,
                        std::uint32_t timeoutMs) {

@@ -44,7 +44,9 @@ void SetHttpClientForTesting(HttpClient* client);
 class HttpUtil {
  public:
   // curl_global_init(CURL_GLOBAL_DEFAULT) / curl_global_cleanup: once at the
-  // start of main and once at its end, while no other thread runs transfers.
+  // start of main and once at its end. After the free no transfer starts (it
+  // fails at once), running ones stop at their next progress call, and the
+  // cleanup waits for the last of them to leave.
   static bool Https_curl_global_init();
   static void Https_curl_global_free();
 
