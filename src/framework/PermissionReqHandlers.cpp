@@ -43,8 +43,16 @@ void CheckPermissionReqHandler::GetJsonFieldForReq(const ConvertedRequest& reque
     CLOGE(kWhere, "convertReqMess data format reqClinetid error.");
     return;
   }
-  permission = root["reqPermission"].asString();
-  clientId = root["reqClinetid"].asString();
+  // A member of the wrong JSON type (or a root that isn't an object) makes
+  // the library throw: the question is malformed like any other.
+  try {
+    permission = root["reqPermission"].asString();
+    clientId = root["reqClinetid"].asString();
+  } catch (const Json::LogicError&) {
+    CLOGE(kWhere, "convertReqMess data format error.");
+    permission.clear();
+    clientId.clear();
+  }
 }
 
 void CheckPermissionReqHandler::Excute(const std::string&, ServerResCallBack* callback,
@@ -75,12 +83,19 @@ void CheckPermissionListReqHandler::GetJsonFieldForReq(const ConvertedRequest& r
     CLOGE(kWhere, "convertReqMess data format reqClinetid error.");
     return;
   }
-  clientId = root["reqClinetid"].asString();
-  // size() is the element count of an array, the member count of an object,
-  // and 0 for anything else.
-  const Json::Value& permissions = root["permissions"];
-  for (Json::ArrayIndex i = 0; i < permissions.size(); ++i) {
-    permissionList.push_back(permissions[i]["permission"].asString());
+  try {
+    clientId = root["reqClinetid"].asString();
+    // size() is the element count of an array, the member count of an object,
+    // and 0 for anything else.
+    const Json::Value& permissions = root["permissions"];
+    for (Json::ArrayIndex i = 0; i < permissions.size(); ++i) {
+      permissionList.push_back(permissions[i]["permission"].asString());
+    }
+  } catch (const Json::LogicError&) {
+    // A member of the wrong JSON type: malformed, so nothing is checked.
+    CLOGE(kWhere, "convertReqMess data format error.");
+    permissionList.clear();
+    clientId.clear();
   }
 }
 

@@ -167,6 +167,11 @@ TEST_F(Framework, AnswersAndServiceCallsOverTheWire) {
       {"CheckPermission", R"({"n":{"reqPermission":"x","reqClinetid":"app"}})", "0", "",
        R"({"checkPermission":"","checkPermissionResult":"0"})"},
       {"CheckPermission", "\"text\"", "0", "", R"({"checkPermission":"","checkPermissionResult":"0"})"},
+      // Members of the wrong JSON type are malformed too, not left unanswered.
+      {"CheckPermission", R"([{"reqPermission":"x","reqClinetid":"app"}])", "0", "",
+       R"({"checkPermission":"","checkPermissionResult":"0"})"},
+      {"CheckPermission", R"({"reqPermission":{"x":1},"reqClinetid":"app"})", "0", "",
+       R"({"checkPermission":"","checkPermissionResult":"0"})"},
       // Each element is asked in its turn, duplicates too; without a client id none is.
       {"CheckPermissionList", R"({"reqClinetid":"app","permissions":[{"permission":"b"},{"permission":"a"},{"permission":"b"}]})",
        "0", "", R"({"checkPermissions":[{"permission":"b","checkPermissionResult":"1"},
@@ -175,6 +180,8 @@ TEST_F(Framework, AnswersAndServiceCallsOverTheWire) {
        R"({"checkPermissions":[{"permission":"a","checkPermissionResult":""}]})"},
       {"CheckPermissionList", R"({"reqClinetid":"app"})", "0", "", "{}"},
       {"CheckPermissionList", R"({"reqClinetid":"app","permissions":"p"})", "0", "", "{}"},
+      {"CheckPermissionList", R"({"reqClinetid":"app","permissions":["a"]})", "0", "", "{}"},
+      {"CheckPermissionList", R"({"reqClinetid":"app","permissions":{"x":{"permission":"a"}}})", "0", "", "{}"},
       // Notice records go to the file whether or not sharing is on.
       {"NoticeEvReport", R"({"type":"TARNCORE_NOTICE_UI","data":"a|b"})", "0", "file a|b", R"({"returnCode":true})"},
       {"NoticeEvReport", R"({"type":"OTHER","data":"a"})", "907135000", "", nullptr},
