@@ -6,7 +6,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <map>
 #include <thread>
@@ -53,19 +55,25 @@ class FakeProcesses : public tarn::os::Processes {
  public:
   std::vector<pid_t> FindByName(const std::string&) override { return {}; }
   bool StartProcess(const std::string& path, const std::string& arguments) override {
+    if (!startWorks) return false;
     starts.push_back(path + "|" + arguments);
     return true;
   }
   bool RemoveTreeDetached(const std::string&) override { return true; }
-  std::vector<std::string> starts;
+  std::vector<std::string> starts;  // the processes that did start
+  bool startWorks = true;
 };
 
 class FakeSignatures : public tarn::security::FileSignatureChecker {
  public:
   bool VerifyEmbedded(const std::string&) override { return maker; }
-  bool VerifyMaker(const std::string&) override { return maker; }
+  bool VerifyMaker(const std::string&) override {
+    if (whileVerifying) whileVerifying();
+    return maker;
+  }
   std::string Thumb(const std::string&) override { return {}; }
   bool maker = true;
+  std::function<void()> whileVerifying;
 };
 
 constexpr const char* kCheck = "https://upd.example/tarncore/update/check?version=6.0.1.10";
@@ -120,13 +128,23 @@ TEST_F(AppUpdateTest, SilentUpgradeStartsOnlyAVerifiedPackageInTheDownloadFolder
   std::string lower = digest;
   for (auto& c : lower) c = static_cast<char>(std::tolower(c));
   const std::string downloaded = root_.At("var/lib/Vantrel/TARNCORE/Download/setup");
-  struct Case { const char* name; std::string installer, sha; bool signedByMaker, starts; };
-  for (const Case& c : {Case{"verified", "setup", digest, true, true}, Case{"lower-case digest", "setup", lower, true, true},
-                        Case{"digest mismatch", "setup", std::string(64, 'A'), true, false},
-                        Case{"not the maker's", "setup", digest, false, false},
-                        Case{"escaping name", "../setup", digest, true, false}}) {
+  // Another file put in the package's place once its checks have read it.
+  const auto swap = [&] {
+    root_.WriteFile("tmp/swapped", "other bytes");
+    std::filesystem::rename(root_.At("tmp/swapped"), downloaded);
+  };
+  struct Case { const char* name; std::string installer, sha; bool signedByMaker, swapped, startWorks, starts; };
+  for (const Case& c : {Case{"verified", "setup", digest, true, false, true, true},
+                        Case{"lower-case digest", "setup", lower, true, false, true, true},
+                        Case{"digest mismatch", "setup", std::string(64, 'A'), true, false, true, false},
+                        Case{"not the maker's", "setup", digest, false, false, true, false},
+                        Case{"swapped after the checks", "setup", digest, true, true, true, false},
+                        Case{"installer fails to start", "setup", digest, true, false, false, false},
+                        Case{"escaping name", "../setup", digest, true, false, true, false}}) {
     SCOPED_TRACE(c.name);
     processes_.starts.clear();
+    processes_.startWorks = c.startWorks;
+    signatures_.whileVerifying = c.swapped ? std::function<void()>(swap) : nullptr;
     DE::FileDelete(downloaded);
     http_.bodies[kCheck] = R"({"updateAppInfo":{"packageUrl":")" + std::string(kPackage) + R"(","sha256":")" + c.sha +
                            R"(","installer":")" + c.installer + R"(","arguments":"/quiet /norestart"}})";

@@ -138,6 +138,8 @@ bool UpgradeAPI::TarnCoreAppSilentUpgrade(bool force) {
   }
   if (!package.SamePathTarget() || !tarn::os::GetProcesses().StartProcess(path, arguments)) {
     TARN_LOG(::tarn::log::Level::Error, "appupdate", "UpgradeAPI::TarnCoreAppSilentUpgrade", "installer did not start");
+    // Whatever the path names now is unchecked or unusable: nothing is left to run later.
+    DE::FileDelete(path);
     return false;
   }
   TARN_LOG(::tarn::log::Level::Info, "appupdate", "UpgradeAPI::TarnCoreAppSilentUpgrade", "installer started " << installer);
