@@ -109,18 +109,8 @@ bool ScopeProxy::CreateDllScopeService() {
 }
 
 bool ScopeProxy::IsNeedTry(const std::string& operationName, int tryCount, uint32_t startTicks) {
-  // The native build gets one try: at the start of a call, or right after
-  // the sandbox tries of a caller that another caller has switched over.
-  if (fallback.load()) return tryCount == 0 || tryCount == kWasmTries;
+  if (fallback.load()) return tryCount == 0;
   if (tryCount < kWasmTries) return true;
-  // Callers that exhaust the sandbox together share one fallback: the first
-  // creates the native build and reports; the others wait for it and then
-  // take its outcome instead of creating (and reporting) again.
-  const uint64_t attemptsSeen = mFallbackAttempts.load();
-  std::lock_guard<std::mutex> lock(mFallbackMutex);
-  if (fallback.load()) return true;                            // one try on the native build
-  if (mFallbackAttempts.load() != attemptsSeen) return false;  // it failed while we waited
-  ++mFallbackAttempts;
   CLOGI("ScopeProxy::IsNeedTry", "scope proxy call will with native dll");
   ReportScopeEvent(operationName, "-1", platform_.tickCount() - startTicks);
   return CreateDllScopeService();

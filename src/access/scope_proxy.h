@@ -108,10 +108,6 @@ class ScopeProxy {
 
   Platform platform_;
   std::mutex mMutex;
-  // Serialises the switch to the native build in IsNeedTry; the count of
-  // attempts lets a waiter tell that the attempt it waited for failed.
-  std::mutex mFallbackMutex;
-  std::atomic<uint64_t> mFallbackAttempts{0};
   std::atomic<std::shared_ptr<service::IScopeService>> mScopeService;
   std::atomic<bool> fallback{false};
 };

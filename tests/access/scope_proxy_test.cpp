@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <latch>
 #include <regex>
 #include <thread>
 
@@ -172,31 +171,6 @@ TEST_F(ScopeProxyTest, ConcurrentCallersGetTheNativeDecisionAfterTheFallback) {
   EXPECT_TRUE(proxy->IsFallback());
   // At most one sandbox round per thread that raced into the fallback.
   EXPECT_LE(platform_.wasm->Calls(), 3 * 8);
-}
-
-// Callers that exhaust the sandbox together switch to the native build once:
-// one creation, one report pair, and each caller still gets its native try.
-TEST_F(ScopeProxyTest, CallersExhaustingTheSandboxTogetherCreateTheNativeBuildOnce) {
-  constexpr int kThreads = 8;
-  auto proxy = Make(true, true);
-  platform_.wasm->failTransact = true;
-  // Every thread fails its third sandbox try before any of them goes on.
-  std::latch exhausted(kThreads);
-  platform_.wasm->onCall = [&] {
-    thread_local int tries = 0;
-    if (++tries == ScopeProxy::kWasmTries) exhausted.arrive_and_wait();
-  };
-  std::atomic<int> allowed{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) threads.emplace_back([&] { allowed += proxy->CheckPermission("app", "perm"); });
-  for (auto& thread : threads) thread.join();
-
-  EXPECT_EQ(platform_.nativeCreations.load(), 1);
-  EXPECT_EQ(sink_.StatusCodes(), (std::vector<std::string>{"-1", "907180001"}));
-  EXPECT_EQ(log_.Count(Level::Info, "scope proxy call will with native dll(ScopeProxy::IsNeedTry)"), 1u);
-  EXPECT_EQ(allowed.load(), kThreads);
-  EXPECT_EQ(platform_.wasm->Calls(), 3 * kThreads);
-  EXPECT_EQ(platform_.native->Calls(), kThreads);
 }
 
 }  // namespace
