@@ -124,47 +124,8 @@ void BM_Pipeline_VerifiedRequestAnswered_Logged(benchmark::State& state) {
 
 std::size_t g_pongSize = 0;  // bytes of the "{}" answer's frame
 
-using tarn::bench::Connect;
-using tarn::bench::ReadAll;
-using tarn::bench::WriteAll;
-
-// One thread per connection: read a request frame, write the fixed answer.
-void RawServer(int listenFd) {
-  for (;;) {
-    int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) return;
-    std::thread([fd] {
-      std::vector<char> in(32 + kEmptyRequest.size() + 1);
-      std::vector<char> out(g_pongSize, 'x');
-      while (ReadAll(fd, in.data(), in.size()) && WriteAll(fd, out.data(), out.size())) {
-      }
-      ::close(fd);
-    }).detach();
-  }
-}
-
 void BM_RawUnixPingPong(benchmark::State& state) {
-  int fd = Connect(g_rawPath);
-  if (fd < 0) {
-    state.SkipWithError("connect failed");
-    return;
-  }
-  std::vector<char> out(32 + kEmptyRequest.size() + 1, 'r');
-  std::vector<char> in(g_pongSize);
-  std::vector<double> micros;
-  micros.reserve(1 << 16);
-  g_rawSamples.Start();
-  for (auto _ : state) {
-    const auto start = Clock::now();
-    if (!WriteAll(fd, out.data(), out.size()) || !ReadAll(fd, in.data(), in.size())) {
-      state.SkipWithError("ping-pong broke");
-      break;
-    }
-    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-  }
-  ::close(fd);
-  state.SetItemsProcessed(state.iterations());
-  g_rawSamples.Report(state, micros);
+  tarn::bench::RawPingPongClient(state, g_rawPath, 32 + kEmptyRequest.size() + 1, g_pongSize, g_rawSamples);
   state.counters["response_bytes"] =
       benchmark::Counter(static_cast<double>(g_pongSize - 32), benchmark::Counter::kAvgThreads);
 }
@@ -203,7 +164,7 @@ int main(int argc, char** argv) {
       ::listen(listenFd, 64) != 0) {
     return 1;
   }
-  std::thread(RawServer, listenFd).detach();
+  std::thread(tarn::bench::ServeRawPingPong, listenFd, 32 + kEmptyRequest.size() + 1, g_pongSize).detach();
 
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();

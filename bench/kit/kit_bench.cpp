@@ -123,47 +123,8 @@ void BM_PipelineOnlyEcho(benchmark::State& state) { EchoRoundTrips(state, true, 
 
 // --- the plain ping-pong -------------------------------------------------
 
-using tarn::bench::Connect;
-using tarn::bench::ReadAll;
-using tarn::bench::WriteAll;
-
-// One thread per connection: read a request frame, write a response frame.
-void RawServer(int listenFd) {
-  for (;;) {
-    int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) return;
-    std::thread([fd] {
-      std::vector<char> in(g_requestFrame);
-      std::vector<char> out(g_responseFrame, 'x');
-      while (ReadAll(fd, in.data(), in.size()) && WriteAll(fd, out.data(), out.size())) {
-      }
-      ::close(fd);
-    }).detach();
-  }
-}
-
 void BM_RawUnixPingPong(benchmark::State& state) {
-  int fd = Connect(g_rawPath);
-  if (fd < 0) {
-    state.SkipWithError("connect failed");
-    return;
-  }
-  std::vector<char> out(g_requestFrame, 'r');
-  std::vector<char> in(g_responseFrame);
-  g_rawSamples.Start();
-  std::vector<double> micros;
-  micros.reserve(1 << 16);
-  for (auto _ : state) {
-    const auto start = Clock::now();
-    if (!WriteAll(fd, out.data(), out.size()) || !ReadAll(fd, in.data(), in.size())) {
-      state.SkipWithError("ping-pong broke");
-      break;
-    }
-    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-  }
-  ::close(fd);
-  state.SetItemsProcessed(state.iterations());
-  g_rawSamples.Report(state, micros);
+  tarn::bench::RawPingPongClient(state, g_rawPath, g_requestFrame, g_responseFrame, g_rawSamples);
 }
 
 BENCHMARK(BM_RawUnixPingPong)->Threads(1)->Threads(4)->Threads(16)->UseRealTime()->MinTime(2.0);
@@ -240,7 +201,7 @@ int main(int argc, char** argv) {
   if (::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || ::listen(listenFd, 64) != 0) {
     return 1;
   }
-  std::thread(RawServer, listenFd).detach();
+  std::thread(tarn::bench::ServeRawPingPong, listenFd, g_requestFrame, g_responseFrame).detach();
 
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
