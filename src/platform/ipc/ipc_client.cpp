@@ -143,15 +143,23 @@ ReadResult ReadFrame(Conn& c, const Clock::time_point* deadline, Frame& out) {
   }
 }
 
-bool WriteFrame(Conn& c, const TagIPCMessageItem& item) {
+enum class WriteResult {
+  Sent,
+  // The connection was already closed and none of the frame went out, so the
+  // server cannot have seen it: safe to send again on a new connection.
+  PeerGone,
+  Failed,
+};
+
+WriteResult WriteFrame(Conn& c, const TagIPCMessageItem& item) {
   TagIPCMessageItem out = item;
   if (!out.body) out.bodySize = 0;
-  if (out.bodySize > kMaxBodySize) return false;
+  if (out.bodySize > kMaxBodySize) return WriteResult::Failed;
   unsigned char header[kFrameHeaderSize];
   EncodeFrameHeader(out, header);
   const std::size_t total = kFrameHeaderSize + out.bodySize;
   std::lock_guard lock(c.writeMutex);
-  if (c.dead) return false;
+  if (c.dead) return WriteResult::PeerGone;
   std::size_t sent = 0;
   while (sent < total) {
     iovec iov[2];
@@ -170,11 +178,14 @@ bool WriteFrame(Conn& c, const TagIPCMessageItem& item) {
       sent += static_cast<std::size_t>(n);
     } else if (n < 0 && errno == EINTR) {
       continue;
+    } else if (n < 0 && sent == 0 && (errno == EPIPE || errno == ECONNRESET)) {
+      // A stream socket refuses the whole write once the peer has closed.
+      return WriteResult::PeerGone;
     } else {
-      return false;
+      return WriteResult::Failed;
     }
   }
-  return true;
+  return WriteResult::Sent;
 }
 
 // A connection to the container's socket. Whoever needs a frame reads it: a
@@ -222,11 +233,14 @@ class SocketClient final : public ClientImpl {
   }
 
   bool Post(const TagIPCMessageItem& item) override {
-    auto conn = Connect();
-    if (!conn) return false;
-    if (WriteFrame(*conn, item)) return true;
-    ConnDied(conn);
-    return false;
+    for (bool retried = false;; retried = true) {
+      auto conn = Connect();
+      if (!conn) return false;
+      const WriteResult result = WriteFrame(*conn, item);
+      if (result == WriteResult::Sent) return true;
+      ConnDied(conn);
+      if (!MayResend(result, retried)) return false;
+    }
   }
 
   bool Broadcast(const TagIPCMessageItem& item) override { return Post(item); }
@@ -234,22 +248,29 @@ class SocketClient final : public ClientImpl {
   int SendSync(const TagIPCMessageItem& request, std::string& response, int timeoutMs) override {
     if (timeoutMs <= 0) return kClientBadTimeout;
     if (!request.body) return kClientDataFormatError;
-    auto conn = Connect();
-    if (!conn) return kClientServiceNotUsed;
-
-    Waiter w;
-    w.generation = conn->generation;
-    const int32_t id = request.syncMessageId;
-    {
-      std::lock_guard lock(mutex_);
-      if (!waiters_.emplace(id, &w).second) return kClientInnerError;
-    }
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    if (!WriteFrame(*conn, request)) {
-      ConnDied(conn);
-      std::lock_guard lock(mutex_);
-      waiters_.erase(id);
-      return kClientServiceNotUsed;
+    const int32_t id = request.syncMessageId;
+    Waiter w;
+    std::shared_ptr<Conn> conn;
+    for (bool retried = false;; retried = true) {
+      conn = Connect();
+      if (!conn) return kClientServiceNotUsed;
+      w = Waiter{};
+      w.generation = conn->generation;
+      {
+        // Awaited before it is written: a reader thread may see the answer first.
+        std::lock_guard lock(mutex_);
+        if (!waiters_.emplace(id, &w).second) return kClientInnerError;
+      }
+      const WriteResult result = WriteFrame(*conn, request);
+      if (result == WriteResult::Sent) break;
+      ConnDied(conn);  // fails w along with the connection's other waiters
+      {
+        std::lock_guard lock(mutex_);
+        auto it = waiters_.find(id);
+        if (it != waiters_.end() && it->second == &w) waiters_.erase(it);
+      }
+      if (!MayResend(result, retried)) return kClientServiceNotUsed;
     }
 
     std::unique_lock lock(mutex_);
@@ -287,6 +308,14 @@ class SocketClient final : public ClientImpl {
     int code = kClientOk;
     std::string body;
   };
+
+  // A connection that sat idle while the container restarted is only found
+  // dead by the next write. With reconnect on, that write goes once more on a
+  // new connection instead of costing the caller a failure; only when nothing
+  // went out on the old one, so the server never gets it twice.
+  bool MayResend(WriteResult result, bool retried) const {
+    return reconnect_ && !retried && result == WriteResult::PeerGone;
+  }
 
   std::shared_ptr<Conn> Connect() {
     std::lock_guard lock(mutex_);
