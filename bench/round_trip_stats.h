@@ -9,6 +9,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <string>
 #include <mutex>
 #include <vector>
 
@@ -32,6 +35,15 @@ inline double ProcessContextSwitches() {
   rusage usage{};
   ::getrusage(RUSAGE_SELF, &usage);
   return static_cast<double>(usage.ru_nvcsw + usage.ru_nivcsw);
+}
+
+// The process's resident memory in KiB (VmRSS), 0 when it can't be read.
+inline double ResidentKiB() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::strtod(line.c_str() + 6, nullptr);
+  }
+  return 0;
 }
 
 // Collects the latencies of all clients of one run; the last client to
@@ -68,6 +80,8 @@ class RoundTrips {
     // The rest is the kernel's: socket calls, wake-ups and switches.
     state.counters["user_us_per_req"] = requests_ ? user / n : 0.0;
     state.counters["switches_per_req"] = requests_ ? switches / n : 0.0;
+    // Taken while every client is still connected: memory under load.
+    state.counters["rss_kib"] = ResidentKiB();
     micros_.clear();
     started_ = done_ = 0;
     requests_ = 0;
