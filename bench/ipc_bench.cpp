@@ -65,18 +65,6 @@ std::string g_rawPath;
 AnsweringGates g_gates;
 TrustingVerifier g_verifier;
 
-TagIPCMessageItem Request(const std::string& text, int32_t id) {
-  TagIPCMessageItem item;
-  item.target = IpcAddressContainer;
-  item.source = IpcAddressClientSide;
-  item.messageCode = IpcRequestMessageCode;
-  item.reserved = -1;
-  item.syncMessageId = id;
-  item.body = const_cast<char*>(text.c_str());
-  item.bodySize = static_cast<uint32_t>(text.size() + 1);
-  return item;
-}
-
 using Clock = std::chrono::steady_clock;
 
 void PipelineRoundTrip(benchmark::State& state, const std::string& text, tarn::log::Level level,
@@ -89,7 +77,7 @@ void PipelineRoundTrip(benchmark::State& state, const std::string& text, tarn::l
   samples.Start();
   int32_t id = state.thread_index() * 10000000;
   for (auto _ : state) {
-    TagIPCMessageItem item = Request(text, ++id);
+    TagIPCMessageItem item = tarn::ipc::ClientRequest(text, ++id);
     const auto start = Clock::now();
     int code = client.SendMessageSync(item, response, 10000);
     micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());

@@ -98,14 +98,7 @@ void EchoRoundTrips(benchmark::State& state, bool direct, Samples& samples) {
   // Ids must not collide between clients: the callback table is keyed by them.
   int32_t id = (state.thread_index() + 1) * 10000000;
   for (auto _ : state) {
-    TagIPCMessageItem item;
-    item.target = IpcAddressContainer;
-    item.source = IpcAddressClientSide;
-    item.messageCode = IpcRequestMessageCode;
-    item.reserved = -1;
-    item.syncMessageId = ++id;
-    item.body = text.data();
-    item.bodySize = static_cast<uint32_t>(text.size() + 1);
+    TagIPCMessageItem item = tarn::ipc::ClientRequest(text, ++id);
     const auto start = Clock::now();
     const int code = client.SendMessageSync(item, response, 10000);
     micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
@@ -176,14 +169,7 @@ int main(int argc, char** argv) {
     TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
     std::string text = kEchoRequest;
     std::string response;
-    TagIPCMessageItem item;
-    item.target = IpcAddressContainer;
-    item.source = IpcAddressClientSide;
-    item.messageCode = IpcRequestMessageCode;
-    item.reserved = -1;
-    item.syncMessageId = 1;
-    item.body = text.data();
-    item.bodySize = static_cast<uint32_t>(text.size() + 1);
+    TagIPCMessageItem item = tarn::ipc::ClientRequest(text, 1);
     if (client.SendMessageSync(item, response, 10000) != 0) {
       std::fprintf(stderr, "kit_bench: no answer to the first echo\n");
       return 1;

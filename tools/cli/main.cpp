@@ -95,14 +95,6 @@ std::string RandomHex(std::size_t bytes) {
   return out;
 }
 
-int32_t RandomSyncId() {
-  uint8_t b[4] = {};
-  tarn::os::CryptGenRandom(sizeof(b), b);
-  uint32_t v = static_cast<uint32_t>(b[0]) | (static_cast<uint32_t>(b[1]) << 8) |
-               (static_cast<uint32_t>(b[2]) << 16) | (static_cast<uint32_t>(b[3]) << 24);
-  return static_cast<int32_t>((v & 0x7fffffff) | 1);  // positive, never 0
-}
-
 std::string Compact(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
@@ -112,15 +104,7 @@ std::string Compact(const Json::Value& value) {
 // Sends text as a request and prints the response; returns the exit status.
 int Exchange(const std::string& text, int timeoutMs) {
   TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
-  TagIPCMessageItem item;
-  item.target = IpcAddressContainer;
-  item.source = IpcAddressClientSide;
-  item.messageCode = IpcRequestMessageCode;
-  item.subCode = 0;
-  item.reserved = -1;
-  item.syncMessageId = RandomSyncId();
-  item.body = const_cast<char*>(text.c_str());
-  item.bodySize = static_cast<uint32_t>(text.size() + 1);
+  TagIPCMessageItem item = tarn::ipc::ClientRequest(text, tarn::ipc::RandomSyncMessageId());
   std::string response;
   int code = client.SendMessageSync(item, response, timeoutMs);
   if (code != tarn::ipc::kClientOk) return ClientFailure(code);

@@ -40,12 +40,6 @@ std::string RandomHex(std::size_t bytes) {
   return out;
 }
 
-std::int32_t RandomSyncId() {
-  std::uint32_t v = 0;
-  tarn::os::CryptGenRandom(sizeof(v), reinterpret_cast<std::uint8_t*>(&v));
-  return static_cast<std::int32_t>((v & 0x7fffffff) | 1);
-}
-
 std::string RequestText(const std::string& uri, const Json::Value& body, const std::string& pkgName) {
   Json::Value header(Json::objectValue);
   header["version"] = "1.0";
@@ -70,15 +64,7 @@ std::string RequestText(const std::string& uri, const Json::Value& body, const s
 FrameworkAnswer SendOnce(const std::string& text) {
   FrameworkAnswer answer;
   TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
-  TagIPCMessageItem item;
-  item.target = IpcAddressContainer;
-  item.source = IpcAddressClientSide;
-  item.messageCode = IpcRequestMessageCode;
-  item.subCode = 0;
-  item.reserved = -1;
-  item.syncMessageId = RandomSyncId();
-  item.body = const_cast<char*>(text.c_str());
-  item.bodySize = static_cast<std::uint32_t>(text.size() + 1);
+  TagIPCMessageItem item = tarn::ipc::ClientRequest(text, tarn::ipc::RandomSyncMessageId());
   answer.clientCode = client.SendMessageSync(item, answer.text, kAnswerTimeoutMs);
   if (answer.clientCode == 0) ReadAnswer(answer.text, answer);
   return answer;

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "platform/os/places.h"
+#include "platform/os/random.h"
 
 namespace tarn::ipc {
 namespace {
@@ -62,5 +63,24 @@ HeaderCheck DecodeFrameHeader(const unsigned char in[kFrameHeaderSize], TagIPCMe
 }
 
 std::string SocketPath() { return os::RuntimeDir() + "/ipc.sock"; }
+
+TagIPCMessageItem ClientRequest(const std::string& text, int32_t syncMessageId) {
+  TagIPCMessageItem item;
+  item.target = IpcAddressContainer;
+  item.source = IpcAddressClientSide;
+  item.messageCode = IpcRequestMessageCode;
+  item.subCode = 0;
+  item.reserved = -1;
+  item.syncMessageId = syncMessageId;
+  item.body = const_cast<char*>(text.c_str());
+  item.bodySize = static_cast<uint32_t>(text.size() + 1);
+  return item;
+}
+
+int32_t RandomSyncMessageId() {
+  uint32_t v = 0;
+  os::CryptGenRandom(sizeof(v), reinterpret_cast<uint8_t*>(&v));
+  return static_cast<int32_t>((v & 0x7fffffff) | 1);
+}
 
 }  // namespace tarn::ipc

@@ -60,4 +60,11 @@ HeaderCheck DecodeFrameHeader(const unsigned char in[kFrameHeaderSize], TagIPCMe
 // $TARNCORE_ROOT/run/tarncore/ipc.sock
 std::string SocketPath();
 
+// A client's request frame around text (which must outlive the item): the
+// addresses and codes of a request, reserved -1, the terminating zero counted.
+TagIPCMessageItem ClientRequest(const std::string& text, int32_t syncMessageId);
+// A positive, non-zero id from the system's random source, for a client that
+// has no sequence of its own.
+int32_t RandomSyncMessageId();
+
 }  // namespace tarn::ipc
