@@ -78,9 +78,9 @@ EvManager& EvManager::GetInstance() {
 }
 
 EvLibrary& EvManager::Library() {
-  static RealEvLibrary real;
+  static auto* real = new RealEvLibrary;  // never destroyed, like the manager
   EvLibrary* library = g_library.load(std::memory_order_acquire);
-  return library ? *library : real;
+  return library ? *library : *real;
 }
 
 void EvManager::SetLibraryForTesting(EvLibrary* library) {

@@ -26,8 +26,8 @@ ConfigManager& g_configManagerAtStart = ConfigManager::GetInstance();
 }  // namespace
 
 ConfigManager& ConfigManager::GetInstance() {
-  static ConfigManager instance;
-  return instance;
+  static auto* instance = new ConfigManager;  // threads WaitAll left behind may still read it
+  return *instance;
 }
 
 void ConfigManager::ResetForTesting() {

@@ -14,7 +14,7 @@ namespace tarn::config {
 namespace {
 
 std::mutex g_installMutex;
-std::string g_installOverride;
+std::string& g_installOverride = *new std::string;  // read by threads until the process ends
 
 ParentServiceControl g_parentControl;
 std::atomic<ServiceControl*> g_serviceControl{&g_parentControl};

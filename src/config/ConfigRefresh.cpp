@@ -25,8 +25,9 @@ namespace {
 constexpr std::uint32_t kFirstCyclePeriodMs = 60000;
 
 std::mutex g_hooksMutex;
-RefreshKitHooks g_kitHooks;
-RefreshWait g_wait;
+// Never destroyed: the refresh worker may outlive WaitAll's wait.
+RefreshKitHooks& g_kitHooks = *new RefreshKitHooks;
+RefreshWait& g_wait = *new RefreshWait;
 
 std::uint32_t Wait(const std::vector<tarn::os::Waitable*>& handles, std::uint32_t timeoutMs) {
   RefreshWait wait;

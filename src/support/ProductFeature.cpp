@@ -60,8 +60,8 @@ static_assert(sizeof(kFeatureKeys) / sizeof(kFeatureKeys[0]) == 15);
 ProductFeature::ProductFeature() { Reset(); }
 
 const ProductFeature& ProductFeature::GetInstance() {
-  static const ProductFeature instance;
-  return instance;
+  static const auto* instance = new ProductFeature;  // never destroyed: late threads read it
+  return *instance;
 }
 
 void ProductFeature::SetConfigPathForTesting(const std::string& path) {

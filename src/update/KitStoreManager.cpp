@@ -23,8 +23,8 @@ bool UiProcessRunning() {
 }  // namespace
 
 KitStoreManager& KitStoreManager::GetInstance() {
-  static KitStoreManager instance;
-  return instance;
+  static auto* instance = new KitStoreManager;  // threads WaitAll left behind may still use it
+  return *instance;
 }
 
 bool KitStoreManager::IsUpdating() {

@@ -65,8 +65,8 @@ bool InternetGetConnectedState() {
 }
 
 UpgradeManager& UpgradeManager::GetInstance() {
-  static UpgradeManager instance;
-  return instance;
+  static auto* instance = new UpgradeManager;  // its threads may outlive WaitAll's wait
+  return *instance;
 }
 
 void UpgradeManager::Init() {

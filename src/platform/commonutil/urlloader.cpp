@@ -9,7 +9,7 @@
 
 namespace {
 std::mutex g_pathMutex;
-std::string g_path;
+std::string& g_path = *new std::string;  // read by threads until the process ends
 }  // namespace
 
 void UrlLoader::SetAddressBookPath(const std::string& path) {

@@ -27,17 +27,19 @@ struct HeldRecord {
 };
 
 std::mutex g_mutex;  // guards everything below and the appends to the record file
-std::string g_url;
+// Never destroyed, like every state here: a reporting thread that WaitAll left
+// behind may still flush while the process exits.
+std::string& g_url = *new std::string;
 bool g_haveUrl = false;
 // Set by a failed post: the rest of the flush goes straight to the file
 // instead of waiting out a time-out per report. Cleared by FrameworkEvInit.
 bool g_serviceDown = false;
-std::vector<HeldRecord> g_held;
+std::vector<HeldRecord>& g_held = *new std::vector<HeldRecord>;
 Transport* g_transport = nullptr;
 
 Transport& CurrentTransport() {
-  static CurlTransport curl;
-  return g_transport ? *g_transport : curl;
+  static auto* curl = new CurlTransport;
+  return g_transport ? *g_transport : *curl;
 }
 
 std::string LocalTime(const char* format) {

@@ -161,7 +161,7 @@ namespace TarnCoreUcs {
 
 namespace {
 std::mutex g_ucsMutex;
-std::string g_ucsPath;
+std::string& g_ucsPath = *new std::string;
 }  // namespace
 
 void InitUcsKmsLog(const std::string& path) {

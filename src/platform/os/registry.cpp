@@ -133,8 +133,8 @@ long FileRegistryStore::SetValue(const std::string& keyPath, const std::string& 
 }
 
 RegistryStore& Registry() {
-  static FileRegistryStore files;
-  return g_override ? *g_override : files;
+  static auto* files = new FileRegistryStore;  // never destroyed: late threads read it
+  return g_override ? *g_override : *files;
 }
 
 void SetRegistryForTesting(RegistryStore* store) { g_override = store; }

@@ -11,7 +11,7 @@ namespace tarn::zbrf {
 namespace {
 
 std::mutex g_adapterMutex;
-std::shared_ptr<LogAdapter> g_adapter;
+std::shared_ptr<LogAdapter>& g_adapter = *new std::shared_ptr<LogAdapter>;  // late threads may still log
 
 }  // namespace
 
