@@ -1,8 +1,8 @@
 #pragma once
 // Raw-socket helpers for poking the IPC server below the client library, and
 // the liveness bound the socket tests share.
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -28,12 +28,17 @@ inline bool Eventually(const std::function<bool()>& done) {
   return true;
 }
 
+// Reads on this connection give up after the liveness bound.
 inline int RawConnect(const std::string& path) {
   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
   std::strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) return fd;
+  const timeval bound{kLong / 1000, 0};
+  if (::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof(bound)) == 0 &&
+      ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) {
+    return fd;
+  }
   ::close(fd);
   return -1;
 }
@@ -48,28 +53,15 @@ inline bool WriteAll(int fd, const std::string& bytes) {
 }
 
 // Reads exactly n bytes; false on end, error or time-out.
-inline bool ReadExact(int fd, std::string& out, std::size_t n, int timeoutMs = kLong) {
+inline bool ReadExact(int fd, std::string& out, std::size_t n) {
   out.assign(n, '\0');
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  for (std::size_t got = 0; got < n;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now()).count();
-    if (left <= 0) return false;
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(left)) <= 0) continue;
-    ssize_t r = ::recv(fd, out.data() + got, n - got, 0);
-    if (r <= 0) return false;
-    got += static_cast<std::size_t>(r);
-  }
-  return true;
+  return ::recv(fd, out.data(), n, MSG_WAITALL) == static_cast<ssize_t>(n);
 }
 
 // True when the peer closed the connection within the time.
 inline bool WaitClosed(int fd) {
-  pollfd p{fd, POLLIN, 0};
-  if (::poll(&p, 1, kLong) <= 0) return false;
   char c;
-  ssize_t r = ::recv(fd, &c, 1, MSG_DONTWAIT);
+  ssize_t r = ::recv(fd, &c, 1, 0);
   return r == 0 || (r < 0 && errno == ECONNRESET);
 }
 

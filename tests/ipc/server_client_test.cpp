@@ -150,11 +150,11 @@ TEST_P(IpcServerTest, RequestsFromOneConnectionRunAtOnce) {
     std::set<int32_t> answered;
     for (int i = 0; i < kRequests; ++i) {
       std::string header, body;
-      ASSERT_TRUE(ReadExact(fd, header, 32, 2 * kLong));
+      ASSERT_TRUE(ReadExact(fd, header, 32));
       TagIPCMessageItem item;
       ASSERT_EQ(tarn::ipc::HeaderCheck::Ok,
                 tarn::ipc::DecodeFrameHeader(reinterpret_cast<const unsigned char*>(header.data()), item));
-      ASSERT_TRUE(ReadExact(fd, body, item.bodySize, kLong));
+      ASSERT_TRUE(ReadExact(fd, body, item.bodySize));
       answered.insert(item.syncMessageId);
     }
     EXPECT_EQ(static_cast<std::size_t>(kRequests), answered.size());
