@@ -1,13 +1,10 @@
 // Every line of the pipeline is formed by the log's Line; it must read exactly
 // as a fresh std::ostringstream would have made it, whatever was inserted.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdint>
-#include <ctime>
 #include <fstream>
 #include <iomanip>
-#include <regex>
 #include <sstream>
 #include <string>
 
@@ -66,26 +63,17 @@ TEST(LogLine, EachLineStartsFromDefaultFormattingAndNestedLinesStayWhole) {
             texts);
 }
 
-// A line in the file: local date and time with milliseconds, pid and thread,
-// level letter, tag, text.
-TEST(LogLine, FileLinesCarryTheLocalTimePidLevelAndTag) {
+// The log library's suite checks a file line's time, pid and thread. A line of
+// the TARNLOG functions has its own tag, its level letter and no place.
+TEST(LogLine, TaggedDebugLineInTheFile) {
   tarn::test::TempRoot root;
   tarn::log::LogCapture capture;  // keeps the threshold at debug
   tarn::log::Open("LogLineTest", 2, 1);
-  const std::time_t now = std::time(nullptr);
-  CLOGW("LogLine::File", "first " << 1);
   TARNLOGD("zbrf", "second");
   FlushTarnLogFile();
-  char today[16];
-  std::strftime(today, sizeof(today), "%Y-%m-%d", std::localtime(&now));
-  const std::string prefix = "\\[" + std::string(today) + R"( \d{2}:\d{2}:\d{2}\.\d{3}\] \[)" +
-                             std::to_string(::getpid()) + R"(:\d+\] )";
-  std::ifstream in(tarn::log::LogFilePath());
   std::string line;
-  for (const char* rest : {R"(\[W\] \[container\] first 1\(LogLine::File\))", R"(\[D\] \[zbrf\] second)"}) {
-    std::getline(in, line);
-    EXPECT_TRUE(std::regex_match(line, std::regex(prefix + rest))) << line;
-  }
+  std::getline(std::ifstream(tarn::log::LogFilePath()), line);
+  EXPECT_TRUE(line.ends_with("] [D] [zbrf] second")) << line;
 }
 
 }  // namespace
