@@ -32,6 +32,11 @@ std::string InstallFolder() {
   return dir;
 }
 
+std::string Cased(std::string text, int (*to)(int)) {
+  for (auto& c : text) c = static_cast<char>(to(static_cast<unsigned char>(c)));
+  return text;
+}
+
 class FakeVerifier : public SignatureVerifyer {
  public:
   int ProcessGetPeFilePath(uint32_t processId, std::wstring& out) override {
@@ -122,16 +127,12 @@ TEST_F(GatesTest, TheCoreIsTheCoreClientIdFromAVerifiedProgramOfTheInstallationF
   EXPECT_TRUE(log_.Has(Level::Error, "GetAndVerifyTarnCoreExePath failed, pid = 12(KitManagerApi::IsTarnCorerequest)"));
 
   // The folder is matched in any case, anywhere in the path.
-  std::string upper = InstallFolder() + "/sub/TarnCoreUI";
-  std::transform(upper.begin(), upper.end(), upper.begin(), [](unsigned char c) { return std::toupper(c); });
-  EXPECT_TRUE(KitApiGates::CheckIsInstallationPath(upper));
+  EXPECT_TRUE(KitApiGates::CheckIsInstallationPath(Cased(InstallFolder() + "/sub/TarnCoreUI", ::toupper)));
   EXPECT_TRUE(KitApiGates::CheckIsInstallationPath("/chroot" + InstallFolder() + "2/x"));
   verifier_.verified = true;
   verifier_.path = "/usr/bin/impostor";
   EXPECT_FALSE(KitApiGates::IsTarnCorerequest(3, header_));
-  std::string lowered = InstallFolder();
-  std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](unsigned char c) { return std::tolower(c); });
-  EXPECT_TRUE(log_.Has(Level::Info, "Path Mismatch, sProgPath = " + lowered +
+  EXPECT_TRUE(log_.Has(Level::Info, "Path Mismatch, sProgPath = " + Cased(InstallFolder(), ::tolower) +
                                         " modulesExePath = /usr/bin/impostor(KitManagerApi::CheckIsInstallationPath)"));
 }
 
@@ -180,11 +181,10 @@ TEST_F(GatesTest, AClientsFingerprintIsJudgedByTheScopeService) {
   EXPECT_EQ(ScopeUtil::CheckCertFingerprint("client-7", 99, "", "", "X.Y"), 1);
   ASSERT_EQ(service_->Requests().size(), 2u);
   EXPECT_EQ(service_->Requests()[1].fields[2].at(0), "");
-  bool signLine = false;
-  for (const auto& r : log_.Records())
-    signLine |= r.level == Level::Error && r.tag == "SIGN" &&
-                r.text == "ProcessGetPeFilePath failed, return empty thumb.(ScopeUtil::CalcProcessExe)";
-  EXPECT_TRUE(signLine);
+  EXPECT_TRUE(std::ranges::any_of(log_.Records(), [](const auto& r) {
+    return r.level == Level::Error && r.tag == "SIGN" &&
+           r.text == "ProcessGetPeFilePath failed, return empty thumb.(ScopeUtil::CalcProcessExe)";
+  }));
 }
 
 TEST_F(GatesTest, WithoutAClientIdOnlyTheAccountRequestOfAMakerSignedProgramPasses) {

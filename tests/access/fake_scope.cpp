@@ -1,8 +1,15 @@
 #include "fake_scope.h"
 
+#include <filesystem>
+
 namespace access_test {
 
 using tarn::zbrf::ZParcel;
+
+void WritePolicy(const tarn::test::TempRoot& root, const std::string& text) {
+  root.WriteFile("etc/tarncore/scope-policy.json.tmp", text);
+  std::filesystem::rename(root.At("etc/tarncore/scope-policy.json.tmp"), root.At("etc/tarncore/scope-policy.json"));
+}
 
 DecodedRequest Decode(uint32_t code, ZParcel data) {
   data.Rewind();

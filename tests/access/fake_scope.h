@@ -11,8 +11,21 @@
 #include "access/scope_proxy.h"
 #include "platform/zbrf/zobject.h"
 #include "platform/zbrf/zparcel.h"
+#include "support/temp_root.h"
 
 namespace access_test {
+
+// Client 100 is admitted (fingerprint in lower case) and holds two scopes;
+// 200 is admitted but not whitelisted; 300 has entries of the wrong kinds.
+inline constexpr const char* kPolicy = R"({ "clients": {
+  "100": { "fingerprints": ["ab12"], "permissions": ["contacts.read"],
+           "scopes": [ { "id": 3, "name": "mail", "url": "https://mail", "permissions": ["mail.send", "mail.read"] },
+                       { "id": 4, "name": "files", "url": "https://files", "permissions": ["files.read"] } ] },
+  "200": { "fingerprints": ["CD34", "EF56"], "whitelist": false },
+  "300": { "fingerprints": "not a list", "scopes": [ 5, { "id": "x", "name": "odd" } ] } } })";
+
+// Replaces the policy file through a new file and a rename, as editors and installers do.
+void WritePolicy(const tarn::test::TempRoot& root, const std::string& text);
 
 // A decoded request: its header and its string fields by number.
 struct DecodedRequest {

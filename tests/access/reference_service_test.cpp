@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 
 #include "access/scope_proxy.h"
 #include "fake_scope.h"
@@ -15,14 +14,8 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using access_test::RecordingSink;
 using Clock = std::chrono::steady_clock;
-
-const char* kPolicy = R"({ "clients": {
-  "100": { "fingerprints": ["AB12"], "permissions": ["contacts.read"],
-           "scopes": [ { "id": 3, "name": "mail", "url": "https://mail", "permissions": ["mail.send"] } ] },
-  "200": { "fingerprints": ["CD34"], "whitelist": false } } })";
 
 class ScopeServiceTest : public ::testing::Test {
  protected:
@@ -32,17 +25,14 @@ class ScopeServiceTest : public ::testing::Test {
     ::unsetenv("ZBRF_TEST_BEHAVIOUR");
   }
 
-  void WritePolicy(const std::string& text) {
-    env_.root().WriteFile("etc/tarncore/scope-policy.json.tmp", text);
-    fs::rename(env_.root().At("etc/tarncore/scope-policy.json.tmp"), env_.root().At("etc/tarncore/scope-policy.json"));
-  }
+  void WritePolicy(const std::string& text) { access_test::WritePolicy(env_.root(), text); }
   // The reference service, both builds, as the package ships it.
   void InstallReference() {
     env_.Install(TARN_SCOPE_SANDBOX, "TarnCoreScopeSandbox");
     env_.Install(TARN_SCOPE_LIBRARY, "libtarn_scope_service.so");
     env_.Install(TARN_SCOPE_SERVICE_INFO, "ServiceInfo.json");
     ASSERT_TRUE(manager_.RegisterServiceInfo(env_.PackageDir() + "/ServiceInfo.json"));
-    WritePolicy(kPolicy);
+    WritePolicy(access_test::kPolicy);
   }
   // The test sandbox in the sandboxed build's place, and no native build to fall back to.
   void InstallMisbehaving(const char* behaviour) {
@@ -85,7 +75,7 @@ TEST_F(ScopeServiceTest, TheSandboxedBuildDecidesFromThePolicyAndReadsItAgainWhe
   EXPECT_TRUE(proxy->CheckApiPermission("100", "mail.send", "https://mail"));
   std::list<Scope> scopes;
   proxy->GetScopeByAppId("100", scopes);
-  ASSERT_EQ(scopes.size(), 1u);
+  ASSERT_EQ(scopes.size(), 2u);
   EXPECT_EQ(scopes.front().GetUrl(), "https://mail");
   proxy->SetLastCheckTime("100");
   proxy->InvokeOpenGateway("204518762");

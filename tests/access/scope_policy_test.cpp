@@ -5,29 +5,19 @@
 #include <filesystem>
 #include <fstream>
 
+#include "fake_scope.h"
 #include "scope_service_object.h"
-#include "support/temp_root.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using access_test::kPolicy;
 using tarn::scope::ScopePolicy;
 using tarn::zbrf::ZParcel;
 
-const char* kPolicy = R"({ "clients": {
-  "100": { "fingerprints": ["ab12"], "permissions": ["contacts.read"],
-           "scopes": [ { "id": 3, "name": "mail", "url": "https://mail", "permissions": ["mail.send", "mail.read"] },
-                       { "id": 4, "name": "files", "url": "https://files", "permissions": ["files.read"] } ] },
-  "200": { "fingerprints": ["CD34", "EF56"], "whitelist": false },
-  "300": { "fingerprints": "not a list", "scopes": [ 5, { "id": "x", "name": "odd" } ] } } })";
-
 class ScopePolicyTest : public ::testing::Test {
  protected:
-  // Writes through a new file and a rename, as editors and installers do.
-  void Write(const std::string& text) {
-    root_.WriteFile("etc/tarncore/scope-policy.json.tmp", text);
-    fs::rename(root_.At("etc/tarncore/scope-policy.json.tmp"), root_.At("etc/tarncore/scope-policy.json"));
-  }
+  void Write(const std::string& text) { access_test::WritePolicy(root_, text); }
   tarn::test::TempRoot root_;
   ScopePolicy policy_{tarn::scope::DefaultPolicyPath()};
 };

@@ -5,6 +5,7 @@
 
 #include <regex>
 #include <thread>
+#include <tuple>
 
 #include "fake_scope.h"
 #include "platform/log/log_capture.h"
@@ -54,11 +55,8 @@ TEST_F(ScopeProxyTest, WithNeitherBuildEveryCallRefusesAtOnce) {
   // Only the failed creation was reported, with an elapsed time of 0.
   auto records = sink_.Records();
   ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].statusCode, "907180001");
-  EXPECT_EQ(records[0].apiName, "framework.CreateScopeService");
-  EXPECT_EQ(records[0].callTime, "0");
-  EXPECT_EQ(records[0].package, "com.vantrel.tarn.framework");
-  EXPECT_EQ(records[0].result, "-1");
+  EXPECT_EQ(std::tie(records[0].statusCode, records[0].apiName, records[0].callTime, records[0].package, records[0].result),
+            std::tuple("907180001", "framework.CreateScopeService", "0", "com.vantrel.tarn.framework", "-1"));
   EXPECT_TRUE(std::regex_match(records[0].transId, std::regex(R"(framework\.CreateScopeService\d{14}\d{1,9})")))
       << records[0].transId;
 }
@@ -77,11 +75,10 @@ TEST_F(ScopeProxyTest, ABrokenSandboxFallsBackToTheNativeBuildForGood) {
   EXPECT_TRUE(log_.Has(Level::Info, "scope proxy create service with dll success(ScopeProxy::CreateDllScopeService)"));
   auto records = sink_.Records();
   ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].statusCode, "-1");
-  EXPECT_EQ(records[0].apiName, "framework.CheckPermission");
-  EXPECT_EQ(records[0].callTime, "21");  // three failed tries of 7 ms
-  EXPECT_EQ(records[1].statusCode, "907180001");
-  EXPECT_EQ(records[1].callTime, "0");
+  // Three failed tries of 7 ms, then the native build's creation.
+  EXPECT_EQ(std::tie(records[0].statusCode, records[0].apiName, records[0].callTime),
+            std::tuple("-1", "framework.CheckPermission", "21"));
+  EXPECT_EQ(std::tie(records[1].statusCode, records[1].callTime), std::tuple("907180001", "0"));
 
   // From now on only the native build is asked, once per call, even when it fails.
   EXPECT_EQ(proxy->CheckCertFingerprint("app", "FP"), 0);

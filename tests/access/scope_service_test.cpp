@@ -19,13 +19,11 @@ class Remote : public ZObject {
                 uint32_t flags) override {
     requests.push_back(Decode(code, *data));
     lastFlags = flags;
-    if (!succeed) return false;
     reply->SetData(replyBytes);
     return true;
   }
   std::vector<access_test::DecodedRequest> requests;
   uint32_t lastFlags = 99;
-  bool succeed = true;
   std::string replyBytes;
 };
 
