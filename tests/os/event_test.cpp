@@ -13,12 +13,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-std::vector<Waitable*> Handles(const std::vector<std::shared_ptr<Event>>& events) {
-  std::vector<Waitable*> out;
-  for (const auto& e : events) out.push_back(e.get());
-  return out;
-}
-
 TEST(EventTest, ManualStaysSetUntilResetAutoReleasesOneWaitPerSignal) {
   auto manual = Event::Create(true, false);
   ASSERT_TRUE(manual);
@@ -53,8 +47,8 @@ TEST(EventTest, AutoResetWakesExactlyOneOfTwoWaiters) {
 
 TEST(EventTest, WaitForAnyGivesTheLowestSignalledIndexOfAtMostSixtyFour) {
   std::vector<std::shared_ptr<Event>> events;
-  for (int i = 0; i < 65; ++i) events.push_back(Event::Create(i != 3, false));
-  auto all = Handles(events);
+  std::vector<Waitable*> all;
+  for (int i = 0; i < 65; ++i) all.push_back(events.emplace_back(Event::Create(i != 3, false)).get());
   std::vector<Waitable*> five(all.begin(), all.begin() + 5), first64(all.begin(), all.begin() + 64);
   EXPECT_EQ(WaitForAny(five, 0), kWaitTimeout);
   events[4]->Set();

@@ -72,10 +72,7 @@ TEST(MessageQueueTest, MsgWaitReportsEventsFirstThenMessagesAlsoFromOtherThreads
   // The queue takes the last of the 64 slots.
   std::vector<std::shared_ptr<Event>> many;
   std::vector<Waitable*> tooMany;
-  for (int i = 0; i < 64; ++i) {
-    many.push_back(Event::Create(true, true));
-    tooMany.push_back(many.back().get());
-  }
+  for (int i = 0; i < 64; ++i) tooMany.push_back(many.emplace_back(Event::Create(true, true)).get());
   EXPECT_EQ(MsgWaitForMultipleObjects(tooMany, 0), kWaitFailed);
 }
 
