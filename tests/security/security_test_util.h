@@ -1,35 +1,28 @@
 #pragma once
-// Files, keys and child processes for the signature tests.
+// Files, keys and programs for the signature tests; children are started and
+// reaped with the integration tests' helpers.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "integration/programs.h"
 #include "platform/security/signature.h"
 #include "support/temp_root.h"
 
 namespace tarn::test {
-
-inline std::string ReadBytes(const std::string& path) {
-  std::ostringstream out;
-  out << std::ifstream(path, std::ios::binary).rdbuf();
-  return out.str();
-}
 
 inline void WriteBytes(const std::string& path, const std::string& bytes, unsigned mode = 0644) {
   if (!(std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes)) throw std::runtime_error("cannot write " + path);
   ::chmod(path.c_str(), mode);
 }
 
-inline void CopyExecutable(const std::string& from, const std::string& to) { WriteBytes(to, ReadBytes(from), 0755); }
+inline void CopyExecutable(const std::string& from, const std::string& to) { WriteBytes(to, ReadText(from), 0755); }
 
 inline security::SigningKey NewKey() {
   auto key = security::SigningKey::Generate();
@@ -47,25 +40,6 @@ class TrustedKeysTest : public ::testing::Test {
   TempRoot root;
   security::SigningKey maker = NewKey(), platform = NewKey();
 };
-
-// posix_spawn returns once the program is in place, so /proc/<pid>/exe names it.
-inline pid_t Spawn(const std::string& path, const std::vector<std::string>& args) {
-  std::vector<char*> argv{const_cast<char*>(path.c_str())};
-  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  pid_t pid = -1;
-  if (::posix_spawn(&pid, path.c_str(), nullptr, nullptr, argv.data(), environ) != 0)
-    throw std::runtime_error("cannot start " + path);
-  return pid;
-}
-
-// Kills and reaps a child once.
-inline void Stop(pid_t& pid) {
-  if (pid <= 0) return;
-  ::kill(pid, SIGKILL);
-  ::waitpid(pid, nullptr, 0);
-  pid = -1;
-}
 
 struct RunResult {
   int exitCode = -1;

@@ -8,7 +8,7 @@
 #include "support/temp_root.h"
 
 namespace ts = tarn::security;
-using tarn::test::ReadBytes;
+using tarn::test::ReadText;
 using tarn::test::RunProgram;
 
 namespace {
@@ -40,7 +40,7 @@ class SignToolTest : public ::testing::Test {
 TEST_F(SignToolTest, KeygenSignTrustVerify) {
   auto pubKey = ts::ReadPublicKeyFile(pub);
   ASSERT_TRUE(pubKey);
-  EXPECT_EQ(ReadBytes(pub), ts::KeyToHex(*pubKey) + "\n");
+  EXPECT_EQ(ReadText(pub), ts::KeyToHex(*pubKey) + "\n");
   struct stat st {};
   ASSERT_EQ(::stat(priv.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
@@ -91,7 +91,7 @@ TEST_F(SignToolTest, ErrorsHaveClearMessagesAndCodes) {
     Expect(c.args, c.code, c.text);
   }
   EXPECT_EQ(Run({}).exitCode, kUsage);
-  EXPECT_EQ(ReadBytes(a), ReadBytes(TARN_SECURITY_HELPER));  // untouched
+  EXPECT_EQ(ReadText(a), ReadText(TARN_SECURITY_HELPER));  // untouched
 }
 
 }  // namespace

@@ -16,7 +16,7 @@
 #include "security_test_util.h"
 
 namespace ts = tarn::security;
-using tarn::test::ReadBytes;
+using tarn::test::ReadText;
 using tarn::test::TempRoot;
 using tarn::test::WriteBytes;
 
@@ -46,7 +46,7 @@ class SignatureTest : public tarn::test::TrustedKeysTest {
 
 TEST_F(SignatureTest, TrailerHasTheAgreedLayout) {
   const std::string payload = "some payload bytes";
-  std::string bytes = ReadBytes(SignedFile("f.bin", payload, maker));
+  std::string bytes = ReadText(SignedFile("f.bin", payload, maker));
   ASSERT_EQ(bytes.size(), payload.size() + 112);
   EXPECT_EQ(bytes.substr(0, payload.size()), payload);
   ts::PublicKey pub = maker.Public();
@@ -95,7 +95,7 @@ TEST_F(SignatureTest, PayloadsOfAnySizeVerifyAndAnyChangedByteBreaksThem) {
     ts::Inspection r = ts::VerifyFile(path, ts::Trust::kMakerOnly);
     EXPECT_EQ(r.status, ts::Status::kValid);
     EXPECT_EQ(r.payloadSize, size);
-    const std::string good = ReadBytes(path);
+    const std::string good = ReadText(path);
     // First, middle and last payload byte, a key byte, a signature byte.
     for (std::size_t pos : {std::size_t{0}, size / 2, size - 1, size + 5, size + 32 + 10}) {
       if (pos >= good.size()) continue;  // size - 1 of an empty payload
@@ -115,7 +115,7 @@ TEST_F(SignatureTest, PayloadsOfAnySizeVerifyAndAnyChangedByteBreaksThem) {
 TEST_F(SignatureTest, TruncatedAndDoubledTrailersFailAndSigningRepairsOnlyWholeOnes) {
   const std::string payload(500, 'p');
   std::string path = SignedFile("f.bin", payload, maker);
-  const std::string good = ReadBytes(path);
+  const std::string good = ReadText(path);
   const std::string trailer = good.substr(payload.size());
   // A second trailer whose signature is right for everything before it (what a
   // signer that appends without stripping would make) is refused all the same.
@@ -135,7 +135,7 @@ TEST_F(SignatureTest, TruncatedAndDoubledTrailersFailAndSigningRepairsOnlyWholeO
   EXPECT_EQ(ts::InspectFile(path).status, ts::Status::kTruncated);
   // Signing such a file again replaces both trailers with one.
   ASSERT_TRUE(ts::SignFile(path, platform));
-  EXPECT_EQ(ReadBytes(path).size(), payload.size() + 112);
+  EXPECT_EQ(ReadText(path).size(), payload.size() + 112);
   EXPECT_EQ(ts::ReadSignerKey(path), platform.Public());
 
   // Too short to hold a trailer: refused, and the file is left alone.
@@ -144,7 +144,7 @@ TEST_F(SignatureTest, TruncatedAndDoubledTrailersFailAndSigningRepairsOnlyWholeO
   std::string error;
   EXPECT_FALSE(ts::SignFile(path, maker, &error));
   EXPECT_NE(error.find("truncated"), std::string::npos) << error;
-  EXPECT_EQ(ReadBytes(path), "abc~TarnCoreSigned~");
+  EXPECT_EQ(ReadText(path), "abc~TarnCoreSigned~");
 }
 
 TEST_F(SignatureTest, BadInputsFailPlainly) {
@@ -210,15 +210,17 @@ TEST_F(SignatureTest, TrustStoreReadsOnlyWellFormedPubFiles) {
 
 class ProcessSignatureTest : public tarn::test::TrustedKeysTest {
  protected:
-  void TearDown() override {
-    for (auto& pid : children) tarn::test::Stop(pid);
+  void TearDown() override { StopChildren(); }
+  void StopChildren() {
+    for (pid_t pid : children) tarn::test::KillAndReap(pid);
+    children.clear();
   }
   // A copy of the helper, signed by key (or left unsigned), started in "wait" mode.
   pid_t StartHelper(const std::string& name, const ts::SigningKey* key) {
     std::string path = root.At(name);
     tarn::test::CopyExecutable(TARN_SECURITY_HELPER, path);
     EXPECT_TRUE(!key || ts::SignFile(path, *key)) << path;
-    children.push_back(tarn::test::Spawn(path, {"wait"}));
+    children.push_back(tarn::test::Spawn({path, "wait"}));
     return children.back();
   }
   std::string Exe(const std::string& name) { return std::filesystem::canonical(root.At(name)).string(); }
@@ -276,7 +278,7 @@ TEST_F(ProcessSignatureTest, GoneProcessesAreUnverifiable) {
   EXPECT_EQ(v->Verify(pid), static_cast<int>(ts::Status::kProcessGone));
   EXPECT_NE(v->VerifyVantrelExe(pid), 0);
 
-  for (auto& child : children) tarn::test::Stop(child);  // reaped
+  StopChildren();  // reaped
   EXPECT_EQ(v->Verify(pinned), static_cast<int>(ts::Status::kProcessGone));
   tarn::os::UnpinProcess(pinned);
   std::string exe;
