@@ -39,12 +39,12 @@ std::uint32_t Wait(const std::vector<tarn::os::Waitable*>& handles, std::uint32_
 }
 
 // The HTTPS GET of the utility library: 0 on success; otherwise the HTTP status
-// when the server answered, else -1. The transfer gives no header text.
-int RequestHttpsGetDo(const std::string& url, const std::vector<std::string>& /*headers*/,
-                      std::string& response, std::string& /*responseHeader*/) {
+// when the server answered, else -1. The refresh sends no request headers.
+int RequestHttpsGetDo(const std::string& url, std::string& response, std::string& responseHeader) {
   tarn::http::HttpResponse answer;
   if (HttpUtil::HttpGet(url, answer)) {
     response = std::move(answer.body);
+    responseHeader = std::move(answer.header);
     return 0;
   }
   return answer.status != 0 ? static_cast<int>(answer.status) : -1;
@@ -143,7 +143,7 @@ int ConfigManager::DownloadConfigFile() {
 
   std::string strResp;
   std::string strHeader;
-  const int ret = tarn::config::RequestHttpsGetDo(url, {}, strResp, strHeader);
+  const int ret = tarn::config::RequestHttpsGetDo(url, strResp, strHeader);
   if (ret != 0) {
     CLOGE("ConfigManager::DownloadConfigFile", "Download remoteconfig failed. ret = " << ret);
     return result;

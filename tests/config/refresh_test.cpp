@@ -1,55 +1,37 @@
-// The refresh of the remote configuration: the worker's timing, the fetch and
-// its comparison with the cached copy, and what is applied afterwards.
+// The refresh of the remote configuration: the worker's timing, the fetch from
+// the reference cloud and its comparison with the cached copy, and what is
+// applied afterwards.
 #include <gtest/gtest.h>
 
 #include <deque>
 #include <fstream>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include "config/ConfigRefresh.h"
 #include "config_fixture.h"
+#include "integration/programs.h"
 #include "platform/commonutil/httputil.h"
 #include "platform/commonutil/urlloader.h"
 #include "thread/ThreadManager.h"
 
 using tarn::log::Level;
+using tarn::test::CountText;
 
 namespace {
 
-constexpr const char* kBase = "https://config.example.test";
+constexpr const char* kConfigRequest =
+    "GET /servicesupport/updateserver/data/com.vantrel.tarncore_framework_kitconfig?DT=20";
 
-// Answers GETs from a script; every url asked for is kept.
-class ScriptedHttp : public tarn::http::HttpClient {
- public:
-  bool Get(const std::string& url, tarn::http::HttpResponse& response, std::uint32_t) override {
-    urls.push_back(url);
-    if (answers.empty()) return false;
-    auto [status, body] = answers.front();
-    answers.pop_front();
-    response.status = status;
-    response.body = body;
-    return status == 200;
-  }
-  bool Post(const std::string&, const std::string&, const std::string&, tarn::http::HttpResponse&,
-            std::uint32_t) override {
-    return false;
-  }
-  bool Download(const std::string&, const std::string&, tarn::http::HttpResponse&, std::uint32_t) override {
-    return false;
-  }
-  std::deque<std::pair<long, std::string>> answers;
-  std::vector<std::string> urls;
-};
-
+// The fetch goes through libcurl to the reference cloud.
 class Refresh : public tarn::test::ConfigFixture {
  protected:
   void SetUp() override {
     ConfigFixture::SetUp();
-    tarn::http::SetHttpClientForTesting(&http);
-    root.WriteFile("opt/tarncore/config/service_urls.json",
-                   std::string(R"({"com.vantrel.configserver": {"ROOT": ")") + kBase + R"("}})");
+    ASSERT_TRUE(HttpUtil::Https_curl_global_init());
+    cloud = std::make_unique<tarn::test::Cloud>(root, install + "config/service_urls.json");
     UrlLoader::SetAddressBookPath(install + "config/service_urls.json");
     tarn::config::SetRefreshKitHooks({[this](const std::string& p) { return loaded.count(p) > 0; },
                                       [this](const std::string& p) {
@@ -62,7 +44,8 @@ class Refresh : public tarn::test::ConfigFixture {
     tarn::config::SetRefreshKitHooks({});
     tarn::config::SetRefreshWaitForTesting({});
     UrlLoader::SetAddressBookPath("");
-    tarn::http::SetHttpClientForTesting(nullptr);
+    cloud.reset();
+    HttpUtil::Https_curl_global_free();
     ConfigFixture::TearDown();
   }
 
@@ -73,19 +56,18 @@ class Refresh : public tarn::test::ConfigFixture {
     return text.str();
   }
 
-  ScriptedHttp http;
+  std::unique_ptr<tarn::test::Cloud> cloud;
   std::set<std::string> loaded;
   std::vector<std::string> loads;
   bool hasScope = true;
   int scopeCreated = 0;
 };
 
-TEST_F(Refresh, NewCopyIsAppliedAndListedKitsLoaded) {
-  http.answers.push_back({503, "busy"});
+TEST_F(Refresh, CloudCopyIsSavedAndAppliedUnlessItEqualsTheCachedOne) {
+  // The cloud has nothing to serve yet.
   EXPECT_FALSE(cm.GetConfigFromCloud());
-  EXPECT_TRUE(log.Has(Level::Error, "Download remoteconfig failed. ret = 503(ConfigManager::DownloadConfigFile)"));
-  EXPECT_EQ(http.urls.at(0),
-            std::string(kBase) + "/servicesupport/updateserver/data/com.vantrel.tarncore_framework_kitconfig?DT=20");
+  EXPECT_TRUE(log.Has(Level::Error, "Download remoteconfig failed. ret = 404(ConfigManager::DownloadConfigFile)"));
+  EXPECT_EQ(cloud->Requests(), std::string(kConfigRequest) + " 404\n");
 
   SetVersion("5.0");
   for (std::string kit : {"Zero", "One", "Two", "Done"}) {
@@ -96,13 +78,18 @@ TEST_F(Refresh, NewCopyIsAppliedAndListedKitsLoaded) {
   loaded = {"com.Done"};
   hasScope = false;
 
-  http.answers.push_back({200, R"({"packageInfo":[
+  const std::string fresh = R"({"packageInfo":[
     {"packageName":"com.One","forceUpdate":"1","invalidVersionCode":["5.0"],"subKits":[{"kitName":"One"}]},
     {"packageName":"com.Two","forceUpdate":"2","invalidVersionCode":["5.0"],"subKits":[{"kitName":"Two"}]},
     {"packageName":"com.Zero","subKits":[{"kitName":"Zero"}]},
-    {"packageName":"com.Done","subKits":[{"kitName":"Done"}]}]})"});
+    {"packageName":"com.Done","subKits":[{"kitName":"Done"}]}]})";
+  cloud->Serve("remoteConfig.json", fresh);
   log.Clear();
   EXPECT_TRUE(cm.GetConfigFromCloud());
+  // The body, then the response's header lines as they came.
+  EXPECT_EQ(log.CountContaining("strResp : " + fresh + "strHeader : HTTP/1.1 200 OK\r\n"), 1u);
+  EXPECT_EQ(log.CountContaining("\r\nETag: \""), 1u);
+  EXPECT_EQ(Cached(), fresh);
   EXPECT_EQ(loads, (std::vector<std::string>{"com.Two", "com.Zero"}));
   EXPECT_EQ(scopeCreated, 1);
   EXPECT_EQ(cm.kitApiDispathMap.count("Zero.Request"), 1u);
@@ -110,16 +97,16 @@ TEST_F(Refresh, NewCopyIsAppliedAndListedKitsLoaded) {
 
   // The same text again: nothing is written, read or loaded.
   loads.clear();
-  http.answers.push_back({200, Cached()});
   log.Clear();
   EXPECT_TRUE(cm.GetConfigFromCloud());
+  EXPECT_TRUE(log.Has(Level::Info, "Cloud remoteconfig is same with local one, no need save it.(ConfigManager::DownloadConfigFile)"));
   EXPECT_TRUE(loads.empty());
   EXPECT_FALSE(log.Contains("The current x64 TARNCORE version"));  // not read again
 
   // A body that isn't JSON is saved; the installed copy is read instead and
   // its kits are loaded.
   loaded.clear();
-  http.answers.push_back({200, "<html>maintenance</html>"});
+  cloud->Serve("remoteConfig.json", "<html>maintenance</html>");
   EXPECT_TRUE(cm.GetConfigFromCloud());
   EXPECT_EQ(Cached(), "<html>maintenance</html>");
   EXPECT_EQ(loads, (std::vector<std::string>{"com.Done"}));
@@ -129,7 +116,7 @@ TEST_F(Refresh, NewCopyIsAppliedAndListedKitsLoaded) {
   // the fetch itself worked.
   ::unlink((install + "config/remoteConfig.json").c_str());
   loads.clear();
-  http.answers.push_back({200, "still not json"});
+  cloud->Serve("remoteConfig.json", "still not json");
   EXPECT_TRUE(cm.GetConfigFromCloud());
   EXPECT_EQ(service.stops, 1);
   EXPECT_TRUE(loads.empty());
@@ -160,7 +147,7 @@ TEST_F(Refresh, WorkerFetchesAfterAMinuteThenDailyAndOwesAFailedFirstFetch) {
 
   EXPECT_EQ(waits, (std::vector<std::uint32_t>{60000, 120000, 120000, 120000}));
   EXPECT_EQ(checkDoneBeforeWait, (std::vector<bool>{true, false, true, true}));
-  EXPECT_EQ(http.urls.size(), 3u);  // the exit result fetches nothing
+  EXPECT_EQ(CountText(root.At("cloud/received/requests.log"), kConfigRequest), 3);  // the exit result fetches nothing
   EXPECT_TRUE(cm.configCheckDone);
   EXPECT_TRUE(log.Has(Level::Info, "ConfigManager WorkerThread start.(ConfigManager::WorkerThread)"));
   EXPECT_TRUE(log.Has(Level::Info, "RemoteConfig param WorkerThread Try to get remote config from cloud. "

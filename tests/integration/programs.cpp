@@ -97,6 +97,28 @@ bool WaitForText(const std::string& path, const std::string& text, std::chrono::
   return true;
 }
 
+Cloud::Cloud(const TempRoot& root, const std::string& addressBook) : root_(root) {
+  root.MakeDir("cloud");
+  pid_ = Spawn({SourceDir() + "/tools/cloud/tarncore-cloud", "--content", root.At("cloud"), "--address-book",
+                addressBook});
+  // The book is written whole once the port is bound.
+  if (!WaitForText(addressBook, "com.vantrel.evservice", std::chrono::seconds(30))) {
+    KillAndReap(pid_);
+    throw std::runtime_error("tarncore-cloud did not start");
+  }
+}
+
+Cloud::~Cloud() {
+  ::kill(pid_, SIGTERM);
+  if (!WaitExit(pid_, std::chrono::seconds(10))) KillAndReap(pid_);
+}
+
+void Cloud::Serve(std::string_view relative, std::string_view content) const {
+  root_.WriteFile("cloud/" + std::string(relative), content);
+}
+
+std::string Cloud::Requests() const { return ReadText(root_.At("cloud/received/requests.log")); }
+
 std::string ContainerLog(const TempRoot& root) { return root.At("var/lib/Vantrel/TARNCORE/log/TarnCoreContainer.log"); }
 std::string ServiceLog(const TempRoot& root) { return root.At("var/lib/Vantrel/TARNCORE/log/TarnCoreService.log"); }
 

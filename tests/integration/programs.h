@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/temp_root.h"
@@ -34,5 +35,25 @@ bool WaitForText(const std::string& path, const std::string& text, std::chrono::
                  int times = 1);
 std::string ContainerLog(const TempRoot& root);
 std::string ServiceLog(const TempRoot& root);
+
+// The reference cloud (tools/cloud/tarncore-cloud) on a free port for the
+// lifetime of the object. It serves what <root>/cloud/ holds at each request
+// and writes the address book that points at it to `addressBook`.
+class Cloud {
+ public:
+  Cloud(const TempRoot& root, const std::string& addressBook);
+  ~Cloud();
+  Cloud(const Cloud&) = delete;
+  Cloud& operator=(const Cloud&) = delete;
+
+  // Puts a file in the content folder ("remoteConfig.json", "update.json", ...).
+  void Serve(std::string_view relative, std::string_view content) const;
+  // One "METHOD PATH STATUS" line per request answered so far.
+  std::string Requests() const;
+
+ private:
+  const TempRoot& root_;
+  pid_t pid_ = -1;
+};
 
 }  // namespace tarn::test

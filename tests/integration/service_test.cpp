@@ -130,6 +130,32 @@ TEST_F(ServiceTest, RestartsAContainerThatDiedAndTheContainerEndsWhenTheServiceD
   EXPECT_FALSE(ProcessAlive(pids[1]));
 }
 
+// The cloud's copy is saved before it is read, and a value of the wrong JSON
+// type then throws out of the refresh worker and ends the container. The
+// service starts a new one; that one reads the cached copy, its kits fail to
+// start, and the framework kit still answers.
+TEST_F(ServiceTest, ContainerEndedByAMistypedCloudCopyIsRestartedAndServesTheFrameworkKit) {
+  const std::string mistyped = R"({"packageInfo": [{"packageName": {"not": "a text"}, "subKits": []}]})";
+  Cloud cloud(root_, install_ + "config/service_urls.json");
+  cloud.Serve("remoteConfig.json", mistyped);
+  // The platform's own client: signed by a trusted maker key, in the installation.
+  std::filesystem::copy_file(BuildDir() + "/tools/cli/tarncore", install_ + "tarncore");
+  root_.WriteFile("etc/tarncore/trusted-keys/maker/tarn-dev.pub", ReadText(TARN_DEV_PUBLIC_KEY));
+  StartService();
+  WaitReady();
+
+  // The first fetch comes a minute after the start.
+  ASSERT_TRUE(WaitForText(ServiceLog(root_), "TarnCoreContainer died", 90s)) << ReadText(ContainerLog(root_));
+  WaitReady(2);
+  EXPECT_EQ(ReadText(install_ + "config/cache/remoteConfig.json"), mistyped);
+  EXPECT_EQ(CountText(ContainerLog(root_), "KitManagerApi.Init faield.(KitManagerApi::Init)"), 1);
+  int status = -1;
+  ASSERT_TRUE(WaitExit(Spawn({install_ + "tarncore", "call", "Framework.EVReport", "--header",
+                              "client_id=204518762", "--body", "{}"}),
+                       20s, &status));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadText(ContainerLog(root_));
+}
+
 TEST_F(ServiceTest, KillsAContainerThatIgnoresTheExitPipeAfterTheGracePeriod) {
   root_.WriteFile("opt/stubborn", "#!/bin/sh\nexec sleep 600\n");
   std::filesystem::permissions(root_.At("opt/stubborn"), std::filesystem::perms::owner_all);

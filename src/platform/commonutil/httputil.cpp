@@ -80,6 +80,8 @@ bool Perform(CURL* curl, const std::string& url, std::uint32_t timeoutMs, HttpRe
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeoutMs < 15000 ? timeoutMs : 15000));
   curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &StopWhenClosing);
   curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &AppendToString);
+  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &response.header);
 #if LIBCURL_VERSION_NUM >= 0x075500
   curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");

@@ -9,6 +9,7 @@ namespace tarn::http {
 
 struct HttpResponse {
   long status = 0;     // HTTP status; 0 when no answer came
+  std::string header;  // the header lines as received, status line and CRLFs included
   std::string body;
   std::string error;   // libcurl's text when the transfer failed
 };
