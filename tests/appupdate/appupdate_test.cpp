@@ -1,5 +1,5 @@
-// The update library with HTTP, processes and signatures replaced, and the
-// libcurl client against a one-shot local HTTP server.
+// The update library with HTTP, processes and signatures replaced, then for
+// real against the reference cloud; the libcurl client's shutdown.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -19,6 +19,7 @@
 #include "platform/commonutil/urlloader.h"
 #include "platform/os/process.h"
 #include "platform/security/security.h"
+#include "integration/programs.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -163,11 +164,10 @@ TEST_F(AppUpdateTest, SilentUpgradeStartsOnlyAVerifiedPackageInTheDownloadFolder
   EXPECT_TRUE(processes_.starts.empty());
 }
 
-// Answers one connection per reply, in turn; an empty reply means never to
-// answer and to wait until the client hangs up.
-class LocalServer {
+// Takes one connection and never answers it, until the client hangs up.
+class SilentServer {
  public:
-  explicit LocalServer(std::vector<std::string> replies) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+  SilentServer() : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
     timeval limit{20, 0};  // accept gives up if the client never comes
     ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
     sockaddr_in addr{};
@@ -178,23 +178,18 @@ class LocalServer {
     ::listen(fd_, 1);
     ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &length);
     url_ = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port)) + "/x";
-    thread_ = std::thread([this, replies = std::move(replies)] {
-      for (const std::string& reply : replies) {
-        const int client = ::accept(fd_, nullptr, nullptr);
-        if (client < 0) return;
-        char request[4096];
-        (void)::recv(client, request, sizeof(request), 0);
-        if (reply.empty()) {
-          asked_.set_value();
-          while (::recv(client, request, sizeof(request), 0) > 0) {
-          }
-        }
-        (void)::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
-        ::close(client);
+    thread_ = std::thread([this] {
+      const int client = ::accept(fd_, nullptr, nullptr);
+      if (client < 0) return;
+      char request[4096];
+      (void)::recv(client, request, sizeof(request), 0);
+      asked_.set_value();
+      while (::recv(client, request, sizeof(request), 0) > 0) {
       }
+      ::close(client);
     });
   }
-  ~LocalServer() {
+  ~SilentServer() {
     thread_.join();
     ::close(fd_);
   }
@@ -208,29 +203,48 @@ class LocalServer {
   std::thread thread_;
 };
 
-std::string Reply(const std::string& status, const std::string& body) {
-  return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\nConnection: close\r\n\r\n" + body;
-}
-
-TEST(CurlHttpClientTest, GetAndDownloadKeepOnlySuccessfulBodies) {
-  ASSERT_TRUE(HttpUtil::Https_curl_global_init());
+// The real library, libcurl and signature checks against the reference cloud,
+// which signs the package with the build's development key.
+TEST(UpgradeFromTheCloud, DownloadsVerifiesAndStartsTheSignedPackageOnlyWhenNewer) {
   tarn::test::TempRoot root;
+  const std::string version = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/Version";
+  root.WriteFile(version, "5.3.0");
+  root.WriteFile("etc/tarncore/trusted-keys/maker/tarn-dev.pub", tarn::test::ReadText(TARN_DEV_PUBLIC_KEY));
+  ASSERT_TRUE(HttpUtil::Https_curl_global_init());
+  tarn::test::Cloud cloud(root, root.At("opt/config/service_urls.json"),
+                          {"--key", TARN_DEV_PRIVATE_KEY, "--sign-tool", TARN_SIGN_TOOL});
+  UrlLoader::SetAddressBookPath(root.At("opt/config/service_urls.json"));
+  FakeProcesses processes;
+  tarn::os::SetProcessesForTesting(&processes);
+  cloud.Serve("update.json", R"({"version": "5.4.0", "installer": "setup.sh", "arguments": "--quiet"})");
+  cloud.Serve("packages/setup.sh", "#!/bin/sh\n");
+
+  UpgradeAPI api;
+  api.Init();
+  std::vector<char> buffer(tarn::appupdate::kCheckBufferSize, '\0');
+  ASSERT_TRUE(api.CheckTarnCoreUpdate(buffer.data()));
+  EXPECT_NE(std::string(buffer.data()).find("updateAppInfo"), std::string::npos) << buffer.data();
+  EXPECT_TRUE(api.TarnCoreAppSilentUpgrade(false));
+  EXPECT_EQ(processes.starts,
+            std::vector<std::string>{root.At("var/lib/Vantrel/TARNCORE/Download/setup.sh") + "|--quiet"});
+
+  root.WriteFile(version, "5.4");
+  api.Init();
+  std::fill(buffer.begin(), buffer.end(), '\0');
+  ASSERT_TRUE(api.CheckTarnCoreUpdate(buffer.data()));
+  EXPECT_EQ(std::string(buffer.data()).find("updateAppInfo"), std::string::npos) << buffer.data();
+
+  // A failed transfer keeps no body, and libcurl fetches nothing but http and https.
   tarn::http::CurlHttpClient client;
   HttpResponse response;
-  LocalServer server({Reply("200 OK", R"({"updateAppInfo":{}})"), Reply("200 OK", "payload"),
-                      Reply("404 Not Found", "missing")});
-  EXPECT_TRUE(client.Get(server.url(), response, 20000));
-  EXPECT_EQ(response.status, 200);
-  EXPECT_EQ(response.body, R"({"updateAppInfo":{}})");
   const std::string file = root.At("package");
-  EXPECT_TRUE(client.Download(server.url(), file, response, 20000));
-  std::ifstream in(file);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "payload");
-  EXPECT_FALSE(client.Download(server.url(), file, response, 20000));
+  EXPECT_FALSE(client.Download(cloud.Url() + "/tarncore/update/package/missing", file, response, 20000));
   EXPECT_EQ(response.status, 404);
   EXPECT_FALSE(DE::FileExists(file));
-  EXPECT_FALSE(client.Get("file:///etc/passwd", response, 20000)) << "only http and https";
+  EXPECT_FALSE(client.Get("file:///etc/passwd", response, 20000));
+
+  tarn::os::SetProcessesForTesting(nullptr);
+  UrlLoader::SetAddressBookPath("");
   HttpUtil::Https_curl_global_free();
 }
 
@@ -240,7 +254,7 @@ TEST(CurlHttpClientTest, GetAndDownloadKeepOnlySuccessfulBodies) {
 TEST(CurlHttpClientTest, FreeingTheLibraryStopsRunningTransfersAndRefusesNewOnes) {
   ASSERT_TRUE(HttpUtil::Https_curl_global_init());
   tarn::http::CurlHttpClient client;
-  LocalServer server({""});
+  SilentServer server;
   auto asked = server.Asked();
   HttpResponse stalled;
   auto transfer = std::async(std::launch::async, [&] { return client.Get(server.url(), stalled, 60000); });

@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <stdexcept>
 #include <thread>
 
@@ -97,15 +98,22 @@ bool WaitForText(const std::string& path, const std::string& text, std::chrono::
   return true;
 }
 
-Cloud::Cloud(const TempRoot& root, const std::string& addressBook) : root_(root) {
+Cloud::Cloud(const TempRoot& root, const std::string& addressBook, const std::vector<std::string>& options)
+    : root_(root) {
   root.MakeDir("cloud");
-  pid_ = Spawn({SourceDir() + "/tools/cloud/tarncore-cloud", "--content", root.At("cloud"), "--address-book",
-                addressBook});
+  std::vector<std::string> argv = {SourceDir() + "/tools/cloud/tarncore-cloud", "--content", root.At("cloud"),
+                                   "--address-book", addressBook};
+  argv.insert(argv.end(), options.begin(), options.end());
+  pid_ = Spawn(argv);
   // The book is written whole once the port is bound.
-  if (!WaitForText(addressBook, "com.vantrel.evservice", std::chrono::seconds(30))) {
+  std::smatch url;
+  const std::string book = WaitForText(addressBook, "com.vantrel.evservice", std::chrono::seconds(30))
+                               ? ReadText(addressBook) : std::string();
+  if (!std::regex_search(book, url, std::regex("http://127\\.0\\.0\\.1:[0-9]+"))) {
     KillAndReap(pid_);
     throw std::runtime_error("tarncore-cloud did not start");
   }
+  url_ = url.str();
 }
 
 Cloud::~Cloud() {

@@ -38,10 +38,11 @@ std::string ServiceLog(const TempRoot& root);
 
 // The reference cloud (tools/cloud/tarncore-cloud) on a free port for the
 // lifetime of the object. It serves what <root>/cloud/ holds at each request
-// and writes the address book that points at it to `addressBook`.
+// and writes the address book that points at it to `addressBook`; `options`
+// go to the program as they are ("--key", ...).
 class Cloud {
  public:
-  Cloud(const TempRoot& root, const std::string& addressBook);
+  Cloud(const TempRoot& root, const std::string& addressBook, const std::vector<std::string>& options = {});
   ~Cloud();
   Cloud(const Cloud&) = delete;
   Cloud& operator=(const Cloud&) = delete;
@@ -50,10 +51,13 @@ class Cloud {
   void Serve(std::string_view relative, std::string_view content) const;
   // One "METHOD PATH STATUS" line per request answered so far.
   std::string Requests() const;
+  // "http://127.0.0.1:<port>"
+  const std::string& Url() const { return url_; }
 
  private:
   const TempRoot& root_;
   pid_t pid_ = -1;
+  std::string url_;
 };
 
 }  // namespace tarn::test
