@@ -125,8 +125,6 @@ void Cloud::Serve(std::string_view relative, std::string_view content) const {
   root_.WriteFile("cloud/" + std::string(relative), content);
 }
 
-std::string Cloud::Requests() const { return ReadText(root_.At("cloud/received/requests.log")); }
-
 std::string ContainerLog(const TempRoot& root) { return root.At("var/lib/Vantrel/TARNCORE/log/TarnCoreContainer.log"); }
 std::string ServiceLog(const TempRoot& root) { return root.At("var/lib/Vantrel/TARNCORE/log/TarnCoreService.log"); }
 

@@ -37,9 +37,10 @@ std::string ContainerLog(const TempRoot& root);
 std::string ServiceLog(const TempRoot& root);
 
 // The reference cloud (tools/cloud/tarncore-cloud) on a free port for the
-// lifetime of the object. It serves what <root>/cloud/ holds at each request
-// and writes the address book that points at it to `addressBook`; `options`
-// go to the program as they are ("--key", ...).
+// lifetime of the object. It serves what <root>/cloud/ holds at each request,
+// logs each one to <root>/cloud/received/requests.log, and writes the address
+// book that points at it to `addressBook`; `options` go to the program as
+// they are ("--key", ...).
 class Cloud {
  public:
   Cloud(const TempRoot& root, const std::string& addressBook, const std::vector<std::string>& options = {});
@@ -49,8 +50,6 @@ class Cloud {
 
   // Puts a file in the content folder ("remoteConfig.json", "update.json", ...).
   void Serve(std::string_view relative, std::string_view content) const;
-  // One "METHOD PATH STATUS" line per request answered so far.
-  std::string Requests() const;
   // "http://127.0.0.1:<port>"
   const std::string& Url() const { return url_; }
 
