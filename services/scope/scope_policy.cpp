@@ -36,9 +36,11 @@ bool Contains(const std::vector<std::string>& list, const std::string& value) {
   return std::find(list.begin(), list.end(), value) != list.end();
 }
 
+}  // namespace
+
 // Plain reads on an open descriptor: the sandboxed build may open read-only
 // and nothing else.
-bool ReadWhole(const std::string& path, std::string& out) {
+bool ReadPolicyFile(const std::string& path, std::string& out) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;
   struct stat st {};
@@ -57,13 +59,16 @@ bool ReadWhole(const std::string& path, std::string& out) {
   return ok;
 }
 
-bool Parse(const std::string& text, std::map<std::string, PolicyClient>& clients) {
+bool ParsePolicy(const std::string& text, std::map<std::string, PolicyClient>& clients,
+                 std::string& error) {
   Json::CharReaderBuilder builder;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
-  std::string errors;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) return false;
-  if (!root.isObject() || !root["clients"].isObject()) return false;
+  if (!reader->parse(text.data(), text.data() + text.size(), &root, &error)) return false;
+  if (!root.isObject() || !root["clients"].isObject()) {
+    error = "no \"clients\" object at the top";
+    return false;
+  }
   const Json::Value& all = root["clients"];
   for (const auto& id : all.getMemberNames()) {
     const Json::Value& entry = all[id];
@@ -87,8 +92,6 @@ bool Parse(const std::string& text, std::map<std::string, PolicyClient>& clients
   }
   return true;
 }
-
-}  // namespace
 
 std::string DefaultPolicyPath() { return tarn::os::MachinePath("etc/tarncore/scope-policy.json"); }
 
@@ -114,8 +117,9 @@ void ScopePolicy::Refresh() {
   loaded_ = true;
   clients_.clear();
   std::string text;
+  std::string error;
   std::map<std::string, PolicyClient> parsed;
-  if (now.present && ReadWhole(path_, text) && Parse(text, parsed)) clients_ = std::move(parsed);
+  if (now.present && ReadPolicyFile(path_, text) && ParsePolicy(text, parsed, error)) clients_ = std::move(parsed);
 }
 
 const PolicyClient* ScopePolicy::Find(const std::string& appId) const {

@@ -86,4 +86,12 @@ class ScopePolicy {
 // The machine's policy file.
 std::string DefaultPolicyPath();
 
+// Reads a policy file as the service does: a regular file of at most 4 MiB.
+bool ReadPolicyFile(const std::string& path, std::string& text);
+// Parses a policy's text; entries that aren't objects and values of the wrong
+// kind are passed over. False when the text isn't a policy at all (the
+// service then refuses everything), with the reason in error.
+bool ParsePolicy(const std::string& text, std::map<std::string, PolicyClient>& clients,
+                 std::string& error);
+
 }  // namespace tarn::scope

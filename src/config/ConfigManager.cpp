@@ -2,16 +2,14 @@
 
 #include <json/json.h>
 
-#include <exception>
-#include <fstream>
+#include <stdexcept>
 
 #include "config/ConfigPlatform.h"
+#include "config/ConfigReaders.h"
 #include "config/ConfigText.h"
 #include "platform/log/tarn_log.h"
 #include "platform/os/registry.h"
 #include "thread/ThreadManager.h"
-
-using tarn::config::ValueText;
 
 std::atomic<std::uint32_t> g_forceUpdateTimeperiod{60000};
 std::atomic<std::uint32_t> g_timePeriodOneday{86400000};
@@ -75,16 +73,7 @@ bool ConfigManager::Init() {
 }
 
 void GetRemoteConfigPath(std::string& path) {
-  const std::string install = tarn::config::InstallDirectory();
-  path = install + tarn::config::kRemoteConfigFile;
-  const std::string cached = install + tarn::config::kCachedRemoteConfigFile;
-  Json::Value root;
-  bool opened = false;
-  int error = 0;
-  bool parsed = tarn::config::ParseConfigFile(cached, root, opened, error);
-  if (!opened) return;
-  // Only a sound copy wins; anything else silently leaves the installed one.
-  if (parsed && root.isObject() && root[tarn::config::kKeyPackageInfo].isArray()) path = cached;
+  path = tarn::config::ChooseRemoteConfig(tarn::config::InstallDirectory()).path;
 }
 
 bool ConfigManager::ReadRemoteConfig() {
@@ -142,64 +131,60 @@ void ConfigManager::HandleNotVerifyInfo(const Json::Value& root) {
 
 std::int32_t ConfigManager::GetKeyValue(const Json::Value& root, const char* key,
                                         std::int32_t defaultValue, std::int32_t minKeyValue) {
-  const std::string text = ValueText(root[key]);
-  if (text.empty()) return defaultValue;
-  std::int32_t value = 0;
-  try {
-    value = tarn::config::Stol32(text);
-  } catch (const std::invalid_argument& e) {
-    CLOGE("ConfigManager::GetKeyValue", "GetKeyValue invalid_argument. " << e.what());
-    return defaultValue;
-  } catch (const std::out_of_range& e) {
-    CLOGE("ConfigManager::GetKeyValue", "GetKeyValue out_of_range. " << e.what());
-    return defaultValue;
+  const tarn::config::KeyValue result = tarn::config::ReadKeyValue(root, key, defaultValue, minKeyValue);
+  switch (result.problem) {
+    case tarn::config::KeyValue::Problem::kNone:
+      break;
+    case tarn::config::KeyValue::Problem::kInvalid:
+      CLOGE("ConfigManager::GetKeyValue", "GetKeyValue invalid_argument. " << result.what);
+      break;
+    case tarn::config::KeyValue::Problem::kOutOfRange:
+      CLOGE("ConfigManager::GetKeyValue", "GetKeyValue out_of_range. " << result.what);
+      break;
+    case tarn::config::KeyValue::Problem::kTooSmall:
+      CLOGE("ConfigManager::GetKeyValue", "Key \"" << key << "\" value is too small minKeyValue = "
+                                                   << minKeyValue << " keyValue = " << result.read);
+      break;
   }
-  if (value >= minKeyValue) return value;
-  // Below the minimum means the default, not the minimum.
-  CLOGE("ConfigManager::GetKeyValue", "Key \"" << key << "\" value is too small minKeyValue = "
-                                               << minKeyValue << " keyValue = " << value);
-  return defaultValue;
+  return result.value;
 }
+
+namespace {
+
+// The container's side of reading the package list: its log lines, the
+// update period of a condemned package and each package's manifest and services.
+class ContainerPackageSink : public tarn::config::PackageListSink {
+ public:
+  explicit ContainerPackageSink(ConfigManager& manager) : manager_(manager) {}
+
+  void VersionCodeRead(const std::string& code) override {
+    CLOGI("ConfigManager::GetPackageInfoList", "ForceUpdate invalidVersionCode list = " << code);
+  }
+  void ForceUpdateSettled(const PackageInfo& info) override {
+    CLOGI("ConfigManager::GetPackageInfoList",
+          "ForceUpdate current install version = " << manager_.remoteConfig.version << "packageName = "
+                                                   << info.packageName << " forceUpdate = "
+                                                   << info.forceUpdate);
+  }
+  void ForcedPackage(const std::string& intervalText) override {
+    manager_.RefreshSlientUpdatePeriod(intervalText);
+  }
+  void PackageRead(const PackageInfo& info) override {
+    manager_.ReadKitConfigForPackage(info.packageName, info.subKits);
+    manager_.ReadKitServiceForPackage(info.packageName);
+  }
+
+ private:
+  ConfigManager& manager_;
+};
+
+}  // namespace
 
 void ConfigManager::GetPackageInfoList(const Json::Value& root) {
   auto list = std::make_shared<PackageInfoList>();
   remoteConfig.packageInfoList = list;
-  const Json::Value& packages = root[tarn::config::kKeyPackageInfo];
-  for (Json::ArrayIndex i = 0; i < packages.size(); ++i) {
-    const Json::Value& element = packages[i];
-    auto info = std::make_shared<PackageInfo>();
-    list->push_back(info);  // in the list whatever follows
-    info->packageName = ValueText(element[tarn::config::kKeyPackageName]);
-    const std::string forceUpdate = ValueText(element[tarn::config::kKeyForceUpdate]);
-    info->forceUpdate = "0";
-    if (forceUpdate == "1" || forceUpdate == "2") {
-      info->invalidVersionCodes = std::make_shared<VersionCodeList>();
-      const Json::Value& codes = element[tarn::config::kKeyInvalidVersionCode];
-      for (Json::ArrayIndex j = 0; j < codes.size(); ++j) {
-        std::string code = ValueText(codes[j]);
-        info->invalidVersionCodes->push_back(code);
-        CLOGI("ConfigManager::GetPackageInfoList", "ForceUpdate invalidVersionCode list = " << code);
-        // Condemned only when the installed version is listed, byte for byte.
-        if (code == remoteConfig.version) info->forceUpdate = forceUpdate;
-      }
-      CLOGI("ConfigManager::GetPackageInfoList",
-            "ForceUpdate current install version = " << remoteConfig.version << "packageName = "
-                                                     << info->packageName << " forceUpdate = "
-                                                     << info->forceUpdate);
-    }
-    if (info->forceUpdate == "1") {
-      RefreshSlientUpdatePeriod(ValueText(root[tarn::config::kKeyForceUpgradeTimeInterval]));
-    }
-    info->subKits = std::make_shared<SubKitConfigList>();
-    const Json::Value& subKits = element[tarn::config::kKeySubKits];
-    for (Json::ArrayIndex j = 0; j < subKits.size(); ++j) {
-      auto subKit = std::make_shared<SubKitConfig>();
-      subKit->kitName = ValueText(subKits[j][tarn::config::kKeyKitName]);
-      info->subKits->push_back(subKit);
-    }
-    ReadKitConfigForPackage(info->packageName, info->subKits);
-    ReadKitServiceForPackage(info->packageName);
-  }
+  ContainerPackageSink sink(*this);
+  tarn::config::ReadPackageList(root, remoteConfig.version, *list, sink);
 }
 
 void ConfigManager::RefreshSlientUpdatePeriod(const std::string& value) {

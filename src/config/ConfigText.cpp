@@ -13,7 +13,8 @@ std::string ValueText(const Json::Value& value) {
   return value.asString();
 }
 
-bool ParseConfigFile(const std::string& path, Json::Value& root, bool& opened, int& openError) {
+bool ParseConfigFile(const std::string& path, Json::Value& root, bool& opened, int& openError,
+                     std::string* errors) {
   errno = 0;
   std::ifstream in(path, std::ios::binary);
   opened = in.is_open();
@@ -24,8 +25,10 @@ bool ParseConfigFile(const std::string& path, Json::Value& root, bool& opened, i
   openError = 0;
   Json::CharReaderBuilder builder;
   builder["collectComments"] = true;
-  std::string errors;
-  return Json::parseFromStream(builder, in, &root, &errors);
+  std::string found;
+  const bool parsed = Json::parseFromStream(builder, in, &root, &found);
+  if (errors) *errors = found;
+  return parsed;
 }
 
 std::int32_t Stol32(const std::string& text) {

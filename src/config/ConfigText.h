@@ -13,8 +13,10 @@ namespace tarn::config {
 std::string ValueText(const Json::Value& value);
 
 // Parses a configuration file (comments allowed). False when the file doesn't
-// open (errno tells why) or isn't JSON; `opened` says which.
-bool ParseConfigFile(const std::string& path, Json::Value& root, bool& opened, int& openError);
+// open (errno tells why) or isn't JSON; `opened` says which, `errors` what the
+// JSON reader found.
+bool ParseConfigFile(const std::string& path, Json::Value& root, bool& opened, int& openError,
+                     std::string* errors = nullptr);
 
 // std::stol in base 10 on a 32-bit long: leading blanks skipped, conversion
 // stops at the first character that doesn't fit. Throws std::invalid_argument

@@ -4,11 +4,32 @@
 
 #include "config/ConfigManager.h"
 #include "config/ConfigPlatform.h"
+#include "config/ConfigReaders.h"
 #include "config/ConfigText.h"
 #include "platform/commonutil/de.h"
 #include "platform/log/tarn_log.h"
 
-using tarn::config::ValueText;
+namespace {
+
+void LogSubKitSupplied(const SubKitConfig& subKit) {
+  CLOGI("ConfigManager::SupplySubKitConfig",
+        "SupplySubKitConfig config kitName = " << subKit.kitName << " type = " << subKit.type
+                                               << " entry = " << subKit.entry
+                                               << " startup = " << subKit.startup);
+}
+
+void LogApiSupplied(const KitApiInfo& api) {
+  CLOGD("ConfigManager::SupplyKitApiConfig", "SupplyKitApiConfig verifyCaller = " << api.verifyCaller);
+}
+
+// The container's log lines for each kit and api of a manifest.
+class ContainerManifestSink : public tarn::config::ManifestSink {
+ public:
+  void SubKitSupplied(const SubKitConfig& subKit) override { LogSubKitSupplied(subKit); }
+  void ApiSupplied(const KitApiInfo& api) override { LogApiSupplied(api); }
+};
+
+}  // namespace
 
 bool ConfigManager::ReadKitConfigForPackage(std::string packageName,
                                             const std::shared_ptr<SubKitConfigList>& remoteSubKits) {
@@ -66,99 +87,38 @@ bool ConfigManager::ReadKitConfigForFile(const std::string& packageName,
           "init config,data parse error. configFilePath = " << configFilePath);
     return false;
   }
-  const std::string version = ValueText(root["version"]);
-  const std::string fileName = ValueText(root["fileName"]);
-  const Json::Value& kits = root["kits"];
-  for (Json::ArrayIndex i = 0; i < kits.size(); ++i) {
-    const Json::Value& element = kits[i];
-    const std::string kitName = ValueText(element["kitName"]);
-    auto subKit = std::make_shared<SubKitConfig>();
-    subKit->packageName = packageName;
-    subKit->version = version;
-    subKit->fileName = fileName;
-    subKit->kitManifVerify = digest;
-    ReadSubKitConfig(*subKit, kitName, element);
-    outSubKits.push_back(subKit);
-  }
+  ContainerManifestSink sink;
+  tarn::config::ReadManifestKits(root, packageName, digest, outSubKits, sink);
   CLOGI("ConfigManager::ReadKitConfigForFile", "ConfigManager.ReadKitConfigForFile end.");
   return true;
 }
 
 bool ConfigManager::ReadSubKitConfig(SubKitConfig& subKit, const std::string& kitName,
                                      const Json::Value& kitElement) {
-  subKit.kitName = kitName;
-  subKit.apiLevel = ValueText(kitElement["apiLevel"]);
-  subKit.type = ValueText(kitElement["type"]);
-  subKit.entry = ValueText(kitElement["entry"]);
-  subKit.startup = ValueText(kitElement["startup"]);
-  SupplySubKitConfig(subKit);
-
-  subKit.minApiLevels = std::make_shared<KitMinApiLevelList>();
-  const Json::Value& minLevels = kitElement["minApiLevel"];
-  for (Json::ArrayIndex i = 0; i < minLevels.size(); ++i) {
-    auto minLevel = std::make_shared<KitMinApiLevel>();
-    minLevel->kitName = ValueText(minLevels[i]["kitName"]);
-    minLevel->level = ValueText(minLevels[i]["level"]);
-    subKit.minApiLevels->push_back(minLevel);
-  }
-
-  subKit.apis = std::make_shared<KitApiInfoList>();
-  const Json::Value& apis = kitElement["apis"];
-  for (Json::ArrayIndex i = 0; i < apis.size(); ++i) {
-    const Json::Value& element = apis[i];
-    auto api = std::make_shared<KitApiInfo>();
-    api->permission = ValueText(element["permission"]);
-    std::string tail = ValueText(element["apiName"]);
-    api->apiName = tail;
-    // uri and scopeUri count as given by type: an empty string is a value, null is not.
-    const Json::Value& uri = element["uri"];
-    if (!uri.isNull()) tail = ValueText(uri);
-    api->uri = kitName + "." + tail;
-    api->verifyCaller = ValueText(element["verifyCaller"]);
-    const Json::Value& scopeUri = element["scopeUri"];
-    api->scopeUri = scopeUri.isNull() ? std::string() : ValueText(scopeUri);
-    SupplyKitApiConfig(*api);
-    subKit.apis->push_back(api);
-  }
+  ContainerManifestSink sink;
+  tarn::config::ReadSubKitElement(subKit, kitName, kitElement, sink);
   return true;
 }
 
 bool ConfigManager::SupplySubKitConfig(SubKitConfig& subKit) {
-  if (subKit.type.empty()) subKit.type = "app";
-  if (subKit.entry.empty()) subKit.entry = "Init";
-  if (subKit.startup.empty()) subKit.startup = "true";
-  CLOGI("ConfigManager::SupplySubKitConfig",
-        "SupplySubKitConfig config kitName = " << subKit.kitName << " type = " << subKit.type
-                                               << " entry = " << subKit.entry
-                                               << " startup = " << subKit.startup);
+  tarn::config::SupplySubKitDefaults(subKit);
+  LogSubKitSupplied(subKit);
   return true;
 }
 
 bool ConfigManager::SupplyKitApiConfig(KitApiInfo& api) {
-  if (api.verifyCaller.empty()) api.verifyCaller = "true";
-  CLOGD("ConfigManager::SupplyKitApiConfig", "SupplyKitApiConfig verifyCaller = " << api.verifyCaller);
+  tarn::config::SupplyKitApiDefaults(api);
+  LogApiSupplied(api);
   return true;
 }
 
 bool ConfigManager::FilterSubKitConfig(SubKitConfigList& outSubKits,
                                        const std::shared_ptr<SubKitConfigList>& remoteSubKits) {
-  if (outSubKits.empty()) return true;
-  // A kit runs only if the remote configuration names it.
-  for (auto it = outSubKits.begin(); it != outSubKits.end();) {
-    if (IsSubKitListed((*it)->kitName, remoteSubKits)) {
-      ++it;
-    } else {
-      it = outSubKits.erase(it);
-    }
-  }
+  tarn::config::FilterSubKits(outSubKits, remoteSubKits.get());
   return true;
 }
 
 bool ConfigManager::IsSubKitListed(const std::string& kitName,
                                    const std::shared_ptr<SubKitConfigList>& remoteSubKits) {
-  if (!remoteSubKits) return false;
-  for (const auto& subKit : *remoteSubKits) {
-    if (subKit && subKit->kitName == kitName) return true;
-  }
-  return false;
+  return tarn::config::IsKitListed(kitName, remoteSubKits.get());
 }

@@ -4,15 +4,14 @@
 #include <link.h>
 #include <unistd.h>
 
+#include <cctype>
+
 #include "platform/security/signature.h"
 #include "tarnkit/tarn_kit.h"
 
 namespace tarn::kit {
 
 namespace {
-
-// A table without its terminator stops here instead of running off.
-constexpr std::size_t kMaxKitStrings = 4096;
 
 const link_map* LinkMapOf(void* module) {
   link_map* map = nullptr;
@@ -67,6 +66,23 @@ int LoadKitString(void* module, std::uint32_t id, char16_t* buffer, std::size_t 
     return static_cast<int>(n);
   }
   return 0;
+}
+
+std::string FoldVerifyString(const char16_t* text) {
+  // The narrow form the OEM code page gives: hexadecimal digits pass
+  // unchanged, anything beyond ASCII has no place in a digest.
+  std::string out;
+  for (; text && *text != 0; ++text) {
+    const char c = *text < 0x80 ? static_cast<char>(*text) : '?';
+    out.push_back(static_cast<char>(std::toupper(static_cast<unsigned char>(c))));
+  }
+  return out;
+}
+
+VerifyCodeMatch MatchVerifyCode(const std::string& folded, const std::string& kitManifVerify) {
+  if (folded.empty()) return VerifyCodeMatch::kNoString;
+  if (kitManifVerify.empty()) return VerifyCodeMatch::kNoDigest;
+  return folded == kitManifVerify ? VerifyCodeMatch::kEqual : VerifyCodeMatch::kDifferent;
 }
 
 KitFile::~KitFile() { Close(); }

@@ -1,26 +1,22 @@
-// tarncore: sends requests to the container and prints what comes back.
+// tarncore: sends requests to the container and prints what comes back, and
+// checks a machine's installation (diagnose).
 #include <json/reader.h>
 #include <json/value.h>
-#include <json/writer.h>
 
-#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
-#include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
-#include "platform/ipc/ipc_client.h"
-#include "platform/ipc/ipc_message.h"
-#include "platform/os/random.h"
+#include "diagnose.h"
+#include "tarncore/client.h"
 
 namespace {
 
@@ -34,6 +30,7 @@ const char* kUsage = R"(Usage:
   tarncore call URI [--body JSON] [--header KEY=VALUE]... [--timeout MS]
   tarncore send --raw TEXT [--timeout MS]
   tarncore listen [--count N] [--timeout MS]
+  tarncore diagnose [--offline]
   tarncore --help
 
 call    Sends a well-formed request for URI (the header's api_name) and prints the
@@ -50,14 +47,23 @@ send    Sends TEXT as the whole message, exactly as given (for malformed input),
 listen  Prints each broadcast of the container on its own line as it comes.
         --count N           exit after N broadcasts.
         --timeout MS        stop listening after MS milliseconds.
+diagnose
+        Checks the machine root: registry values, trusted keys, the remote
+        configuration, every package (manifest, library, signature, manifest
+        digest, exports), service files and the scope policy, then whether the
+        service runs and its socket answers (not with --offline). Prints one
+        line per finding with its cause and fix. The installation is the
+        registry's Install_Path.
 
 --timeout MS  how long to wait for the response (call, send; default 5000).
 
 The socket is $TARNCORE_ROOT/run/tarncore/ipc.sock (TARNCORE_ROOT defaults to /).
 
 Exit status:
-  0  the response's header.status_code is "0" (listen: finished normally)
+  0  the response's header.status_code is "0" (listen: finished normally;
+     diagnose: nothing wrong)
   1  a response came with another status, or it is not a readable response
+     (diagnose: something is wrong)
   2  usage error
   3  the client failed; its code is printed: 9001 container not reachable,
      9002 connection lost, 9003 time-out, 9004 bad time-out, 9005 inner error
@@ -69,7 +75,7 @@ int Usage(const std::string& problem) {
 }
 
 int ClientFailure(int code) {
-  std::cerr << "tarncore: " << code << " " << tarn::ipc::ClientCodeText(code) << "\n";
+  std::cerr << "tarncore: " << code << " " << tarncore::ClientCodeText(code) << "\n";
   return kExitClient;
 }
 
@@ -83,61 +89,28 @@ bool ParseInt(const std::string& text, int& out) {
   return true;
 }
 
-std::string RandomHex(std::size_t bytes) {
-  std::vector<uint8_t> buf(bytes);
-  tarn::os::CryptGenRandom(static_cast<uint32_t>(bytes), buf.data());
-  static const char* digits = "0123456789abcdef";
-  std::string out;
-  for (uint8_t b : buf) {
-    out += digits[b >> 4];
-    out += digits[b & 15];
+// Who this program is to the container and its scope policy.
+tarncore::Client CliClient() {
+  return tarncore::Client({{"app_id", "tarncore-cli"}, {"pkg_name", "tarncore-cli"}, {"client_id", "tarncore-cli"}});
+}
+
+// Prints what came back; returns the exit status.
+int PrintResponse(const tarncore::Response& response) {
+  // An answer that isn't JSON is still shown.
+  if (response.clientCode != tarncore::kOk &&
+      (response.clientCode != tarncore::kResponseError || response.text.empty())) {
+    return ClientFailure(response.clientCode);
   }
-  return out;
-}
-
-std::string Compact(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, value);
-}
-
-// Sends text as a request and prints the response; returns the exit status.
-int Exchange(const std::string& text, int timeoutMs) {
-  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
-  TagIPCMessageItem item = tarn::ipc::ClientRequest(text, tarn::ipc::RandomSyncMessageId());
-  std::string response;
-  int code = client.SendMessageSync(item, response, timeoutMs);
-  if (code != tarn::ipc::kClientOk) return ClientFailure(code);
-  std::cout << response;
-  if (response.empty() || response.back() != '\n') std::cout << '\n';
+  std::cout << response.text;
+  if (response.text.empty() || response.text.back() != '\n') std::cout << '\n';
   std::cout.flush();
-
-  Json::Value root;
-  std::string errs;
-  std::istringstream in(response);
-  if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errs) || !root.isObject()) {
-    return kExitStatus;
-  }
-  const Json::Value& status = root["header"]["status_code"];
-  return status.isString() && status.asString() == "0" ? kExitOk : kExitStatus;
+  return response.Ok() ? kExitOk : kExitStatus;
 }
 
 int Call(const std::vector<std::string>& args) {
   if (args.empty() || args[0].rfind("--", 0) == 0) return Usage("call needs a URI");
   const std::string uri = args[0];
-  Json::Value header(Json::objectValue);
-  auto dot = uri.find('.');
-  header["version"] = "1.0";
-  header["srv_name"] = dot == std::string::npos ? uri : uri.substr(0, dot);
-  header["api_name"] = uri;
-  header["app_id"] = "tarncore-cli";
-  header["pkg_name"] = "tarncore-cli";
-  header["sdk_version"] = "1.0.0";
-  header["session_id"] = RandomHex(8);
-  header["transaction_id"] = RandomHex(16);
-  header["kitSdkVersion"] = "1.0.0";
-  header["apiLevel"] = "1";
-  header["client_id"] = "tarncore-cli";
+  tarncore::Header header;
   Json::Value body(Json::objectValue);
   int timeoutMs = kDefaultTimeoutMs;
 
@@ -167,10 +140,7 @@ int Call(const std::vector<std::string>& args) {
       return Usage("unknown argument for call: " + a);
     }
   }
-  Json::Value request(Json::objectValue);
-  request["header"] = header;
-  request["body"] = body;
-  return Exchange(Compact(request), timeoutMs);
+  return PrintResponse(CliClient().Call(uri, body, header, timeoutMs));
 }
 
 int Send(const std::vector<std::string>& args) {
@@ -188,7 +158,7 @@ int Send(const std::vector<std::string>& args) {
     }
   }
   if (!haveRaw) return Usage("send needs --raw TEXT");
-  return Exchange(raw, timeoutMs);
+  return PrintResponse(CliClient().Send(raw, timeoutMs));
 }
 
 int Listen(const std::vector<std::string>& args) {
@@ -205,14 +175,11 @@ int Listen(const std::vector<std::string>& args) {
       return Usage("unknown or incomplete argument for listen: " + args[i]);
     }
   }
-  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
-  if (!client.IsConnected()) return ClientFailure(tarn::ipc::kClientServiceNotUsed);
-
+  tarncore::Client client = CliClient();
   std::mutex mutex;
   std::condition_variable cv;
   int seen = 0;
-  client.RegisterMessageCallback(IpcBroadcastMessageCode, [&](TagIPCMessageItem& item) {
-    std::string text(item.body ? item.body : "", item.body ? ::strnlen(item.body, item.bodySize) : 0);
+  const int code = client.Listen([&](const std::string& text) {
     std::lock_guard lock(mutex);
     if (count && seen >= count) return;
     std::fwrite(text.data(), 1, text.size(), stdout);
@@ -221,26 +188,39 @@ int Listen(const std::vector<std::string>& args) {
     ++seen;
     cv.notify_all();
   });
+  if (code != tarncore::kOk) return ClientFailure(code);
 
   const auto start = std::chrono::steady_clock::now();
+  int failure = tarncore::kOk;
   std::unique_lock lock(mutex);
-  for (;;) {
-    if (count && seen >= count) break;
+  while (!count || seen < count) {
     if (timeoutMs && std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(timeoutMs)) {
-      lock.unlock();
-      client.UnRegisterMessageCallbackAll();
-      return count ? ClientFailure(tarn::ipc::kClientTimeout) : kExitOk;
+      if (count) failure = tarncore::kTimeout;
+      break;
     }
     if (!client.IsConnected()) {
-      lock.unlock();
-      client.UnRegisterMessageCallbackAll();
-      return ClientFailure(tarn::ipc::kClientResponseError);
+      failure = tarncore::kResponseError;
+      break;
     }
     cv.wait_for(lock, std::chrono::milliseconds(100));
   }
   lock.unlock();
-  client.UnRegisterMessageCallbackAll();
-  return kExitOk;
+  client.StopListening();
+  return failure == tarncore::kOk ? kExitOk : ClientFailure(failure);
+}
+
+int Diagnose(const std::vector<std::string>& args) {
+  tarn::diagnose::Options options;
+  for (const auto& a : args) {
+    if (a == "--offline") {
+      options.online = false;
+    } else {
+      return Usage("unknown argument for diagnose: " + a);
+    }
+  }
+  const tarn::diagnose::Report report = tarn::diagnose::Run(options);
+  tarn::diagnose::Print(report, std::cout);
+  return report.HasErrors() ? kExitStatus : kExitOk;
 }
 
 }  // namespace
@@ -258,5 +238,6 @@ int main(int argc, char** argv) {
   if (command == "call") return Call(args);
   if (command == "send") return Send(args);
   if (command == "listen") return Listen(args);
+  if (command == "diagnose") return Diagnose(args);
   return Usage("unknown command: " + command);
 }

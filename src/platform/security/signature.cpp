@@ -117,7 +117,7 @@ std::optional<std::string> ReadLink(const std::string& link) {
   return buf;
 }
 
-void LoadKeysFrom(const std::string& dir, std::vector<PublicKey>& out) {
+void ListKeyFiles(const std::string& dir, KeyKind kind, std::vector<TrustedKeyFile>& out) {
   DIR* d = ::opendir(dir.c_str());
   if (!d) return;
   std::vector<std::string> names;
@@ -128,7 +128,8 @@ void LoadKeysFrom(const std::string& dir, std::vector<PublicKey>& out) {
   ::closedir(d);
   std::sort(names.begin(), names.end());
   for (const auto& name : names) {
-    if (auto key = ReadPublicKeyFile(dir + "/" + name)) out.push_back(*key);
+    const std::string path = dir + "/" + name;
+    out.push_back({path, kind, ReadPublicKeyFile(path)});
   }
 }
 
@@ -241,12 +242,20 @@ Inspection InspectFile(const std::string& path) {
   return InspectFd(fd.fd);
 }
 
+std::vector<TrustedKeyFile> ListTrustedKeyFiles() {
+  std::vector<TrustedKeyFile> files;
+  const std::string dir = tarn::os::TrustedKeysDir();
+  ListKeyFiles(dir, KeyKind::kPlatform, files);
+  ListKeyFiles(dir + "/maker", KeyKind::kMaker, files);
+  return files;
+}
+
 TrustStore TrustStore::Load() {
   TrustStore store;
   try {
-    const std::string dir = tarn::os::TrustedKeysDir();
-    LoadKeysFrom(dir, store.platform);
-    LoadKeysFrom(dir + "/maker", store.maker);
+    for (const TrustedKeyFile& file : ListTrustedKeyFiles()) {
+      if (file.key) (file.kind == KeyKind::kMaker ? store.maker : store.platform).push_back(*file.key);
+    }
   } catch (...) {
     store = TrustStore{};
   }

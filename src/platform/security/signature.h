@@ -59,6 +59,18 @@ enum class Trust {
   kMakerOnly,        // the maker's signature
 };
 
+enum class KeyKind { kPlatform, kMaker };
+
+// One file of the trust store: its key, or none when the file holds no key
+// (such a file is passed over).
+struct TrustedKeyFile {
+  std::string path;
+  KeyKind kind = KeyKind::kPlatform;
+  std::optional<PublicKey> key;
+};
+// Every "*.pub" of trusted-keys/ (platform) and trusted-keys/maker/ (maker), by name.
+std::vector<TrustedKeyFile> ListTrustedKeyFiles();
+
 // The machine's trusted keys, read from tarn::os::TrustedKeysDir():
 // "*.pub" are platform keys, "maker/*.pub" maker keys; each file holds one key
 // as 64 hex digits (surrounding whitespace ignored). Malformed files are skipped.
@@ -113,7 +125,6 @@ std::optional<PublicKey> ReadPublicKeyFile(const std::string& path);
 
 // Writes key into the current machine root's trust store as
 // trusted-keys/<name>.pub (platform) or trusted-keys/maker/<name>.pub (maker).
-enum class KeyKind { kPlatform, kMaker };
 bool InstallTrustedKey(const PublicKey& key, KeyKind kind, const std::string& name);
 
 // An Ed25519 private key for signing.

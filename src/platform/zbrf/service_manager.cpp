@@ -92,54 +92,82 @@ std::vector<ZServiceManager::ServiceInfo> ZServiceManager::Services() const {
   return services_;
 }
 
-bool ZServiceManager::RegisterServiceInfo(const std::string& path) {
-  ZBRF_LOG(Info, "RegisterServiceInfo " << path);
+ZServiceManager::ServiceInfoFile ZServiceManager::ReadServiceInfo(const std::string& path) {
+  ServiceInfoFile file;
   std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    ZBRF_LOG(Error, "cannot open " << path);
-    return false;
-  }
+  if (!in) return file;
   Json::CharReaderBuilder builder;
   Json::Value root;
-  std::string errors;
-  if (!Json::parseFromStream(builder, in, &root, &errors) || !root.isObject() ||
+  if (!Json::parseFromStream(builder, in, &root, &file.error) || !root.isObject() ||
       !root["services"].isArray()) {
-    ZBRF_LOG(Error, "not a service description: " << path << " " << errors);
-    return false;
+    file.state = ServiceInfoFile::State::kNotServiceInfo;
+    return file;
   }
+  file.state = ServiceInfoFile::State::kRead;
   const fs::path folder = fs::absolute(fs::path(path)).parent_path();
-  std::vector<ServiceInfo> found;
   for (const auto& entry : root["services"]) {
+    ServiceEntry& judged = file.entries.emplace_back();
     if (!entry.isObject() || !entry["name"].isString() || !entry["kind"].isString() ||
         !entry["path"].isString() || !entry["methods"].isArray()) {
-      ZBRF_LOG(Warn, "malformed service entry in " << path);
+      judged.problem = ServiceEntry::Problem::kMalformed;
       continue;
     }
-    ServiceInfo info;
+    ServiceInfo& info = judged.info;
     info.name = entry["name"].asString();
-    const std::string kind = entry["kind"].asString();
-    const std::string relative = entry["path"].asString();
-    if (kind == "library") {
+    judged.kindText = entry["kind"].asString();
+    judged.pathText = entry["path"].asString();
+    if (judged.kindText == "library") {
       info.kind = Kind::Library;
-    } else if (kind == "sandbox") {
+    } else if (judged.kindText == "sandbox") {
       info.kind = Kind::Sandbox;
     } else {
-      ZBRF_LOG(Warn, "service " << info.name << " has unknown kind " << kind);
+      judged.problem = ServiceEntry::Problem::kUnknownKind;
       continue;
     }
-    if (info.name.empty() || !SafeRelativePath(relative)) {
-      ZBRF_LOG(Warn, "service " << info.name << " has a bad path " << relative);
+    if (info.name.empty() || !SafeRelativePath(judged.pathText)) {
+      judged.problem = ServiceEntry::Problem::kBadPath;
       continue;
     }
     for (const auto& method : entry["methods"])
       if (method.isString() && !method.asString().empty()) info.methods.push_back(method.asString());
-    info.path = (folder / relative).lexically_normal().string();
-    if (!VerifyEmbeddedSignature(info.path.c_str())) {
-      ZBRF_LOG(Error, "service " << info.name << " file fails its signature check " << info.path);
-      continue;
+    info.path = (folder / judged.pathText).lexically_normal().string();
+    if (!VerifyEmbeddedSignature(info.path.c_str())) judged.problem = ServiceEntry::Problem::kBadSignature;
+  }
+  return file;
+}
+
+bool ZServiceManager::RegisterServiceInfo(const std::string& path) {
+  ZBRF_LOG(Info, "RegisterServiceInfo " << path);
+  ServiceInfoFile file = ReadServiceInfo(path);
+  if (file.state == ServiceInfoFile::State::kUnreadable) {
+    ZBRF_LOG(Error, "cannot open " << path);
+    return false;
+  }
+  if (file.state == ServiceInfoFile::State::kNotServiceInfo) {
+    ZBRF_LOG(Error, "not a service description: " << path << " " << file.error);
+    return false;
+  }
+  std::vector<ServiceInfo> found;
+  for (auto& entry : file.entries) {
+    const ServiceInfo& info = entry.info;
+    switch (entry.problem) {
+      case ServiceEntry::Problem::kMalformed:
+        ZBRF_LOG(Warn, "malformed service entry in " << path);
+        break;
+      case ServiceEntry::Problem::kUnknownKind:
+        ZBRF_LOG(Warn, "service " << info.name << " has unknown kind " << entry.kindText);
+        break;
+      case ServiceEntry::Problem::kBadPath:
+        ZBRF_LOG(Warn, "service " << info.name << " has a bad path " << entry.pathText);
+        break;
+      case ServiceEntry::Problem::kBadSignature:
+        ZBRF_LOG(Error, "service " << info.name << " file fails its signature check " << info.path);
+        break;
+      case ServiceEntry::Problem::kNone:
+        ZBRF_LOG(Info, "service " << info.name << " registered: " << entry.kindText << " " << info.path);
+        found.push_back(std::move(entry.info));
+        break;
     }
-    ZBRF_LOG(Info, "service " << info.name << " registered: " << kind << " " << info.path);
-    found.push_back(std::move(info));
   }
   if (found.empty()) return false;
   std::lock_guard<std::mutex> lock(mutex_);

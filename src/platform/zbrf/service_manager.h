@@ -34,6 +34,24 @@ class ZServiceManager {
     std::vector<std::string> methods;
   };
 
+  // One entry of a ServiceInfo.json as registration judges it.
+  struct ServiceEntry {
+    enum class Problem { kNone, kMalformed, kUnknownKind, kBadPath, kBadSignature };
+    Problem problem = Problem::kNone;
+    ServiceInfo info;      // as far as it could be read; path absolute once the path passed
+    std::string kindText;  // "kind" as written
+    std::string pathText;  // "path" as written
+  };
+  struct ServiceInfoFile {
+    enum class State { kRead, kUnreadable, kNotServiceInfo };
+    State state = State::kUnreadable;
+    std::string error;  // the JSON reader's message, for kNotServiceInfo
+    std::vector<ServiceEntry> entries;
+  };
+  // Reads a ServiceInfo.json and judges each entry, registering nothing:
+  // the entries without a problem are what RegisterServiceInfo registers.
+  static ServiceInfoFile ReadServiceInfo(const std::string& path);
+
   static ZServiceManager& GetInstance();
 
   // Tests make their own managers; the process uses GetInstance().
