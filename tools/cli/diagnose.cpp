@@ -98,6 +98,10 @@ bool IsHex64(const std::string& text) {
 
 std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
+std::string Count(std::size_t n, const char* thing) {
+  return std::to_string(n) + " " + thing + (n == 1 ? "" : "s");
+}
+
 class Checker {
  public:
   explicit Checker(const Options& options) : options_(options) {}
@@ -581,7 +585,7 @@ class Checker {
     }
     if (complete) {
       Add(Severity::kOk, subject,
-          name + ": entry " + Quoted(kit.entry) + " and " + std::to_string(apis) + " api functions exported" +
+          name + ": entry " + Quoted(kit.entry) + " and " + Count(apis, "api function") + " exported" +
               (kit.startup == "true" ? "" : ", loaded on its first request"));
     }
   }
@@ -720,21 +724,41 @@ class Checker {
         }
       }
     }
-    Add(Severity::kOk, subject, path + " lists " + std::to_string(clients.size()) + " clients: " + names);
+    Add(Severity::kOk, subject, path + " lists " + Count(clients.size(), "client") + ": " + names);
+  }
+
+  // A process of that name that serves this machine root: its TARNCORE_ROOT
+  // is ours (an environment that can't be read counts as ours).
+  static bool RunsForThisRoot(const char* name) {
+    const std::string root = tarn::os::MachineRoot();
+    for (pid_t pid : tarn::os::GetProcesses().FindByName(name)) {
+      std::string environment;
+      if (!ReadFile("/proc/" + std::to_string(pid) + "/environ", environment, 1u << 20)) return true;
+      std::string theirs;
+      for (std::size_t at = 0; at < environment.size();) {
+        const std::size_t end = std::min(environment.find('\0', at), environment.size());
+        const std::string_view entry(environment.data() + at, end - at);
+        if (entry.substr(0, 14) == "TARNCORE_ROOT=") theirs = entry.substr(14);
+        at = end + 1;
+      }
+      while (!theirs.empty() && theirs.back() == '/') theirs.pop_back();
+      if (theirs == root) return true;
+    }
+    return false;
   }
 
   void CheckOnline() {
     const std::string subject = "service";
-    const bool service = tarn::os::IsProcessRunning("TarnCoreService");
-    const bool container = tarn::os::IsProcessRunning("TarnCoreContainer");
+    const bool service = RunsForThisRoot("TarnCoreService");
+    const bool container = RunsForThisRoot("TarnCoreContainer");
     if (service) {
-      Add(Severity::kOk, subject, "TarnCoreService runs");
+      Add(Severity::kOk, subject, "TarnCoreService runs for this machine root");
     } else {
-      Add(Severity::kError, subject, "TarnCoreService doesn't run",
+      Add(Severity::kError, subject, "TarnCoreService doesn't run for this machine root",
           "start it: systemctl start TarnCoreService (or run TarnCoreService from the install directory)");
     }
     if (container) {
-      Add(Severity::kOk, subject, "TarnCoreContainer runs");
+      Add(Severity::kOk, subject, "TarnCoreContainer runs for this machine root");
     } else if (service) {
       Add(Severity::kError, subject,
           "TarnCoreContainer doesn't run although TarnCoreService does: the service starts it again after a pause",
