@@ -34,14 +34,37 @@ bool Report::HasErrors() const {
                      [](const Finding& f) { return f.severity == Severity::kError; });
 }
 
+namespace {
+
+// Names and values from the root may hold anything; a finding stays one line.
+void PrintText(std::ostream& out, const std::string& text) {
+  static const char* digits = "0123456789abcdef";
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      out << "\\x" << digits[byte >> 4] << digits[byte & 15];
+    } else {
+      out << c;
+    }
+  }
+}
+
+}  // namespace
+
 void Print(const Report& report, std::ostream& out) {
   for (const Finding& f : report.findings) {
     const char* label = f.severity == Severity::kOk        ? "OK     "
                         : f.severity == Severity::kNote    ? "NOTE   "
                         : f.severity == Severity::kWarning ? "WARNING"
                                                            : "ERROR  ";
-    out << label << ' ' << f.subject << ": " << f.text;
-    if (!f.fix.empty()) out << " Fix: " << f.fix;
+    out << label << ' ';
+    PrintText(out, f.subject);
+    out << ": ";
+    PrintText(out, f.text);
+    if (!f.fix.empty()) {
+      out << " Fix: ";
+      PrintText(out, f.fix);
+    }
     out << '\n';
   }
   out.flush();
