@@ -30,11 +30,11 @@
 //    9000 to 9005 (ClientCode), with the texts of ClientCodeText.
 //
 // Threads. One Client may be used from several threads at once; calls from
-// several threads run at the same time over its one connection. Handlers
-// (CallAsync, Listen) run on threads of the library, one at a time per kind,
-// and must not destroy their Client. Destroying a Client waits for the
-// handlers of its asynchronous calls, each of which ends by its time-out at
-// the latest.
+// several threads run at the same time over its one connection. The handler
+// of an asynchronous call runs on a thread of its own; broadcast handlers run
+// one after the other on one thread of the library. A handler must not
+// destroy its Client. Destroying a Client waits for the handlers of its
+// asynchronous calls, each of which comes by its call's time-out at the latest.
 //
 // Time-outs are in milliseconds and must be positive. A call never waits
 // longer than its time-out for its answer; a container that goes away
