@@ -1,8 +1,8 @@
 // A machine root with one of its files replaced by the input, through every
 // reader of `tarncore diagnose`. The input's first byte picks the file (one of
 // kPick, else by its value); the rest is the file. A broken root must give
-// findings, never a crash, each with a subject and a text, and the report
-// counts as failed exactly when one of them is an error.
+// findings, never a crash: each with a subject and a text, printed on one
+// line whatever the root's names and values hold.
 #include <stdlib.h>
 
 #include <algorithm>
@@ -92,7 +92,8 @@ bool MakeRoot() {
   Write(install, installPath.data(), installPath.size());
   std::ostringstream seed;
   seed << std::ifstream(TARN_FUZZ_SEED_LIBRARY, std::ios::binary).rdbuf();
-  g_library = seed.str().substr(1);
+  g_library = seed.str();
+  if (!g_library.empty()) g_library.erase(0, 1);
   for (const File& file : kFiles) Restore(file);
   tarn::log::SetThreshold(tarn::log::Level::Off);
   std::atexit([] { fs::remove_all(g_root); });
@@ -115,12 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   tarn::diagnose::Options options;
   options.online = false;
   const tarn::diagnose::Report report = tarn::diagnose::Run(options);
-  bool error = false;
-  for (const auto& finding : report.findings) {
-    Check(!finding.subject.empty() && !finding.text.empty());
-    error = error || finding.severity == tarn::diagnose::Severity::kError;
-  }
-  Check(error == report.HasErrors());
+  for (const auto& finding : report.findings) Check(!finding.subject.empty() && !finding.text.empty());
   // One line per finding, whatever the root's texts hold.
   std::ostringstream printed;
   tarn::diagnose::Print(report, printed);

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <set>
 
 #include "config/ConfigManager.h"
@@ -180,7 +181,7 @@ class Checker {
         {"PrivacyAgree", Severity::kNote, "the agreement counts as given for the current privacy version", ""},
         {"AAID", Severity::kNote, "the container makes the anonymous id at its next start", ""},
     };
-    std::string installPath;
+    std::optional<std::string> installPath;
     for (const Value& v : kValues) {
       std::string text;
       if (registry.GetValue(tarn::os::kVtidKey, v.name, text, 4096) != tarn::os::kRegSuccess) {
@@ -199,10 +200,15 @@ class Checker {
       }
       if (std::string(v.name) == "Install_Path") installPath = text;
     }
-    return !installPath.empty() && FindInstallation(installPath);
+    return installPath && FindInstallation(*installPath);
   }
 
   bool FindInstallation(std::string path) {
+    if (path.empty()) {
+      Add(Severity::kError, "installation", "Install_Path is empty, so the installation can't be found",
+          "write the directory that holds TarnCoreContainer into Install_Path");
+      return false;
+    }
     if (path.back() != '/') path += '/';
     if (IsDirectory(path)) {
       install_ = path;
