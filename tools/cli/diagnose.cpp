@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
@@ -134,7 +135,9 @@ class Checker {
     if (CheckRegistry()) {
       CheckPrograms();
       CheckTrustedKeys();
-      for (const auto& package : RemoteConfigPackages()) CheckPackage(*package);
+      const PackageInfoList packages = RemoteConfigPackages();
+      for (const auto& package : packages) CheckPackage(*package);
+      if (packageListWhole_) CheckUnlistedFolders(packages);
       CheckScopeService();
     } else {
       CheckTrustedKeys();
@@ -402,6 +405,7 @@ class Checker {
                     : "correct it: every value the container reads there is a string or a number");
       return packages;
     }
+    packageListWhole_ = true;
     if (packages.empty()) {
       Add(Severity::kError, subject,
           choice.path + " names no package in packageInfo: the container's start fails "
@@ -694,6 +698,25 @@ class Checker {
     return all;
   }
 
+  // Kit folders the remote configuration doesn't name are never read.
+  void CheckUnlistedFolders(const PackageInfoList& packages) {
+    std::set<std::string> named;
+    for (const auto& package : packages) named.insert(package->packageName);
+    std::error_code error;
+    std::vector<std::string> folders;
+    for (const auto& entry : std::filesystem::directory_iterator(install_ + tarn::config::kKitsDir, error)) {
+      if (entry.is_directory(error) && !named.count(entry.path().filename().string())) {
+        folders.push_back(entry.path().filename().string());
+      }
+    }
+    std::sort(folders.begin(), folders.end());
+    for (const auto& folder : folders) {
+      Add(Severity::kWarning, "package " + folder,
+          "kits/" + folder + " isn't named in the remote configuration's packageInfo: the container never reads it",
+          "add {\"packageName\": " + Quoted(folder) + ", \"subKits\": [{\"kitName\": ...}]} to packageInfo");
+    }
+  }
+
   void CheckScopeService() {
     if (scopeService_) return;
     Add(Severity::kError, "scope service",
@@ -822,6 +845,7 @@ class Checker {
   std::string install_;  // with its trailing '/'
   std::vector<ts::TrustedKeyFile> keys_;
   bool scopeService_ = false;
+  bool packageListWhole_ = false;  // the remote configuration's list was read to its end
 };
 
 }  // namespace
