@@ -8,11 +8,12 @@
 #include <string>
 
 #include "config/ConfigManager.h"
-#include "platform/commonutil/vtprocess.h"
+#include "platform/desktop/desktop.h"
 #include "platform/log/tarn_log.h"
 #include "platform/os/event.h"
 #include "platform/os/last_error.h"
 #include "platform/os/named_mutex.h"
+#include "platform/os/pinned_file.h"
 #include "platform/os/process.h"
 #include "platform/os/registry.h"
 #include "platform/os/text.h"
@@ -124,12 +125,15 @@ void NoticeManager::ShowPrivacyNoticeTray() {
   std::wstring path;
   if (!GetPrivacyNoticeExePath(path)) return;
 
-  if (ConfigManager::GetInstance().verifyEnabled && !VerifyVantrelDigitalSignature(path)) {
+  // Tested and started through one open descriptor: the file started is the file tested.
+  const tarn::os::PinnedFile program(tarn::os::WideToUtf8(path));
+  if (ConfigManager::GetInstance().verifyEnabled &&
+      !VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(program.ReadPath()))) {
     CLOGE("NoticeManager::ShowPrivacyNoticeTray", "PrivacyNotice verify failed.");
     return;
   }
 
-  if (VTPROCESS::StartProcess(path, argument, nullptr)) {
+  if (tarn::desktop::StartOnDesktop(program, tarn::os::WideToUtf8(argument))) {
     CLOGI("NoticeManager::ShowPrivacyNoticeTray", "start PrivacyNoticeUI succes");
   } else {
     CLOGE("NoticeManager::ShowPrivacyNoticeTray",

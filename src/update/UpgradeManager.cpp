@@ -8,13 +8,13 @@
 
 #include "config/ConfigManager.h"
 #include "config/ConfigPlatform.h"
-#include "platform/appupdate/pinned_file.h"
 #include "platform/appupdate/upgrade_api.h"
 #include "platform/commonutil/de.h"
-#include "platform/commonutil/vtprocess.h"
+#include "platform/desktop/desktop.h"
 #include "platform/log/tarn_log.h"
 #include "platform/os/event.h"
 #include "platform/os/named_mutex.h"
+#include "platform/os/pinned_file.h"
 #include "platform/os/places.h"
 #include "platform/os/process.h"
 #include "platform/os/registry.h"
@@ -175,29 +175,26 @@ bool UpgradeManager::HasNewVersion() {
 
 bool UpgradeManager::StartVtFrameworkUi(std::wstring arguments) {
   CLOGI("UpgradeManager::StartVtFrameworkUi", "UpgradeManager.StartVTFrameworkUI begin.");
-  // Held open from the test to the start, so the file started is the file tested.
-  std::unique_ptr<tarn::appupdate::PinnedFile> tested;
+  // Held open from the test to the start, which execs that same descriptor.
+  const tarn::os::PinnedFile ui(tarn::config::InstallDirectory() + kUiFileName);
   if (ConfigManager::GetInstance().verifyEnabled) {
-    tested = std::make_unique<tarn::appupdate::PinnedFile>(tarn::config::InstallDirectory() + kUiFileName);
-    if (!VerifyEmbeddedSignature(tested->ReadPath().c_str())) {
+    if (!VerifyEmbeddedSignature(ui.ReadPath().c_str())) {
       CLOGE("UpgradeManager::StartVtFrameworkUi", "sign verify failed. exepath = TarnCoreUI.exe");
       return false;
     }
-    if (!VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(tested->ReadPath()))) {
+    if (!VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(ui.ReadPath()))) {
       CLOGE("UpgradeManager::StartVtFrameworkUi",
             "vefify vantrel singn failed. exepath = TarnCoreUI.exe");
       return false;
     }
   }
   // The program's own folder, as the module path gives it.
-  const std::string directory = tarn::config::InstallDirectory();
-  if (directory.empty()) {
+  if (tarn::config::InstallDirectory().empty()) {
     CLOGE("UpgradeManager::StartVtFrameworkUi",
           "UpgradeManager.StartVTFrameworkUI GetModuleFileName failed. error: " << errno);
     return false;
   }
-  const std::wstring uiPath = tarn::os::Utf8ToWide(directory + kUiFileName);
-  if ((tested && !tested->SamePathTarget()) || !VTPROCESS::StartProcess(uiPath, arguments, nullptr)) {
+  if (!tarn::desktop::StartOnDesktop(ui, tarn::os::WideToUtf8(arguments))) {
     CLOGE("UpgradeManager::StartVtFrameworkUi",
           "UpgradeManager.StartVTFrameworkUI StartProcess failed.");
     return false;

@@ -55,13 +55,14 @@ class FakeHttp : public tarn::http::HttpClient {
 class FakeProcesses : public tarn::os::Processes {
  public:
   std::vector<pid_t> FindByName(const std::string&) override { return {}; }
-  bool StartProcess(const std::string& path, const std::string& arguments) override {
+  bool StartFile(int fd, const std::string& path, const std::string& arguments, const tarn::os::StartAs*) override {
     if (!startWorks) return false;
-    starts.push_back(path + "|" + arguments);
+    char content[32] = {};
+    starts.push_back(path + "|" + arguments + "|" + std::string(content, ::pread(fd, content, sizeof(content), 0)));
     return true;
   }
   bool RemoveTreeDetached(const std::string&) override { return true; }
-  std::vector<std::string> starts;  // the processes that did start
+  std::vector<std::string> starts;  // path|arguments|content of the processes that did start
   bool startWorks = true;
 };
 
@@ -134,12 +135,13 @@ TEST_F(AppUpdateTest, SilentUpgradeStartsOnlyAVerifiedPackageInTheDownloadFolder
     root_.WriteFile("tmp/swapped", "other bytes");
     std::filesystem::rename(root_.At("tmp/swapped"), downloaded);
   };
+  // A package swapped after its checks still starts what was checked.
   struct Case { const char* name; std::string installer, sha; bool signedByMaker, swapped, startWorks, starts; };
   for (const Case& c : {Case{"verified", "setup", digest, true, false, true, true},
                         Case{"lower-case digest", "setup", lower, true, false, true, true},
                         Case{"digest mismatch", "setup", std::string(64, 'A'), true, false, true, false},
                         Case{"not the maker's", "setup", digest, false, false, true, false},
-                        Case{"swapped after the checks", "setup", digest, true, true, true, false},
+                        Case{"swapped after the checks", "setup", digest, true, true, true, true},
                         Case{"installer fails to start", "setup", digest, true, false, false, false},
                         Case{"escaping name", "../setup", digest, true, false, true, false}}) {
     SCOPED_TRACE(c.name);
@@ -152,7 +154,7 @@ TEST_F(AppUpdateTest, SilentUpgradeStartsOnlyAVerifiedPackageInTheDownloadFolder
     http_.bodies[kPackage] = kPackageBody;
     signatures_.maker = c.signedByMaker;
     EXPECT_EQ(api_.TarnCoreAppSilentUpgrade(true), c.starts);
-    EXPECT_EQ(processes_.starts, c.starts ? std::vector<std::string>{downloaded + "|/quiet /norestart"}
+    EXPECT_EQ(processes_.starts, c.starts ? std::vector<std::string>{downloaded + "|/quiet /norestart|" + kPackageBody}
                                           : std::vector<std::string>{});
     EXPECT_EQ(DE::FileExists(downloaded), c.starts) << "a rejected package is not left behind";
   }

@@ -1,10 +1,13 @@
 // The launcher's decisions: which mode the notice program gets, when it isn't
 // started, and the desktop wait that a logon retries.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,6 +16,7 @@
 #include "config/ConfigManager.h"
 #include "notice/NoticeManager.h"
 #include "platform/log/log_capture.h"
+#include "platform/desktop/desktop.h"
 #include "platform/os/named_mutex.h"
 #include "platform/os/process.h"
 #include "platform/security/security.h"
@@ -25,14 +29,23 @@ using tarn::log::Level;
 
 const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
 
+// The file a path or descriptor names, as device and inode.
+std::pair<dev_t, ino_t> FileId(const std::string& path) {
+  struct stat st {};
+  ::stat(path.c_str(), &st);
+  return {st.st_dev, st.st_ino};
+}
+
 class FakeProcesses : public tarn::os::Processes {
  public:
   std::vector<pid_t> FindByName(const std::string& name) override {
     return desktop && name == "Xwayland" ? std::vector<pid_t>{4242} : std::vector<pid_t>{};
   }
-  bool StartProcess(const std::string& path, const std::string& arguments) override {
+  bool StartFile(int fd, const std::string& path, const std::string& arguments, const tarn::os::StartAs* as) override {
     std::lock_guard<std::mutex> lock(mutex);
     started.push_back({path, arguments});
+    startedFile = FileId("/proc/self/fd/" + std::to_string(fd));
+    startedAs = as ? as->uid : ::geteuid();
     return startWorks;
   }
   bool RemoveTreeDetached(const std::string&) override { return false; }
@@ -45,16 +58,28 @@ class FakeProcesses : public tarn::os::Processes {
   bool startWorks = true;
   std::mutex mutex;
   std::vector<std::pair<std::string, std::string>> started;
+  std::pair<dev_t, ino_t> startedFile;
+  uid_t startedAs = 0;
 };
 
 class FakeSigner : public tarn::security::FileSignatureChecker {
  public:
   bool VerifyMaker(const std::string& path) override {
-    checked.push_back(path);
+    checked.push_back(FileId(path));
     return makerSigned;
   }
   bool makerSigned = true;
-  std::vector<std::string> checked;
+  std::vector<std::pair<dev_t, ino_t>> checked;
+};
+
+// A person logged on at seat0, or no one.
+class FakeSessions : public tarn::desktop::Sessions {
+ public:
+  std::optional<tarn::desktop::SessionUser> ActiveGraphicalSession() override {
+    if (!loggedOn) return std::nullopt;
+    return tarn::desktop::SessionUser{"2", 1000, 1000, {1000}, {"DISPLAY=:0", "HOME=/home/ada", "USER=ada"}};
+  }
+  bool loggedOn = true;
 };
 
 class NoticeManagerTest : public testing::Test {
@@ -63,19 +88,29 @@ class NoticeManagerTest : public testing::Test {
     root_.MakeDir(kVtid);
     tarn::os::SetProcessesForTesting(&processes_);
     tarn::security::FileSignatureChecker::SetInstanceForTesting(&signer_);
+    tarn::desktop::SetSessionsForTesting(&sessions_);
     NoticeManager::noticeAttempted = true;
+    // The program beside the running executable, so that it opens.
+    notice_ = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "TarnCoreNotice";
+    created_ = !std::filesystem::exists(notice_);
+    if (created_) std::ofstream(notice_) << "notice";
   }
   void TearDown() override {
     VantrelThread::ThreadManager::Instance().WaitAll();
     VantrelThread::ThreadManager::ResetInstanceForTesting();
     tarn::os::SetProcessesForTesting(nullptr);
     tarn::security::FileSignatureChecker::SetInstanceForTesting(nullptr);
+    tarn::desktop::SetSessionsForTesting(nullptr);
     ConfigManager::GetInstance().verifyEnabled = true;
+    if (created_) std::filesystem::remove(notice_);
   }
 
   tarn::test::TempRoot root_;
   FakeProcesses processes_;
   FakeSigner signer_;
+  FakeSessions sessions_;
+  std::filesystem::path notice_;
+  bool created_ = false;
   tarn::log::LogCapture log_;
 };
 
@@ -122,19 +157,36 @@ TEST_F(NoticeManagerTest, RunningNoticeOrFailedSignatureStartsNothingAndAFailedS
   EXPECT_TRUE(log_.Has(Level::Error, "PrivacyNotice verify failed.(NoticeManager::ShowPrivacyNoticeTray)"));
   ASSERT_EQ(signer_.checked.size(), 1u);
 
-  // Without verification the signature isn't asked, and the program beside
-  // the running executable starts.
+  // The file tested is the file started, as the session's user; without
+  // verification the signature isn't asked.
+  signer_.makerSigned = true;
+  NoticeManager::ShowPrivacyNoticeTray();
+  ASSERT_EQ(processes_.Started().size(), 1u);
+  EXPECT_EQ(processes_.Started()[0].first, notice_.string());
+  EXPECT_EQ(processes_.startedFile, signer_.checked.back());
+  EXPECT_EQ(processes_.startedFile, FileId(notice_));
+  EXPECT_EQ(processes_.startedAs, ::geteuid() == 0 ? 1000u : ::geteuid());
   ConfigManager::GetInstance().verifyEnabled = false;
   NoticeManager::ShowPrivacyNoticeTray();
-  EXPECT_EQ(signer_.checked.size(), 1u);
-  const auto started = processes_.Started();
-  ASSERT_EQ(started.size(), 1u);
-  EXPECT_EQ(started[0].first, signer_.checked[0]);
-  EXPECT_TRUE(started[0].first.ends_with("/TarnCoreNotice")) << started[0].first;
+  EXPECT_EQ(signer_.checked.size(), 2u);
+  EXPECT_EQ(processes_.Started().size(), 2u);
 
   processes_.startWorks = false;
   NoticeManager::ShowPrivacyNoticeTray();
   EXPECT_TRUE(log_.Contains("PrivacyNotice start PrivacyNoticeUI failed. code:"));
+
+  // No one at the desktop: no session and no display of our own.
+  processes_.startWorks = true;
+  sessions_.loggedOn = false;
+  const char* display = std::getenv("DISPLAY");
+  const std::string saved = display ? display : "";
+  ::unsetenv("DISPLAY");
+  ::unsetenv("WAYLAND_DISPLAY");
+  log_.Clear();
+  NoticeManager::ShowPrivacyNoticeTray();
+  if (display) ::setenv("DISPLAY", saved.c_str(), 1);
+  EXPECT_EQ(processes_.Started().size(), 3u);
+  EXPECT_TRUE(log_.Has(Level::Error, "PrivacyNotice start PrivacyNoticeUI failed. code:6(NoticeManager::ShowPrivacyNoticeTray)"));
 }
 
 TEST_F(NoticeManagerTest, DesktopWaitEndedByExitIsRetriedAtLogon) {

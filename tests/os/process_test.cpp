@@ -12,8 +12,8 @@
 #include <set>
 #include <thread>
 
-#include "platform/commonutil/vtprocess.h"
 #include "platform/os/last_error.h"
+#include "platform/os/pinned_file.h"
 #include "support/temp_root.h"
 
 namespace fs = std::filesystem;
@@ -21,22 +21,35 @@ using namespace tarn::os;
 
 namespace {
 
+std::string Read(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
 bool Eventually(const std::function<bool()>& condition) {
   for (int i = 0; i < 500 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
   return condition();
 }
 
-TEST(ProcessTest, StartedProgramRunsDetachedAndIsFoundByItsLongNameWithoutCase) {
+constexpr uid_t kNobody = 65534;
+
+TEST(ProcessTest, StartedProgramRunsDetachedAsItsUserAndIsFoundByItsLongNameWithoutCase) {
   tarn::test::TempRoot root;
   // Longer than the 15 characters comm keeps, and unique across runs.
   std::string name = "TarnCoreLongHelperName" + std::to_string(::getpid());
   std::string path = root.At(name);
   fs::copy_file("/usr/bin/sleep", path);
-  fs::permissions(path, fs::perms::owner_all);
+  fs::permissions(path, fs::perms::owner_all | fs::perms::group_exec | fs::perms::others_exec);
   int leaked[2];
   ASSERT_EQ(::pipe(leaked), 0);  // not close-on-exec: must not reach the program
 
-  ASSERT_TRUE(VTPROCESS::StartProcess(path, "  30 ", nullptr));
+  // The open file is what runs: the path names something else by then.
+  const PinnedFile program(path);
+  root.WriteFile(name + ".new", "#!/bin/sh\nexit 1\n");
+  fs::rename(path + ".new", path);
+  const bool asRoot = ::geteuid() == 0;
+  StartAs nobody{kNobody, kNobody, {kNobody}, {"HOME=/", "ONLY=this"}};
+  ASSERT_TRUE(GetProcesses().StartFile(program.fd(), path, "  30 ", asRoot ? &nobody : nullptr));
   std::string upper = name;
   for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   std::vector<pid_t> pids;
@@ -65,17 +78,32 @@ TEST(ProcessTest, StartedProgramRunsDetachedAndIsFoundByItsLongNameWithoutCase) 
     return !args.empty();
   });
   EXPECT_EQ(args, path + std::string("\0" "30\0", 4));
+  if (asRoot) {
+    const std::string status = Read("/proc/" + std::to_string(pid) + "/status");
+    EXPECT_NE(status.find("\nUid:\t65534\t65534\t65534\t65534\n"), std::string::npos) << status;
+    EXPECT_NE(status.find("\nGid:\t65534\t65534\t65534\t65534\n"), std::string::npos) << status;
+    const auto groups = status.find("\nGroups:");
+    EXPECT_EQ(status.substr(groups, status.find('\n', groups + 1) - groups), "\nGroups:\t65534 ") << status;
+    EXPECT_EQ(Read("/proc/" + std::to_string(pid) + "/environ"), std::string("HOME=/\0ONLY=this\0", 17));
+  }
 
   // A process that has ended is not running, even before anyone reaped it.
   ::kill(pid, SIGKILL);
   EXPECT_TRUE(Eventually([&] { return SystemProcesses().FindByName(name).empty(); }));
 }
 
-TEST(ProcessTest, StartOfAMissingProgramFailsWithTheErrno) {
+TEST(ProcessTest, AStartThatFailsGivesTheErrno) {
   tarn::test::TempRoot root;
+  const PinnedFile absent(root.At("absent"));
   SetLastError(0);
-  EXPECT_FALSE(VTPROCESS::StartProcess(root.At("absent"), "x"));
-  EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(ENOENT));
+  EXPECT_FALSE(GetProcesses().StartFile(absent.fd(), absent.path(), "x", nullptr));
+  EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(EBADF));
+  // The exec's own failure, in the started process, comes back too.
+  root.WriteFile("data", "not a program");
+  fs::permissions(root.At("data"), fs::perms::owner_all);
+  const PinnedFile data(root.At("data"));
+  EXPECT_FALSE(GetProcesses().StartFile(data.fd(), data.path(), "", nullptr));
+  EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(ENOEXEC));
 }
 
 TEST(ProcessTest, RemoveTreeDetachedRemovesTheWholeTree) {

@@ -12,8 +12,8 @@
 #include "platform/commonutil/de.h"
 #include "platform/commonutil/httputil.h"
 #include "platform/commonutil/urlloader.h"
-#include "platform/appupdate/pinned_file.h"
 #include "platform/log/tarn_log.h"
+#include "platform/os/pinned_file.h"
 #include "platform/os/places.h"
 #include "platform/os/process.h"
 #include "platform/os/registry.h"
@@ -123,9 +123,9 @@ bool UpgradeAPI::TarnCoreAppSilentUpgrade(bool force) {
     return false;
   }
   // Digest and maker signature both, read through one open descriptor, before
-  // anything of the package runs; the start then refuses a swapped file.
+  // anything of the package runs; that descriptor is what starts.
   ::chmod(path.c_str(), 0755);
-  const tarn::appupdate::PinnedFile package(path);
+  const tarn::os::PinnedFile package(path);
   if (DE::GetFileSha256Hex(package.ReadPath()) != sha256) {
     TARN_LOG(::tarn::log::Level::Error, "appupdate", "UpgradeAPI::TarnCoreAppSilentUpgrade", "package digest mismatch");
     DE::FileDelete(path);
@@ -136,9 +136,8 @@ bool UpgradeAPI::TarnCoreAppSilentUpgrade(bool force) {
     DE::FileDelete(path);
     return false;
   }
-  if (!package.SamePathTarget() || !tarn::os::GetProcesses().StartProcess(path, arguments)) {
+  if (!tarn::os::GetProcesses().StartFile(package.fd(), path, arguments, nullptr)) {
     TARN_LOG(::tarn::log::Level::Error, "appupdate", "UpgradeAPI::TarnCoreAppSilentUpgrade", "installer did not start");
-    // Whatever the path names now is unchecked or unusable: nothing is left to run later.
     DE::FileDelete(path);
     return false;
   }

@@ -2,7 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <spawn.h>
+#include <grp.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,41 +76,101 @@ bool NameMatches(const std::string& name, const std::string& exe, const std::str
          SameIgnoringCase(name.substr(0, kCommLength), comm);
 }
 
-// Starts a program detached: an intermediate child spawns it and exits at once,
-// so the program is reparented and never becomes our zombie.
-bool SpawnDetached(const std::string& file, const std::vector<std::string>& args, bool searchPath) {
+// What the started program's process does between its fork and its exec. The
+// forking process has threads, so only async-signal-safe calls happen there;
+// everything it needs is made before the fork.
+struct ExecPlan {
+  int fd = -1;                  // fexecve this open file, or
+  const char* file = nullptr;   // execvpe this name
+  bool script = false;          // the file starts with "#!": its interpreter reads it as /dev/fd/3
+  char* const* argv = nullptr;
+  char* const* envp = nullptr;
+  const StartAs* as = nullptr;
+  const char* directory = nullptr;  // chdir here first, when given
+};
+
+[[noreturn]] void ReportAndExit(int errorPipe, int error) {
+  (void)!::write(errorPipe, &error, sizeof(error));
+  ::_exit(127);
+}
+
+[[noreturn]] void RunProgram(const ExecPlan& plan, int errorPipe) {
+  ::setsid();
+  sigset_t none;
+  sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  struct sigaction byDefault {};
+  byDefault.sa_handler = SIG_DFL;
+  for (int signo = 1; signo < NSIG; ++signo) ::sigaction(signo, &byDefault, nullptr);
+
+  // Out of the way of 0 to 4 first, then: standard handles on /dev/null, the
+  // program at 3, the error pipe at 4 (closed by the exec), nothing else.
+  const int program = plan.fd >= 0 ? ::fcntl(plan.fd, F_DUPFD_CLOEXEC, 10) : -1;
+  const int pipe = ::fcntl(errorPipe, F_DUPFD_CLOEXEC, 10);
+  if (pipe < 0 || (plan.fd >= 0 && program < 0)) ReportAndExit(errorPipe, errno);
+  const int null = ::open("/dev/null", O_RDWR);
+  if (null < 0) ReportAndExit(pipe, errno);
+  for (int standard = 0; standard <= 2; ++standard) ::dup2(null, standard);
+  if (program >= 0 && ::dup3(program, 3, plan.script ? 0 : O_CLOEXEC) < 0) ReportAndExit(pipe, errno);
+  if (::dup3(pipe, 4, O_CLOEXEC) < 0) ReportAndExit(pipe, errno);
+  ::close_range(5, ~0U, 0);
+
+  if (plan.as) {
+    if (::setgroups(plan.as->groups.size(), plan.as->groups.data()) != 0 || ::setgid(plan.as->gid) != 0 ||
+        ::setuid(plan.as->uid) != 0) {
+      ReportAndExit(4, errno);
+    }
+  }
+  if (plan.directory && ::chdir(plan.directory) != 0) ::chdir("/");
+  if (program >= 0) {
+    ::fexecve(3, plan.argv, plan.envp);
+  } else {
+    ::execvpe(plan.file, plan.argv, plan.envp);
+  }
+  ReportAndExit(4, errno);
+}
+
+// Starts a program detached: an intermediate child forks it and exits once it
+// has exec'd (or failed to), so the program is reparented and never becomes
+// our zombie, and its exec's errno comes back as the intermediate's status.
+bool SpawnDetached(ExecPlan plan, const std::vector<std::string>& args) {
   std::vector<char*> argv;
   for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
   argv.push_back(nullptr);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attr;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawnattr_init(&attr);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  // Nothing of ours (service pipes, exit pipe, sockets) may live on in the program.
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  sigset_t none;
-  sigset_t all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attr, &none);
-  posix_spawnattr_setsigdefault(&attr, &all);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK |
-                                      POSIX_SPAWN_SETSIGDEF);
-
-  pid_t middle = ::fork();
-  if (middle == 0) {
-    pid_t pid;
-    int rc = searchPath ? ::posix_spawnp(&pid, file.c_str(), &actions, &attr, argv.data(), environ)
-                        : ::posix_spawn(&pid, file.c_str(), &actions, &attr, argv.data(), environ);
-    ::_exit(rc > 0 && rc < 256 ? rc : (rc == 0 ? 0 : 255));
+  plan.argv = argv.data();
+  std::vector<char*> envp;
+  if (plan.as) {
+    for (const auto& e : plan.as->environment) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    plan.envp = envp.data();
+  } else {
+    plan.envp = environ;
   }
-  int forkError = errno;
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attr);
+
+  int errorPipe[2];
+  if (::pipe2(errorPipe, O_CLOEXEC) != 0) {
+    SetLastError(static_cast<std::uint32_t>(errno));
+    return false;
+  }
+  const pid_t middle = ::fork();
+  if (middle == 0) {
+    const pid_t program = ::fork();
+    if (program == 0) {
+      ::close(errorPipe[0]);
+      RunProgram(plan, errorPipe[1]);
+    }
+    const int forkError = errno;
+    ::close(errorPipe[1]);
+    if (program < 0) ::_exit(forkError);
+    int error = 0;
+    ssize_t n;
+    while ((n = ::read(errorPipe[0], &error, sizeof(error))) < 0 && errno == EINTR) {
+    }
+    ::_exit(n != sizeof(error) ? 0 : (error > 0 && error < 256 ? error : 255));
+  }
+  const int forkError = errno;
+  ::close(errorPipe[0]);
+  ::close(errorPipe[1]);
   if (middle < 0) {
     SetLastError(static_cast<std::uint32_t>(forkError));
     return false;
@@ -127,6 +187,18 @@ bool SpawnDetached(const std::string& file, const std::vector<std::string>& args
     return false;
   }
   return true;
+}
+
+bool StartsWithInterpreterLine(int fd) {
+  char head[2];
+  return ::pread(fd, head, sizeof(head), 0) == 2 && head[0] == '#' && head[1] == '!';
+}
+
+std::string HomeOf(const StartAs& as) {
+  for (const auto& entry : as.environment) {
+    if (entry.rfind("HOME=", 0) == 0) return entry.substr(5);
+  }
+  return "/";
 }
 
 SystemProcesses g_systemProcesses;
@@ -171,14 +243,27 @@ std::vector<pid_t> SystemProcesses::FindByName(const std::string& name) {
   return found;
 }
 
-bool SystemProcesses::StartProcess(const std::string& path, const std::string& arguments) {
+bool SystemProcesses::StartFile(int fd, const std::string& path, const std::string& arguments,
+                                const StartAs* as) {
+  if (fd < 0) {
+    SetLastError(EBADF);
+    return false;
+  }
   std::vector<std::string> args{path};
   for (auto& a : SplitArguments(arguments)) args.push_back(std::move(a));
-  return SpawnDetached(path, args, false);
+  const std::string home = as ? HomeOf(*as) : std::string();
+  ExecPlan plan;
+  plan.fd = fd;
+  plan.script = StartsWithInterpreterLine(fd);
+  plan.as = as;
+  plan.directory = as ? home.c_str() : nullptr;
+  return SpawnDetached(plan, args);
 }
 
 bool SystemProcesses::RemoveTreeDetached(const std::string& directory) {
-  return SpawnDetached("rm", {"rm", "-rf", "--", directory}, true);
+  ExecPlan plan;
+  plan.file = "rm";
+  return SpawnDetached(plan, {"rm", "-rf", "--", directory});
 }
 
 Processes& GetProcesses() {

@@ -9,6 +9,15 @@
 
 namespace tarn::os {
 
+// Another user to run a started program as: its ids and its whole environment
+// ("NAME=value" entries), nothing of ours added.
+struct StartAs {
+  uid_t uid = 0;
+  gid_t gid = 0;
+  std::vector<gid_t> groups;
+  std::vector<std::string> environment;
+};
+
 class Processes {
  public:
   virtual ~Processes() = default;
@@ -17,19 +26,25 @@ class Processes {
   // user's process) a longer name matches the 15 characters comm keeps. A
   // process that has ended but was not reaped yet doesn't count.
   virtual std::vector<pid_t> FindByName(const std::string& name) = 0;
-  // Starts path with the arguments (one text split at blanks), detached: in its
-  // own session, standard handles on /dev/null, nothing else inherited, and not
-  // waited for. False with the errno as last error when it could not be started.
-  virtual bool StartProcess(const std::string& path, const std::string& arguments) = 0;
+  // Starts the program file open at fd (fexecve, so the file started is the one
+  // that was opened and tested, whatever its path names by now), with path as
+  // argv[0] and the arguments (one text split at blanks). Detached: in its own
+  // session, standard handles on /dev/null, nothing else inherited, and not
+  // waited for. With `as`, it runs as that user with exactly that environment;
+  // without, as this process with its environment. False with the errno as
+  // last error when it could not be started.
+  virtual bool StartFile(int fd, const std::string& path, const std::string& arguments,
+                         const StartAs* as) = 0;
   // Runs "rm -rf -- directory" in a detached child; true when the child started.
   virtual bool RemoveTreeDetached(const std::string& directory) = 0;
 };
 
-// The real thing, on /proc and posix_spawn.
+// The real thing, on /proc, fork and fexecve.
 class SystemProcesses : public Processes {
  public:
   std::vector<pid_t> FindByName(const std::string& name) override;
-  bool StartProcess(const std::string& path, const std::string& arguments) override;
+  bool StartFile(int fd, const std::string& path, const std::string& arguments,
+                 const StartAs* as) override;
   bool RemoveTreeDetached(const std::string& directory) override;
 };
 
