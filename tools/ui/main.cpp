@@ -1,4 +1,4 @@
-// TarnCoreUI: the update dialogs, on the terminal.
+// TarnCoreUI: the update dialogs, windows on the person's desktop.
 //
 // The container starts it with one of two command lines:
 //   Dialog_ApiLevel  asks the user whether to update now, and tells the
@@ -15,9 +15,12 @@
 #include <iostream>
 #include <string>
 
+#include "dialog_window.h"
 #include "framework_request.h"
 #include "platform/appupdate/upgrade_api.h"
 #include "platform/log/tarn_log.h"
+#include "ui_texts.h"
+#include "ui_window.h"
 
 namespace {
 
@@ -39,20 +42,18 @@ constexpr const char* kUpdateKitName = "ALL";
 
 const char* kUsage = R"(Usage: TarnCoreUI Dialog_ApiLevel|Upgrade [--accept|--decline] [--wait MS]
 
-Dialog_ApiLevel  asks whether to update now; --accept or --decline answers
-                 without asking, otherwise the question goes to the terminal
-Upgrade          runs the update and reports its outcome; --accept reports a
-                 finished update and --decline a failed one without running it
+Dialog_ApiLevel  asks whether to update now, in a window on the display
+                 (DISPLAY or WAYLAND_DISPLAY), else on the terminal; --accept
+                 or --decline answers without asking
+Upgrade          runs the update, showing its progress and outcome in a window
+                 when there is a display, and reports the outcome; --accept
+                 reports a finished update and --decline a failed one without
+                 running it
 
 --wait MS  how long to keep trying to reach the container (default 10000)
 
 Exit status: 0 reported, 1 not reported, 2 usage, 3 no answer.
 )";
-
-// The dialogs' texts (en-US).
-const char* kPrompting = "prompting";
-const char* kNeedUpdate = "Tarn Core service components need to be updated. Update now?";
-const char* kUpdating = "Tarn Core service components are being updated.";
 
 bool Report(const std::string& resultCode, bool withKitName, int waitMs) {
   Json::Value body(Json::objectValue);
@@ -80,31 +81,43 @@ int main(int argc, char** argv) {
   tarn::log::Open("TarnCoreUI", 2, 1);
   ULOG(Info, "TarnCoreUI::main", "TarnCoreUI begin, command = " << mode);
   const bool terminal = tarn::tools::TerminalAttached();
+  const tarn::ui::UiTexts& texts = tarn::ui::TextsForLocale();
+  const bool display = choice == tarn::tools::Choice::kNone && tarn::tools::gtk::OpenDisplay();
 
   bool reported;
   if (mode == "Dialog_ApiLevel") {
-    if (choice == tarn::tools::Choice::kNone && terminal) {
-      std::cout << kPrompting << "\n";
-      choice = tarn::tools::AskOnTerminal(kNeedUpdate);
+    if (display) {
+      choice = tarn::ui::AskToUpdate(texts);
+    } else if (choice == tarn::tools::Choice::kNone && terminal) {
+      std::cout << texts.title << "\n";
+      choice = tarn::tools::AskOnTerminal(texts.needUpdate);
     }
     if (choice == tarn::tools::Choice::kNone) {
       // Unanswered, the container lets the update go a minute after this
       // process has ended.
-      ULOG(Info, "TarnCoreUI::main", "no terminal and no answer given; nothing reported.");
+      ULOG(Info, "TarnCoreUI::main", "no display, no terminal and no answer given; nothing reported.");
       return kExitNoAnswer;
     }
     reported = Report(choice == tarn::tools::Choice::kAccept ? kUserAgree : kUserRefuse, false, waitMs);
+  } else if (choice != tarn::tools::Choice::kNone) {
+    reported = Report(choice == tarn::tools::Choice::kAccept ? kUpdateDone : kUpdateFailed, true, waitMs);
   } else {
-    if (terminal) std::cout << kUpdating << "\n";
-    bool done = choice == tarn::tools::Choice::kAccept;
-    if (choice == tarn::tools::Choice::kNone) {
-      // The user agreed already: the update is forced past the setting.
+    // The person agreed already: the update is forced past the setting.
+    auto upgrade = [&reported, waitMs] {
       UpgradeAPI updater;
       updater.Init();
-      done = updater.TarnCoreAppSilentUpgrade(true);
+      const bool done = updater.TarnCoreAppSilentUpgrade(true);
       ULOG(Info, "TarnCoreUI::main", "silent upgrade started = " << done);
+      reported = Report(done ? kUpdateDone : kUpdateFailed, true, waitMs);
+      return done;
+    };
+    if (display) {
+      tarn::ui::ShowUpgrade(texts, upgrade);
+    } else {
+      if (terminal) std::cout << texts.updating << "\n";
+      const bool done = upgrade();
+      if (terminal) std::cout << (done ? texts.updated : texts.failed) << "\n";
     }
-    reported = Report(done ? kUpdateDone : kUpdateFailed, true, waitMs);
   }
   ULOG(Info, "TarnCoreUI::main", "TarnCoreUI end, reported = " << reported);
   return reported ? kExitReported : kExitNotReported;

@@ -32,7 +32,7 @@ FrameworkAnswer SendFrameworkRequest(const std::string& uri, const Json::Value& 
 // Reads an answer's text into the fields above.
 void ReadAnswer(const std::string& text, FrameworkAnswer& answer);
 
-// --accept / --decline, or the user's y/n on the terminal when one is there.
+// --accept / --decline, or the person's answer in the window or on the terminal.
 enum class Choice { kAccept, kDecline, kNone };
 // Standard input and output are both a terminal.
 bool TerminalAttached();
