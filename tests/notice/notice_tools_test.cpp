@@ -94,13 +94,14 @@ TEST(NoticeToolsTest, AnswersGoToTheContainerAsFrameworkRequests) {
     int exitCode;
     const char* uri;
     const char* body;
+    const char* control;  // the notice's: the control its events name
   } cases[] = {
-      {{Ui(), "Dialog_ApiLevel", "--decline"}, taken, 0, kResult, R"({"resultCode":"907135010"})"},
-      {{Ui(), "Upgrade", "--accept"}, taken, 0, kResult, R"({"resultCode":"0","updateKitName":"ALL"})"},
-      {{Ui(), "Dialog_ApiLevel", "--decline"}, stored, 1, kResult, R"({"resultCode":"907135010"})"},
-      {{Notice(), "PrivacyNotice", "--accept"}, stored, 0, kSet, R"({"key":"PrivacyNotice","value":"true"})"},
-      {{Notice(), "PrivacyAgree", "--accept"}, stored, 0, kSet, R"({"key":"PrivacyAgree","value":"64000000"})"},
-      {{Notice(), "PrivacyAgree", "--decline"}, notStored, 1, kSet, R"({"key":"ShareAnalysis","value":"false"})"},
+      {{Ui(), "Dialog_ApiLevel", "--decline"}, taken, 0, kResult, R"({"resultCode":"907135010"})", nullptr},
+      {{Ui(), "Upgrade", "--accept"}, taken, 0, kResult, R"({"resultCode":"0","updateKitName":"ALL"})", nullptr},
+      {{Ui(), "Dialog_ApiLevel", "--decline"}, stored, 1, kResult, R"({"resultCode":"907135010"})", nullptr},
+      {{Notice(), "PrivacyNotice", "--accept"}, stored, 0, kSet, R"({"key":"PrivacyNotice","value":"true"})", "btnOk"},
+      {{Notice(), "PrivacyAgree", "--accept"}, stored, 0, kSet, R"({"key":"PrivacyAgree","value":"64000000"})", "btnOk"},
+      {{Notice(), "PrivacyAgree", "--decline"}, notStored, 1, kSet, R"({"key":"ShareAnalysis","value":"false"})", "btnCancel"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.argv[0] + " " + c.argv[1] + " " + c.argv[2]);
@@ -109,12 +110,25 @@ TEST(NoticeToolsTest, AnswersGoToTheContainerAsFrameworkRequests) {
     StandInContainer container(c.answer);
     EXPECT_EQ(RunTool(c.argv), c.exitCode);
     const auto requests = container.Requests();
-    ASSERT_EQ(requests.size(), 1u);
+    ASSERT_EQ(requests.size(), c.control ? 4u : 1u);
     EXPECT_EQ(requests[0]["header"]["api_name"].asString(), c.uri);
     EXPECT_EQ(requests[0]["header"]["client_id"].asString(), "204518762");
     EXPECT_EQ(requests[0]["body"], Parse(c.body));
     // With a container there, the notice leaves the registry to it.
     EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyNotice")), "");
+    if (!c.control) continue;
+    // Then the notice's use, once it has closed: opened, the answer's control, closed.
+    const std::vector<std::pair<std::string, std::string>> events{
+        {"TARN_PC_SERVICE_UI_OPEN", c.argv[1]}, {"TARN_PC_SERVICE_UI_OPERATOR", c.control}, {"TARN_PC_SERVICE_UI_CLOSE", c.argv[1]}};
+    for (std::size_t i = 0; i < events.size(); ++i) {
+      const Json::Value& request = requests[i + 1];
+      EXPECT_EQ(request["header"]["api_name"].asString(), "Framework.NoticeEvReport");
+      EXPECT_EQ(request["body"]["type"].asString(), "TARNCORE_NOTICE_UI");
+      const Json::Value event = Parse(request["body"]["data"].asCString())["EVReports"][0];
+      EXPECT_EQ(event["event_name"].asString(), events[i].first);
+      EXPECT_EQ(event["event_data"]["tarncore_ui_name"].asString(), "TarnCoreNotice");
+      EXPECT_EQ(event["event_data"]["oper_Content"].asString(), events[i].second);
+    }
   }
 }
 
