@@ -15,6 +15,7 @@ constexpr int kPolicyHeight = 520;
 struct NoticeWindow {
   GtkWindow* window = nullptr;
   GtkCheckButton* sharing = nullptr;
+  GtkWidget* agree = nullptr;
   NoticeSession* session = nullptr;
   WindowAnswer answer;
 };
@@ -54,7 +55,7 @@ void ShowPolicy(NoticeWindow& notice) {
   gtk_window_set_child(window, page);
   gtk::SetMargins(page);
   gtk_window_set_default_widget(window, close);
-  gtk_widget_grab_focus(close);
+  gtk_window_set_focus(window, close);
   gtk_window_present(window);
 }
 
@@ -100,9 +101,7 @@ GtkWidget* NoticePage(NoticeWindow& notice, const NoticeTexts& texts) {
   gtk_box_append(GTK_BOX(row), decline);
   gtk_box_append(GTK_BOX(row), agree);
   gtk_box_append(GTK_BOX(page), row);
-  // Enter agrees; the person tabs to the other choices.
-  gtk_window_set_default_widget(notice.window, agree);
-  gtk_widget_grab_focus(agree);
+  notice.agree = agree;
   return page;
 }
 
@@ -114,6 +113,9 @@ WindowAnswer ShowNoticeWindow(const std::string& mode, NoticeSession& session) {
   const NoticeTexts& texts = TextsFor(mode);
   notice.window = gtk::NewWindow(texts.heading, kWidth);
   gtk_window_set_child(notice.window, NoticePage(notice, texts));
+  // Enter agrees; the person tabs to the other choices.
+  gtk_window_set_default_widget(notice.window, notice.agree);
+  gtk_window_set_focus(notice.window, notice.agree);
   gtk::RunUntilClosed(notice.window);
   return notice.answer;
 }

@@ -1,8 +1,11 @@
 #include "session_monitor.h"
 
+#include <systemd/sd-bus.h>
 #include <systemd/sd-login.h>
 
 #include <cstdlib>
+#include <cstring>
+#include <utility>
 
 #include "container/pipe_message.h"
 
@@ -76,6 +79,65 @@ std::set<std::string> SessionMonitor::CurrentSessions() const {
   }
   std::free(list);
   return sessions;
+}
+
+std::optional<std::uint32_t> SessionFromObjectPath(const char* path) {
+  char* id = nullptr;
+  if (!path || sd_bus_path_decode(path, "/org/freedesktop/login1/session", &id) <= 0 || !id) return std::nullopt;
+  std::uint32_t session = 0;
+  const bool numeric = NumericId(id, session);
+  std::free(id);
+  return numeric ? std::optional<std::uint32_t>(session) : std::nullopt;
+}
+
+SessionLockMonitor::~SessionLockMonitor() {
+  sd_bus_slot_unref(match_);
+  sd_bus_flush_close_unref(bus_);
+}
+
+bool SessionLockMonitor::Open(int& error) {
+  error = sd_bus_open_system(&bus_);
+  if (error >= 0) {
+    error = sd_bus_add_match(bus_, &match_,
+                             "type='signal',sender='org.freedesktop.login1',"
+                             "interface='org.freedesktop.login1.Session'",
+                             &SessionLockMonitor::OnSignal, this);
+  }
+  if (error < 0) {
+    sd_bus_flush_close_unref(bus_);
+    bus_ = nullptr;
+    return false;
+  }
+  Changes();  // what came in while the match was set up
+  return true;
+}
+
+int SessionLockMonitor::fd() const { return bus_ ? sd_bus_get_fd(bus_) : -1; }
+
+short SessionLockMonitor::events() const {
+  if (!bus_) return 0;
+  const int ev = sd_bus_get_events(bus_);
+  return ev < 0 ? 0 : static_cast<short>(ev);
+}
+
+std::vector<SessionEvent> SessionLockMonitor::Changes() {
+  if (bus_) {
+    while (sd_bus_process(bus_, nullptr) > 0) {
+    }
+  }
+  return std::exchange(arrived_, {});
+}
+
+int SessionLockMonitor::OnSignal(sd_bus_message* message, void* self, sd_bus_error*) {
+  const char* member = sd_bus_message_get_member(message);
+  const bool lock = member && std::strcmp(member, "Lock") == 0;
+  const bool unlock = member && std::strcmp(member, "Unlock") == 0;
+  const auto session = SessionFromObjectPath(sd_bus_message_get_path(message));
+  if ((lock || unlock) && session) {
+    static_cast<SessionLockMonitor*>(self)->arrived_.push_back(
+        {lock ? container::kSessionLock : container::kSessionUnlock, *session});
+  }
+  return 0;
 }
 
 }  // namespace tarn::service

@@ -126,6 +126,10 @@ int Supervisor::Run() {
     if (!sessionsOpen_) {
       SLOGW("Supervisor::Run", "logind session monitor unavailable error: " << -error);
     }
+    locksOpen_ = locks_.Open(error);
+    if (!locksOpen_) {
+      SLOGW("Supervisor::Run", "session lock signals unavailable error: " << -error);
+    }
   }
 
   StartContainer();
@@ -138,6 +142,8 @@ int Supervisor::Run() {
     if (ctlIndex >= 0) fds.push_back({control_.fd(), POLLIN, 0});
     const int sesIndex = sessionsOpen_ ? static_cast<int>(fds.size()) : -1;
     if (sesIndex >= 0) fds.push_back({sessions_.fd(), sessions_.events(), 0});
+    const int lockIndex = locksOpen_ ? static_cast<int>(fds.size()) : -1;
+    if (lockIndex >= 0) fds.push_back({locks_.fd(), locks_.events(), 0});
 
     int n = ::poll(fds.data(), fds.size(), PollTimeoutMs());
     if (n < 0 && errno != EINTR) {
@@ -158,11 +164,12 @@ int Supervisor::Run() {
           Forward(line);
         }
       }
-      if (sesIndex >= 0 && fds[sesIndex].revents) {
-        for (const auto& ev : sessions_.Changes()) {
-          Forward(container::NotifyWinEventText(ev.type, ev.session));
-        }
+      std::vector<SessionEvent> events;
+      if (sesIndex >= 0 && fds[sesIndex].revents) events = sessions_.Changes();
+      if (lockIndex >= 0 && fds[lockIndex].revents) {
+        for (const auto& ev : locks_.Changes()) events.push_back(ev);
       }
+      for (const auto& ev : events) Forward(container::NotifyWinEventText(ev.type, ev.session));
     }
     OnTimers();
     if (stopping_ && !child_.running()) break;

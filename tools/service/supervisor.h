@@ -4,7 +4,8 @@
 //
 // - Start: the container next to the service (or --container), see ContainerChild.
 // - Ready: "NotifyWorkStatus1" from the container sends READY=1 to systemd once.
-// - Session events: logind's session changes, and every line of the control
+// - Session events: logind's session changes and its Lock and Unlock
+//   signals (on the system bus), and every line of the control
 //   FIFO (see ControlChannel), go to the container as UTF-16LE messages. The
 //   container takes one message per read and has no framing, so a message is
 //   written only once the one before it has been read; until then it waits
@@ -29,7 +30,7 @@ struct SupervisorOptions {
   std::string containerPath;  // empty: TarnCoreContainer in the service's own folder
   std::string controlPath;    // empty: ControlChannel::DefaultPath()
   std::chrono::milliseconds stopGrace{5000};
-  bool watchSessions = true;  // logind
+  bool watchSessions = true;  // logind and its signals
 };
 
 // Parses the command line; false with a message in `error` on bad usage.
@@ -66,6 +67,8 @@ class Supervisor {
   ControlChannel control_;
   SessionMonitor sessions_;
   bool sessionsOpen_ = false;
+  SessionLockMonitor locks_;
+  bool locksOpen_ = false;
   RestartBackoff backoff_;
   int signalFd_ = -1;
   bool stopping_ = false;

@@ -65,7 +65,7 @@ tools::Choice AskToUpdate(const UiTexts& texts) {
   gtk_window_set_child(window, page);
   // Enter updates; Escape or the window's close is "not now".
   gtk_window_set_default_widget(window, update);
-  gtk_widget_grab_focus(update);
+  gtk_window_set_focus(window, update);
   gtk::RunUntilClosed(window);
   return question.choice;
 }
@@ -111,7 +111,7 @@ bool ShowUpgrade(const UiTexts& texts, const std::function<bool()>& work) {
       gtk::Name(GTK_WIDGET(p.bar), p.result ? p.texts->updated : p.texts->failed);
       gtk_widget_set_sensitive(p.close, TRUE);
       gtk_window_set_default_widget(p.window, p.close);
-      gtk_widget_grab_focus(p.close);
+      gtk_window_set_focus(p.window, p.close);
       return G_SOURCE_REMOVE;
     }, &progress);
   });

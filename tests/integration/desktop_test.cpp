@@ -1,0 +1,361 @@
+// The desktop programs with the real service and container on a whole demo
+// machine: the privacy notice and the update dialogs on an Xvfb display of the
+// test's own, answered by keyboard; the update cycle against an update service
+// on 127.0.0.1 that serves a signed package; lock and unlock from a private
+// system bus to the demo kit.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include "programs.h"
+
+using namespace std::chrono_literals;
+using namespace tarn::test;
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
+
+// Runs a shell command and gives its standard output.
+std::string Shell(const std::string& command) {
+  std::string out;
+  if (FILE* pipe = ::popen(command.c_str(), "r")) {
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) out.append(buffer, n);
+    ::pclose(pipe);
+  }
+  while (!out.empty() && out.back() == '\n') out.pop_back();
+  return out;
+}
+
+std::string Built(const std::string& relative) { return BuildDir() + "/" + relative; }
+
+bool Eventually(const std::function<bool()>& done, std::chrono::seconds limit = 30s) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!done()) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(50ms);
+  }
+  return true;
+}
+
+// An Xvfb on a display number nobody uses, and xdotool on it.
+class Xvfb {
+ public:
+  Xvfb() {
+    for (int n = 60; n < 100 && pid_ < 0; ++n) {
+      if (fs::exists("/tmp/.X11-unix/X" + std::to_string(n)) || fs::exists("/tmp/.X" + std::to_string(n) + "-lock")) continue;
+      const pid_t pid = Spawn({"/usr/bin/Xvfb", ":" + std::to_string(n), "-nolisten", "tcp", "-screen", "0", "1280x1024x24"});
+      if (Eventually([&] { return fs::exists("/tmp/.X11-unix/X" + std::to_string(n)) || !ProcessAlive(pid); }, 10s) &&
+          ProcessAlive(pid)) {
+        pid_ = pid;
+        display_ = ":" + std::to_string(n);
+      } else {
+        KillAndReap(pid);
+      }
+    }
+  }
+  ~Xvfb() { KillAndReap(pid_); }
+  const std::string& display() const { return display_; }
+
+  // The window with this title once it is shown ("" if none came).
+  std::string Window(const std::string& title) const {
+    return Shell("DISPLAY=" + display_ + " timeout 30 xdotool search --sync --onlyvisible --name '^" + title + "$' | head -1");
+  }
+  bool HasWindow(const std::string& title) const {
+    return !Shell("DISPLAY=" + display_ + " xdotool search --onlyvisible --name '^" + title + "$'").empty();
+  }
+  // Focuses the window and types. A window just shown takes a moment to
+  // settle its focus and default button, as a person's first key would.
+  void Keys(const std::string& window, const std::string& keys) const {
+    std::this_thread::sleep_for(1s);
+    Shell("DISPLAY=" + display_ + " xdotool windowfocus --sync " + window);
+    std::this_thread::sleep_for(300ms);
+    Shell("DISPLAY=" + display_ + " xdotool key --clearmodifiers " + keys);
+  }
+  pid_t Pid(const std::string& window) const {
+    return static_cast<pid_t>(std::atoi(Shell("DISPLAY=" + display_ + " xdotool getwindowpid " + window).c_str()));
+  }
+
+ private:
+  pid_t pid_ = -1;
+  std::string display_;
+};
+
+// The update service: the check announces a newer version whose package is
+// a signed installer script that writes its argument's file.
+class UpdateService {
+ public:
+  explicit UpdateService(const std::string& packagePath) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    package_ = ReadText(packagePath);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(addr);
+    ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    ::listen(fd_, 8);
+    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &length);
+    root_ = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~UpdateService() {
+    stop_ = true;
+    thread_.join();
+    ::close(fd_);
+  }
+  const std::string& root() const { return root_; }
+  void Announce(const std::string& sha256, const std::string& marker) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    check_ = R"({"updateAppInfo":{"version":"9.0.0","packageUrl":")" + root_ + R"(/pkg/setup.sh","sha256":")" + sha256 +
+             R"(","installer":"setup.sh","arguments":")" + marker + R"("}})";
+  }
+  int Downloads() const { return downloads_; }
+
+ private:
+  void Serve() {
+    while (!stop_) {
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, 100) <= 0) continue;
+      const int client = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (client < 0) continue;
+      char request[4096] = {};
+      (void)::recv(client, request, sizeof(request) - 1, 0);
+      const std::string line(request, std::strcspn(request, "\r\n"));
+      std::string body;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (line.rfind("GET /tarncore/update/check?", 0) == 0) body = check_;
+        if (line.rfind("GET /pkg/setup.sh ", 0) == 0) {
+          body = package_;
+          ++downloads_;
+        }
+      }
+      const std::string reply = (body.empty() ? "HTTP/1.1 404 Not Found" : "HTTP/1.1 200 OK") +
+                                std::string("\r\nContent-Length: ") + std::to_string(body.size()) +
+                                "\r\nConnection: close\r\n\r\n" + body;
+      (void)::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
+      ::close(client);
+    }
+  }
+
+  int fd_;
+  std::string root_, package_, check_ = "{}";
+  std::mutex mutex_;
+  std::atomic<int> downloads_{0};
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// A demo machine: the four programs, the demo kit and the scope service, the
+// build's key trusted as the maker's, and the demo's scope policy.
+class DesktopTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::unsetenv("DISPLAY");
+    ::unsetenv("WAYLAND_DISPLAY");
+    install_ = root_.At("opt/tarncore/");
+    fs::create_directories(install_ + "kits");
+    for (const char* program : {"src/container/TarnCoreContainer", "tools/service/TarnCoreService",
+                                "tools/notice/TarnCoreNotice", "tools/ui/TarnCoreUI"}) {
+      fs::copy_file(Built(program), install_ + fs::path(program).filename().string());
+    }
+    for (const char* package : {"com.vantrel.demo", "com.vantrel.demo.lazy", "com.vantrel.scopeservice"}) {
+      fs::copy(Built(std::string("kits/") + package), install_ + "kits/" + package, fs::copy_options::recursive);
+    }
+    fs::create_directories(install_ + "config");
+    fs::copy_file(SourceDir() + "/demo/install/config/remoteConfig.json", install_ + "config/remoteConfig.json");
+    root_.WriteFile("etc/os-release", "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n");
+    for (const auto& [name, value] : {std::pair{"Install_Path", install_}, {"Version", "5.3.0"},
+                                      {"ShareAnalysis", "false"}, {"AutoUpgrade", "false"}}) {
+      root_.WriteFile(kVtid + name, value);
+    }
+    const std::string sign = Built("tools/sign/tarncore-sign");
+    Shell(sign + " trust --name tarn-dev " + Built("keys/tarn-dev.pub"));
+    std::string policy = ReadText(SourceDir() + "/demo/root-template/etc/tarncore/scope-policy.json");
+    policy = std::regex_replace(policy, std::regex("@TARN_DEV_FINGERPRINT@"),
+                                Shell(sign + " fingerprint " + Built("tools/cli/tarncore")));
+    root_.WriteFile("etc/tarncore/scope-policy.json", policy);
+    // The package: an installer script, signed, that leaves its mark.
+    root_.WriteFile("pkg/setup.sh", "#!/bin/sh\necho installed > \"$1\"\nexit 0\n");
+    Shell(sign + " sign --key " + Built("keys/tarn-dev.pem") + " " + root_.At("pkg/setup.sh"));
+    update_ = std::make_unique<UpdateService>(root_.At("pkg/setup.sh"));
+    update_->Announce(Shell("sha256sum " + root_.At("pkg/setup.sh") + " | cut -c1-64"), root_.At("installed"));
+    root_.WriteFile("opt/tarncore/config/service_urls.json",
+                    R"({"com.vantrel.appupdate": {"ROOT": ")" + update_->root() + R"("}})");
+  }
+
+  void TearDown() override {
+    if (service_ > 0) {
+      ::kill(service_, SIGTERM);
+      if (!WaitExit(service_, 15s)) KillAndReap(service_);
+    }
+    // What the container started from this machine's folder ends with it.
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+      std::error_code error;
+      const fs::path exe = fs::read_symlink(entry.path() / "exe", error);
+      if (!error && exe.string().rfind(install_, 0) == 0) ::kill(std::stoi(entry.path().filename()), SIGKILL);
+    }
+  }
+
+  void StartService(std::vector<std::string> env, bool sessionMonitor = false) {
+    env.push_back("GSK_RENDERER=cairo");  // Xvfb has no GL worth the name
+    env.push_back("GTK_A11Y=none");       // nor an accessibility bus
+    std::vector<std::string> argv{install_ + "TarnCoreService"};
+    if (!sessionMonitor) argv.push_back("--no-session-monitor");
+    SpawnOptions options;
+    options.extraEnv = env;
+    service_ = Spawn(argv, options);
+    WaitReady();
+  }
+
+  void WaitReady(int times = 1) {
+    ASSERT_TRUE(WaitForText(ServiceLog(root_), "TarnCoreContainer NotifyWorkStatus1", 60s, times))
+        << ReadText(ServiceLog(root_)) << ReadText(ContainerLog(root_));
+    // The start-up tail has run once the network monitor, its last step, is up.
+    ASSERT_TRUE(WaitForText(ContainerLog(root_), "(InitNetworkMonitor)", 30s, times)) << ReadText(ContainerLog(root_));
+  }
+
+  // The demo client's call; its printed answer.
+  std::string Call(const std::string& uri, const std::string& options = "") {
+    return Shell(Built("tools/cli/tarncore") + " call " + uri + " " + options + " 2>&1");
+  }
+  std::string AskForUpdate() { return Call("Framework.Updatekit", "--header sdk_version=5.3.0.300"); }
+
+  // The type of the last session event the demo kit got.
+  std::string LastSessionEvent() {
+    const std::string answer = Call("Demo.LastEvent");
+    std::smatch type;
+    return std::regex_search(answer, type, std::regex(R"re("lastSessionType"\s*:\s*"([0-9]*)")re")) ? type[1].str() : "";
+  }
+
+  int Count(const std::string& text) { return CountText(ContainerLog(root_), text); }
+  std::string Registry(const std::string& name) { return ReadText(root_.At(kVtid + name)); }
+
+  TempRoot root_;
+  std::string install_;
+  std::unique_ptr<UpdateService> update_;
+  pid_t service_ = -1;
+};
+
+TEST_F(DesktopTest, NoticeAndUpdateDialogsOnTheDisplayAnsweredByKeyboard) {
+  Xvfb x;
+  ASSERT_FALSE(x.display().empty());
+  StartService({"DISPLAY=" + x.display()});
+
+  // PrivacyNotice unset: the notice comes, and Enter agrees.
+  const std::string notice = x.Window("Tarn Core privacy notice");
+  ASSERT_FALSE(notice.empty()) << ReadText(ContainerLog(root_));
+  EXPECT_EQ(Count("start PrivacyNoticeUI succes(NoticeManager::ShowPrivacyNoticeTray)"), 1);
+  x.Keys(notice, "Return");
+  ASSERT_TRUE(Eventually([&] { return Registry("PrivacyNotice") == "true"; }))
+      << ReadText(root_.At("var/lib/Vantrel/TARNCORE/log/TarnCoreNotice.log"));
+  EXPECT_EQ(Registry("PrivacyAgree"), "64000000");
+  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("Tarn Core privacy notice"); }));
+
+  // The next container start finds the notice done and shows nothing.
+  const std::string serviceLog = ReadText(ServiceLog(root_));
+  std::smatch started;
+  ASSERT_TRUE(std::regex_search(serviceLog, started, std::regex("TarnCoreContainer started pid ([0-9]+)")));
+  ::kill(std::stoi(started[1]), SIGKILL);
+  WaitReady(2);
+  EXPECT_EQ(Count("PrivacyNotice and PrivacyAgree not need start!(NoticeManager::ShowPrivacyNoticeTray)"), 1);
+  EXPECT_FALSE(x.HasWindow("Tarn Core privacy notice"));
+
+  // A newer client's update: the question, declined with Escape; the cycle ends.
+  EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
+  std::string question = x.Window("prompting");
+  ASSERT_FALSE(question.empty()) << ReadText(ContainerLog(root_));
+  x.Keys(question, "Escape");
+  ASSERT_TRUE(WaitForText(ContainerLog(root_), "user can not agree update.(UpdateKitResultReqHandler::Excute)", 30s));
+  EXPECT_TRUE(WaitForText(ContainerLog(root_), "KitStoreManager.CompleteUpdate end.", 10s));
+
+  // Asked again, agreed with Enter: the update runs, the package installs,
+  // the result re-initialises the kits and the service-start broadcast goes.
+  EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
+  question = x.Window("prompting");
+  ASSERT_FALSE(question.empty());
+  x.Keys(question, "Return");
+  ASSERT_TRUE(WaitForText(ContainerLog(root_), "user agree update.(UpdateKitResultReqHandler::Excute)", 30s));
+  ASSERT_TRUE(WaitForText(ContainerLog(root_), "UpdateKitResultReqHandler.Excute end.", 60s)) << ReadText(ContainerLog(root_));
+  EXPECT_EQ(ReadText(root_.At("installed")), "installed\n");
+  EXPECT_EQ(update_->Downloads(), 1);
+  EXPECT_EQ(Count("KitManagerApi.InitKitsForUpdate end."), 1);
+  // The outcome stays up until the person closes it.
+  const std::string outcome = x.Window("prompting");
+  ASSERT_FALSE(outcome.empty());
+  x.Keys(outcome, "Return");
+  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("prompting"); }));
+
+  // A UI that dies mid-question leaves the update to the container's expiry:
+  // until then a new request is told the update is running.
+  EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
+  question = x.Window("prompting");
+  ASSERT_FALSE(question.empty());
+  ::kill(x.Pid(question), SIGKILL);
+  EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
+  EXPECT_EQ(Count("TARN is Updating.(KitStoreManager::StartSelfUpdate)"), 1);
+}
+
+TEST_F(DesktopTest, WithoutADesktopOrWithAnUnsignedUiTheUpdateFailsAndTheContainerServesOn) {
+  root_.WriteFile(kVtid + "PrivacyNotice", "true");
+  StartService({});
+  // No display and no session: the UI has nowhere to start.
+  EXPECT_NE(AskForUpdate().find("907135007"), std::string::npos);
+  EXPECT_EQ(Count("UpgradeManager.StartVTFrameworkUI StartProcess failed."), 1);
+
+  // A UI without its signature is not started.
+  const std::string ui = install_ + "TarnCoreUI";
+  fs::resize_file(ui, fs::file_size(ui) - 112);
+  EXPECT_NE(AskForUpdate().find("907135007"), std::string::npos);
+  EXPECT_EQ(Count("[E] [container] sign verify failed. exepath = TarnCoreUI.exe"), 1);
+  EXPECT_EQ(Count("UpgradeManager.StartVTFrameworkUI StartProcess failed."), 1);
+  EXPECT_NE(Call("Demo.Echo", R"(--body '{"text":"still here"}')").find("still here"), std::string::npos);
+}
+
+// Emits one of logind's session signals on a bus, as logind.
+void EmitSessionSignal(const std::string& address, const char* member, const char* sessionPath) {
+  sd_bus* bus = nullptr;
+  ASSERT_GE(sd_bus_new(&bus), 0);
+  ASSERT_GE(sd_bus_set_address(bus, address.c_str()), 0);
+  sd_bus_set_bus_client(bus, 1);
+  ASSERT_GE(sd_bus_start(bus), 0);
+  ASSERT_GE(sd_bus_request_name(bus, "org.freedesktop.login1", 0), 0);
+  ASSERT_GE(sd_bus_emit_signal(bus, sessionPath, "org.freedesktop.login1.Session", member, ""), 0);
+  sd_bus_flush_close_unref(bus);
+}
+
+TEST_F(DesktopTest, LockAndUnlockOfASessionReachTheKit) {
+  root_.WriteFile(kVtid + "PrivacyNotice", "true");
+  root_.MakeDir("run");
+  const std::string socket = root_.At("run/system_bus");
+  root_.WriteFile("etc/bus.conf",
+                  "<busconfig><type>system</type><listen>unix:path=" + socket +
+                      "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"*\"/><allow own=\"*\"/>"
+                      "<allow send_destination=\"*\"/><allow receive_sender=\"*\"/></policy></busconfig>");
+  const pid_t bus = Spawn({"/usr/bin/dbus-daemon", "--nofork", "--config-file=" + root_.At("etc/bus.conf")});
+  ASSERT_TRUE(Eventually([&] { return fs::exists(socket); }, 10s));
+  const std::string address = "unix:path=" + socket;
+  StartService({"DBUS_SYSTEM_BUS_ADDRESS=" + address}, true);
+
+  EmitSessionSignal(address, "Lock", "/org/freedesktop/login1/session/_33");
+  EXPECT_TRUE(WaitForText(ContainerLog(root_), "[service] NotifyWinEvent 7luEventId 3(", 10s)) << ReadText(ServiceLog(root_));
+  EXPECT_TRUE(Eventually([&] { return LastSessionEvent() == "7"; }, 10s)) << Call("Demo.LastEvent");
+  EmitSessionSignal(address, "Unlock", "/org/freedesktop/login1/session/_33");
+  EXPECT_TRUE(Eventually([&] { return LastSessionEvent() == "8"; }, 10s)) << Call("Demo.LastEvent");
+  KillAndReap(bus);
+}
+
+}  // namespace
