@@ -1,20 +1,14 @@
 // The desktop programs with the real service and container on a whole demo
 // machine: the privacy notice and the update dialogs on an Xvfb display of the
-// test's own, answered by keyboard; the update cycle against an update service
-// on 127.0.0.1 that serves a signed package; lock and unlock from a private
-// system bus to the demo kit.
-#include <arpa/inet.h>
+// test's own, answered by keyboard; the update cycle against the reference
+// cloud, which serves a signed package; lock and unlock from a private system
+// bus to the demo kit.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <regex>
 #include <thread>
@@ -95,70 +89,6 @@ class Xvfb {
   std::string display_;
 };
 
-// The update service: the check announces a newer version whose package is
-// a signed installer script that writes its argument's file.
-class UpdateService {
- public:
-  explicit UpdateService(const std::string& packagePath) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    package_ = ReadText(packagePath);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(addr);
-    ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    ::listen(fd_, 8);
-    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &length);
-    root_ = "http://127.0.0.1:" + std::to_string(ntohs(addr.sin_port));
-    thread_ = std::thread([this] { Serve(); });
-  }
-  ~UpdateService() {
-    stop_ = true;
-    thread_.join();
-    ::close(fd_);
-  }
-  const std::string& root() const { return root_; }
-  void Announce(const std::string& sha256, const std::string& marker) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    check_ = R"({"updateAppInfo":{"version":"9.0.0","packageUrl":")" + root_ + R"(/pkg/setup.sh","sha256":")" + sha256 +
-             R"(","installer":"setup.sh","arguments":")" + marker + R"("}})";
-  }
-  int Downloads() const { return downloads_; }
-
- private:
-  void Serve() {
-    while (!stop_) {
-      pollfd p{fd_, POLLIN, 0};
-      if (::poll(&p, 1, 100) <= 0) continue;
-      const int client = ::accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (client < 0) continue;
-      char request[4096] = {};
-      (void)::recv(client, request, sizeof(request) - 1, 0);
-      const std::string line(request, std::strcspn(request, "\r\n"));
-      std::string body;
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (line.rfind("GET /tarncore/update/check?", 0) == 0) body = check_;
-        if (line.rfind("GET /pkg/setup.sh ", 0) == 0) {
-          body = package_;
-          ++downloads_;
-        }
-      }
-      const std::string reply = (body.empty() ? "HTTP/1.1 404 Not Found" : "HTTP/1.1 200 OK") +
-                                std::string("\r\nContent-Length: ") + std::to_string(body.size()) +
-                                "\r\nConnection: close\r\n\r\n" + body;
-      (void)::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
-      ::close(client);
-    }
-  }
-
-  int fd_;
-  std::string root_, package_, check_ = "{}";
-  std::mutex mutex_;
-  std::atomic<int> downloads_{0};
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
-
 // A demo machine: the four programs, the demo kit and the scope service, the
 // build's key trusted as the maker's, and the demo's scope policy.
 class DesktopTest : public ::testing::Test {
@@ -182,19 +112,17 @@ class DesktopTest : public ::testing::Test {
                                       {"ShareAnalysis", "false"}, {"AutoUpgrade", "false"}}) {
       root_.WriteFile(kVtid + name, value);
     }
-    const std::string sign = Built("tools/sign/tarncore-sign");
-    Shell(sign + " trust --name tarn-dev " + Built("keys/tarn-dev.pub"));
+    root_.WriteFile("etc/tarncore/trusted-keys/maker/tarn-dev.pub", ReadText(TARN_DEV_PUBLIC_KEY));
     std::string policy = ReadText(SourceDir() + "/demo/root-template/etc/tarncore/scope-policy.json");
     policy = std::regex_replace(policy, std::regex("@TARN_DEV_FINGERPRINT@"),
-                                Shell(sign + " fingerprint " + Built("tools/cli/tarncore")));
+                                Shell(std::string(TARN_SIGN_TOOL) + " fingerprint " + Built("tools/cli/tarncore")));
     root_.WriteFile("etc/tarncore/scope-policy.json", policy);
-    // The package: an installer script, signed, that leaves its mark.
-    root_.WriteFile("pkg/setup.sh", "#!/bin/sh\necho installed > \"$1\"\nexit 0\n");
-    Shell(sign + " sign --key " + Built("keys/tarn-dev.pem") + " " + root_.At("pkg/setup.sh"));
-    update_ = std::make_unique<UpdateService>(root_.At("pkg/setup.sh"));
-    update_->Announce(Shell("sha256sum " + root_.At("pkg/setup.sh") + " | cut -c1-64"), root_.At("installed"));
-    root_.WriteFile("opt/tarncore/config/service_urls.json",
-                    R"({"com.vantrel.appupdate": {"ROOT": ")" + update_->root() + R"("}})");
+    // The cloud offers a newer version: an installer script, signed, that leaves its mark.
+    cloud_ = std::make_unique<Cloud>(root_, install_ + "config/service_urls.json",
+                                     std::vector<std::string>{"--key", TARN_DEV_PRIVATE_KEY, "--sign-tool", TARN_SIGN_TOOL});
+    cloud_->Serve("update.json",
+                  R"({"version": "9.0.0", "installer": "setup.sh", "arguments": ")" + root_.At("installed") + R"("})");
+    cloud_->Serve("packages/setup.sh", "#!/bin/sh\necho installed > \"$1\"\nexit 0\n");
   }
 
   void TearDown() override {
@@ -246,7 +174,7 @@ class DesktopTest : public ::testing::Test {
 
   TempRoot root_;
   std::string install_;
-  std::unique_ptr<UpdateService> update_;
+  std::unique_ptr<Cloud> cloud_;
   pid_t service_ = -1;
 };
 
@@ -291,7 +219,7 @@ TEST_F(DesktopTest, NoticeAndUpdateDialogsOnTheDisplayAnsweredByKeyboard) {
   ASSERT_TRUE(WaitForText(ContainerLog(root_), "user agree update.(UpdateKitResultReqHandler::Excute)", 30s));
   ASSERT_TRUE(WaitForText(ContainerLog(root_), "UpdateKitResultReqHandler.Excute end.", 60s)) << ReadText(ContainerLog(root_));
   EXPECT_EQ(ReadText(root_.At("installed")), "installed\n");
-  EXPECT_EQ(update_->Downloads(), 1);
+  EXPECT_EQ(CountText(root_.At("cloud/received/requests.log"), "GET /tarncore/update/package/setup.sh 200"), 1);
   EXPECT_EQ(Count("KitManagerApi.InitKitsForUpdate end."), 1);
   // The outcome stays up until the person closes it.
   const std::string outcome = x.Window("prompting");
