@@ -6,6 +6,7 @@ namespace tarn::ui {
 
 struct UiTexts {
   const char* title;       // common_tip_prompting
+  const char* heading;
   const char* needUpdate;  // apilevel_needupdate
   const char* updating;    // apilevel_updating
   const char* updated;
@@ -17,6 +18,7 @@ struct UiTexts {
 
 inline constexpr UiTexts kEnglish{
     "prompting",
+    "Tarn Core update",
     "Tarn Core service components need to be updated. Update now?",
     "Tarn Core service components are being updated.",
     "Tarn Core service components have been updated.",
@@ -28,6 +30,7 @@ inline constexpr UiTexts kEnglish{
 
 inline constexpr UiTexts kChinese{
     "提示",
+    "Tarn Core 升级",
     "Tarn Core 服务相关组件版本过低。是否立即升级？",
     "Tarn Core 服务相关组件正在升级，请稍候。",
     "Tarn Core 服务相关组件已升级。",

@@ -47,6 +47,7 @@ tools::Choice AskToUpdate(const UiTexts& texts) {
   Question question;
   GtkWindow* window = gtk::NewWindow(texts.title, kWidth);
   GtkWidget* page = gtk_box_new(GTK_ORIENTATION_VERTICAL, 12);
+  gtk_box_append(GTK_BOX(page), gtk::Text(texts.heading, true));
   gtk_box_append(GTK_BOX(page), gtk::Text(texts.needUpdate));
   GtkWidget* row = gtk::ButtonRow();
   GtkWidget* later = gtk::Button(texts.notNow);
@@ -75,6 +76,7 @@ bool ShowUpgrade(const UiTexts& texts, const std::function<bool()>& work) {
   progress.texts = &texts;
   progress.window = gtk::NewWindow(texts.title, kWidth);
   GtkWidget* page = gtk_box_new(GTK_ORIENTATION_VERTICAL, 12);
+  gtk_box_append(GTK_BOX(page), gtk::Text(texts.heading, true));
   GtkWidget* message = gtk::Text(texts.updating);
   progress.message = GTK_LABEL(message);
   gtk_box_append(GTK_BOX(page), message);
@@ -106,9 +108,10 @@ bool ShowUpgrade(const UiTexts& texts, const std::function<bool()>& work) {
       auto& p = *static_cast<Progress*>(data);
       p.running = false;
       g_source_remove(p.pulse);
+      // A full bar for a finished update; a failed one is told by its text alone.
       gtk_progress_bar_set_fraction(p.bar, 1.0);
+      gtk_widget_set_visible(GTK_WIDGET(p.bar), p.result);
       gtk_label_set_text(p.message, p.result ? p.texts->updated : p.texts->failed);
-      gtk::Name(GTK_WIDGET(p.bar), p.result ? p.texts->updated : p.texts->failed);
       gtk_widget_set_sensitive(p.close, TRUE);
       gtk_window_set_default_widget(p.window, p.close);
       gtk_window_set_focus(p.window, p.close);
