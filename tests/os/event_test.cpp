@@ -62,32 +62,10 @@ TEST(EventTest, WaitForAnyGivesTheLowestSignalledIndexOfAtMostSixtyFour) {
   EXPECT_EQ(WaitForAny(first64, 0), kWaitObject0 + 63);
 
   SetLastError(0);
-  auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(WaitForAny(all, kInfinite), kWaitFailed);
   EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(EINVAL));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
   EXPECT_EQ(WaitForAny({}, 0), kWaitFailed);
-}
-
-TEST(EventTest, NullOrInvalidHandlesFailAtOnceWithTheErrno) {
-  SetLastError(0);
-  EXPECT_EQ(WaitForSingle(static_cast<Waitable*>(nullptr), kInfinite), kWaitFailed);
-  EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(EBADF));
-
-  auto event = Event::Create(true, false);
-  EXPECT_EQ(WaitForAny({event.get(), nullptr}, kInfinite), kWaitFailed);
-
-  SetLastError(0);
-  EXPECT_EQ(WaitForFd(0, kInfinite), kWaitFailed);  // 0 is the null handle
-  EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(EBADF));
-
-  int fds[2];
-  ASSERT_EQ(::pipe(fds), 0);
-  ::close(fds[0]);
-  ::close(fds[1]);
-  SetLastError(0);
-  EXPECT_EQ(WaitForFd(fds[0], kInfinite), kWaitFailed);
-  EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(EBADF));
+  EXPECT_EQ(WaitForAny({events[0].get(), nullptr}, kInfinite), kWaitFailed);
 }
 
 TEST(EventTest, FdSignalsOnDataAndHangUpWithoutBeingConsumedAndMixesWithEvents) {
@@ -112,6 +90,14 @@ TEST(EventTest, FdSignalsOnDataAndHangUpWithoutBeingConsumedAndMixesWithEvents) 
   EXPECT_EQ(WaitForFd(exitPipe[0], 5000), kWaitObject0);
   closer.join();
   for (int f : {data[0], data[1], exitPipe[0]}) ::close(f);
+  for (int invalid : {0, exitPipe[0]}) {  // the null handle and a closed one
+    SetLastError(0);
+    EXPECT_EQ(WaitForFd(invalid, kInfinite), kWaitFailed);
+    EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(EBADF));
+  }
+  SetLastError(0);
+  EXPECT_EQ(WaitForSingle(static_cast<Waitable*>(nullptr), kInfinite), kWaitFailed);
+  EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(EBADF));
 }
 
 }  // namespace
