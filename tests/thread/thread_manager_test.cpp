@@ -59,10 +59,11 @@ ThreadFunction Stubborn(ProbePtr probe) {
   };
 }
 
-std::chrono::milliseconds TimeWaitAll(ThreadManager& manager) {
-  auto start = std::chrono::steady_clock::now();
+// How long WaitAll took: at least the time-out of the thread it gave up on.
+std::chrono::steady_clock::duration TimeWaitAll(ThreadManager& manager) {
+  const auto start = std::chrono::steady_clock::now();
   manager.WaitAll();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+  return std::chrono::steady_clock::now() - start;
 }
 
 TEST(ThreadManagerTest, WaitAllEndsCooperatingAndBlockedThreadsSilentlyThenRefusesCreate) {
@@ -121,17 +122,14 @@ TEST(ThreadManagerTest, WaitAllEndsCooperatingAndBlockedThreadsSilentlyThenRefus
   EXPECT_EQ(manager.quitThreads.size(), 3u);
   EXPECT_FALSE(manager.plainThreads.begin()->first->joinable());
 
-  auto ran = std::make_shared<std::atomic<bool>>(false);
-  auto late = [ran](void*) -> std::uint32_t {
-    *ran = true;
-    return 0;
-  };
-  EXPECT_FALSE(manager.Create(late, nullptr, "late", true));
-  EXPECT_FALSE(manager.Create(late, nullptr, "late", false));
-  EXPECT_FALSE(manager.CreateRemovable(late, nullptr, "LoadManger::LoadWorkerThread, late"));
+  auto late = std::make_shared<Probe>();
+  late->release = true;
+  EXPECT_FALSE(manager.Create(Stubborn(late), nullptr, "late", true));
+  EXPECT_FALSE(manager.Create(Stubborn(late), nullptr, "late", false));
+  EXPECT_FALSE(manager.CreateRemovable(Stubborn(late), nullptr, "LoadManger::LoadWorkerThread, late"));
   EXPECT_EQ(manager.plainThreads.size() + manager.quitThreads.size() + manager.removableThreads.size(), 5u);
   std::this_thread::sleep_for(20ms);
-  EXPECT_FALSE(*ran);
+  EXPECT_FALSE(late->started);
   ::close(fds[0]);
   ::close(fds[1]);
 }
@@ -144,9 +142,7 @@ TEST(ThreadManagerTest, ThreadIgnoringEverythingIsReportedAndWaitAllStillReturns
   ASSERT_TRUE(manager.Create(Cooperative(polite), nullptr, "UpgradeManager::WorkerThread", false));
   ASSERT_TRUE(Eventually([&] { return stubborn->started.load(); }));
 
-  auto took = TimeWaitAll(manager);
-  EXPECT_GE(took, 200ms);    // it was given its full time-out
-  EXPECT_LT(took, 10000ms);  // and then given up on
+  EXPECT_GE(TimeWaitAll(manager), 200ms);
   EXPECT_FALSE(stubborn->finished);
   EXPECT_TRUE(polite->finished);
   // The warning is the only line: giving up on a thread is no error of its own.
@@ -197,9 +193,7 @@ TEST(ThreadManagerTest, RemovableThreadsLeaveThroughDelOrGetOnlyTheExitEventAndA
   }
   EXPECT_TRUE(logs.Has(Level::Info, "del delThreadId = " + std::to_string(*leaverId) + "(ThreadManager::del)"));
 
-  auto took = TimeWaitAll(manager);
-  EXPECT_GE(took, 1000ms);
-  EXPECT_LT(took, 15000ms);
+  EXPECT_GE(TimeWaitAll(manager), 1000ms);
   EXPECT_TRUE(watcher->finished);
   EXPECT_EQ(watcher->result.load(), 1u);  // running was left alone
   EXPECT_TRUE(logs.Has(Level::Warn,
