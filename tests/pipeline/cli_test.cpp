@@ -112,21 +112,6 @@ TEST_F(Cli, ListenPrintsBroadcastsAsTheyCome) {
   EXPECT_EQ("first\n{\"second\":2}\n", run.output);
 }
 
-// A signed tarncore passes the real signature check once its key is trusted;
-// this unsigned test program does not.
-TEST_F(Cli, SignedClientPassesTheRealSignatureCheck) {
-  SignatureVerifyer::SetInstanceForTesting(nullptr);
-  std::stringstream pub;
-  pub << std::ifstream(TARN_DEV_PUBLIC_KEY).rdbuf();
-  ASSERT_FALSE(pub.str().empty());
-  root_.WriteFile("etc/tarncore/trusted-keys/tarn-dev.pub", pub.str());
-  CliRun run = Tarncore({"call", "Demo.Echo"});
-  EXPECT_EQ(1, run.exitCode) << run.output;
-  EXPECT_TRUE(run.Has("\"status_code\":\"907135001\"")) << run.output;
-  EXPECT_EQ(1, gates_.fingerprintCalls.load());
-  EXPECT_EQ("907135004", StatusFor(5, "self"));
-}
-
 namespace fs = std::filesystem;
 
 std::string ReadAll(const std::string& path) {
