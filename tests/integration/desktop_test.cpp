@@ -3,6 +3,7 @@
 // test's own, answered by keyboard; the update cycle against the reference
 // cloud, which serves a signed package; lock and unlock from a private system
 // bus to the demo kit.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <systemd/sd-bus.h>
@@ -46,21 +47,18 @@ bool Eventually(const std::function<bool()>& done, std::chrono::seconds limit = 
   return true;
 }
 
-// An Xvfb on a display number nobody uses, and xdotool on it.
+// An Xvfb on a display number nobody uses, which it names once it takes
+// connections, and xdotool on it.
 class Xvfb {
  public:
   Xvfb() {
-    for (int n = 60; n < 100 && pid_ < 0; ++n) {
-      if (fs::exists("/tmp/.X11-unix/X" + std::to_string(n)) || fs::exists("/tmp/.X" + std::to_string(n) + "-lock")) continue;
-      const pid_t pid = Spawn({"/usr/bin/Xvfb", ":" + std::to_string(n), "-nolisten", "tcp", "-screen", "0", "1280x1024x24"});
-      if (Eventually([&] { return fs::exists("/tmp/.X11-unix/X" + std::to_string(n)) || !ProcessAlive(pid); }, 10s) &&
-          ProcessAlive(pid)) {
-        pid_ = pid;
-        display_ = ":" + std::to_string(n);
-      } else {
-        KillAndReap(pid);
-      }
-    }
+    int ready[2];
+    if (::pipe2(ready, O_CLOEXEC) != 0) return;
+    pid_ = Spawn({"/usr/bin/Xvfb", "-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "1280x1024x24"}, {ready[1], -1, -1, {}});
+    ::close(ready[1]);
+    char number[16] = {};
+    if (::read(ready[0], number, sizeof(number) - 1) > 0) display_ = ":" + std::to_string(std::atoi(number));
+    ::close(ready[0]);
   }
   ~Xvfb() { KillAndReap(pid_); }
   const std::string& display() const { return display_; }
