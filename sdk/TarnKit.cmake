@@ -6,15 +6,18 @@
 # Builds the kit library (visibility hidden but for TARN_KIT_API exports,
 # runpath $ORIGIN so the kit's own folder is searched for its dependencies),
 # writes the SHA-256 of the manifest into the library's string table (id 199)
-# from a source generated at build time, signs the library with the build's
-# development key, and lays out <OUTPUT_DIRECTORY>/<package>/ with the library
-# and kitManifest.json. OUTPUT_DIRECTORY defaults to <build>/kits.
+# from a source generated at build time, signs the library with
+# TARN_SIGNING_KEY (TarnSign.cmake), and lays out <OUTPUT_DIRECTORY>/<package>/
+# with the library and kitManifest.json. OUTPUT_DIRECTORY defaults to
+# <build>/kits. Installing the kit is copying that folder into the
+# platform's kits/.
 #
 # The library's file name is the manifest's "fileName" when the manifest is
 # plain JSON (no comments); otherwise lib<target>.so, which the manifest must name.
 include_guard(GLOBAL)
 
 set(TARN_KIT_SDK_DIR "${CMAKE_CURRENT_LIST_DIR}" CACHE INTERNAL "Folder of the kit SDK")
+include(${CMAKE_CURRENT_LIST_DIR}/TarnSign.cmake)
 
 function(tarn_add_kit target)
   cmake_parse_arguments(ARG "" "PACKAGE;MANIFEST;OUTPUT_DIRECTORY" "SOURCES;DEPS" ${ARGN})
@@ -42,10 +45,7 @@ function(tarn_add_kit target)
     VERBATIM)
 
   add_library(${target} SHARED ${ARG_SOURCES} "${strings_source}")
-  target_include_directories(${target} PRIVATE "${TARN_KIT_SDK_DIR}/include")
-  if(ARG_DEPS)
-    target_link_libraries(${target} PRIVATE ${ARG_DEPS})
-  endif()
+  target_link_libraries(${target} PRIVATE TarnKit::headers ${ARG_DEPS})
   set_target_properties(${target} PROPERTIES
     LIBRARY_OUTPUT_DIRECTORY "${kit_dir}"
     CXX_VISIBILITY_PRESET hidden

@@ -1,4 +1,4 @@
-#include "access/scope.h"
+#include "tarnkit/scope.h"
 
 Scope::Scope() = default;
 Scope::Scope(const Scope& other) = default;

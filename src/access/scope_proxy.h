@@ -12,8 +12,8 @@
 #include <mutex>
 #include <string>
 
-#include "access/scope.h"
 #include "access/scope_service.h"
+#include "tarnkit/scope.h"
 
 // One analytics record about the scope service, with the fields of the event
 // reporter's api record.

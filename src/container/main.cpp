@@ -1,8 +1,8 @@
 // TarnCoreContainer: started by TarnCoreService with the service pipes as
 // standard input and output and the exit handle as the only argument.
-#include "access/scope.h"
 #include "container/ContainerMain.h"
 #include "platform/os/text.h"
+#include "tarnkit/scope.h"
 
 // Kits resolve these from the program when they are loaded; the reference
 // keeps them in the link, and ENABLE_EXPORTS makes them visible.

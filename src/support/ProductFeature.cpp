@@ -64,7 +64,7 @@ const ProductFeature& ProductFeature::GetInstance() {
   return *instance;
 }
 
-void ProductFeature::SetConfigPathForTesting(const std::string& path) {
+void SetProductFeatureConfigPathForTesting(const std::string& path) {
   std::lock_guard<std::mutex> lock(PathMutex());
   PathOverride() = path;
 }

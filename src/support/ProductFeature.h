@@ -1,66 +1,15 @@
 #pragma once
-// The per-model feature table of config/product_adapter/ProductFeature.xml
-// beside the executable. The container doesn't read it itself: the program
-// exports the class for the kits that run in it, and a kit includes this
-// header and resolves the symbols from the program at load.
-#include <cstdint>
+// The product feature table. The container doesn't read it itself: the class
+// is declared in the kit SDK, and the program exports it for the kits that run
+// in it.
 #include <string>
 
-#define TARN_PRODUCT_EXPORT __attribute__((visibility("default")))
+#include "tarnkit/product_feature.h"
 
 namespace ProductAdapt {
 
-class TARN_PRODUCT_EXPORT ProductFeature {
- public:
-  // Made and loaded on first use.
-  static const ProductFeature& GetInstance();
-
-  // Loads the file again. Callable on the shared instance: kits hold it by
-  // constant reference.
-  void Reset() const;
-
-  // Each getter gives status: when it is 0, flag gets the feature's value,
-  // otherwise false.
-  int GetFingerprintStatus(bool& flag) const;
-  int GetBtGpioStatus(bool& flag) const;
-  int GetWifiGpioStatus(bool& flag) const;
-  int GetCpuPowerStatus(bool& flag) const;
-  int GetTriFingerSnipperStatus(bool& flag) const;
-  int GetWifiBiosRepairStatus(bool& flag) const;
-  int GetEnergyStarStatus(bool& flag) const;
-  int GetEppSettingStatus(bool& flag) const;
-  int GetSQGDataStatus(bool& flag) const;
-  int GetSupportTimeBackStatus(bool& flag) const;
-  int GetSupportVrAssisantStatus(bool& flag) const;
-  int GetSupportNpsPopStatus(bool& flag) const;
-  int GetSupportLiveBroadcast(bool& flag) const;
-  int GetSupportOfficeCheck(bool& flag) const;
-  int GetSupportIntegratedGraphics(bool& flag) const;
-  // From the program's own list of models without power-safe management, not
-  // from the file: true for any model not on it. Returns 0.
-  int GetPowerSafeMgrStatus(bool& flag) const;
-
-  // Loads another file instead of the one beside the executable ("" goes
-  // back to that one); the next Reset reads it.
-  static void SetConfigPathForTesting(const std::string& path);
-
-  ProductFeature(const ProductFeature&) = delete;
-  ProductFeature& operator=(const ProductFeature&) = delete;
-
- private:
-  ProductFeature();
-  // 0, or -3 no path, -4 no file, -5 not XML, -6 no root element.
-  int LoadConfig() const;
-  void InitProductFeatureInfo(const void* root, const char* key, const std::string& modelKey) const;
-  void SetValueByFeature(const char* key, bool value) const;
-  int Get(int index, bool& flag) const;
-
-  // The result of the last load, then one flag per feature in the file's
-  // key order; the last feature defaults to on.
-  static constexpr int kFeatureCount = 15;
-  mutable std::int32_t status = 0;
-  mutable bool features[kFeatureCount] = {false, false, false, false, false, false, false, false,
-                                          false, false, false, false, false, false, true};
-};
+// Loads another file instead of the one beside the executable ("" goes back
+// to that one); the next Reset reads it.
+void SetProductFeatureConfigPathForTesting(const std::string& path);
 
 }  // namespace ProductAdapt

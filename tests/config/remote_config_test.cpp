@@ -215,14 +215,14 @@ TEST_F(RemoteConfig, DemoInstallationReads) {
     fs::copy_file(from, to, fs::copy_options::overwrite_existing);
   };
   copy(source + "/demo/install/config/remoteConfig.json", InstalledPath());
-  for (const char* package : {"com.vantrel.demo", "com.vantrel.demo.lazy"}) {
+  for (const char* package : {"com.vantrel.demo", "com.vantrel.demo.lazy", "com.vantrel.sample"}) {
     copy(source + "/kits/" + package + "/kitManifest.json", ManifestPath(package));
   }
   // The scope service's package has a manifest without kits.
   copy(source + "/services/scope/package/kitManifest.json", ManifestPath("com.vantrel.scopeservice"));
   ASSERT_TRUE(cm.Init());
   EXPECT_TRUE(Errors().empty());
-  for (const char* uri : {"Demo.Echo", "Demo.Late", "Demo.Broadcast", "DemoLazy.Hello"}) {
+  for (const char* uri : {"Demo.Echo", "Demo.Late", "Demo.Broadcast", "DemoLazy.Hello", "Sample.Scopes"}) {
     EXPECT_EQ(cm.kitApiDispathMap.count(uri), 1u) << uri;
   }
   EXPECT_EQ(cm.kitApiDispathMap.at("Demo.Echo")->startup, "true");

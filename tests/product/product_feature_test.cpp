@@ -13,10 +13,10 @@ using ProductAdapt::ProductFeature;
 
 class ProductFeatureTest : public testing::Test {
  protected:
-  void TearDown() override { ProductFeature::SetConfigPathForTesting(""); }
+  void TearDown() override { ProductAdapt::SetProductFeatureConfigPathForTesting(""); }
   const ProductFeature& Load(const std::string& xml) {
     root_.WriteFile("ProductFeature.xml", xml);
-    ProductFeature::SetConfigPathForTesting(root_.At("ProductFeature.xml"));
+    ProductAdapt::SetProductFeatureConfigPathForTesting(root_.At("ProductFeature.xml"));
     const ProductFeature& features = ProductFeature::GetInstance();
     features.Reset();
     return features;
@@ -59,7 +59,7 @@ TEST_F(ProductFeatureTest, FailedLoadClearsEveryFlag) {
   struct Case { const char* path; const char* content; int status; };  // path nullptr: the content
   for (const Case& c : {Case{"missing.xml", nullptr, -4}, Case{nullptr, "not xml <", -5}, Case{nullptr, "", -5}}) {
     if (c.path) {
-      ProductFeature::SetConfigPathForTesting(root_.At(c.path));
+      ProductAdapt::SetProductFeatureConfigPathForTesting(root_.At(c.path));
       features.Reset();
     } else {
       Load(c.content);

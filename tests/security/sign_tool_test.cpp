@@ -59,9 +59,16 @@ TEST_F(SignToolTest, KeygenSignTrustVerify) {
   Expect({"trust", "--name", "dev", pub}, kOk);
   EXPECT_EQ(ts::ReadPublicKeyFile(root.At("etc/tarncore/trusted-keys/maker/dev.pub")), pubKey);
   Expect({"verify", "--maker", a}, kOk);
-  auto fp = Run({"fingerprint", a});
-  EXPECT_EQ(fp.exitCode, kOk);
-  EXPECT_EQ(fp.output, ts::Fingerprint(*pubKey) + "\n");
+  // The signer of a file, the .pub file and the public half of the private key
+  // all give the one fingerprint.
+  const std::string fingerprint = ts::Fingerprint(*pubKey) + "\n";
+  for (const auto& args : std::vector<std::vector<std::string>>{
+           {"fingerprint", a}, {"fingerprint", pub}, {"pubkey", priv, root.At("keys/again.pub")}}) {
+    auto r = Run(args);
+    EXPECT_EQ(r.exitCode, kOk) << args[0];
+    EXPECT_EQ(r.output, fingerprint) << args[0];
+  }
+  EXPECT_EQ(ReadText(root.At("keys/again.pub")), ReadText(pub));
 
   // One bad file among good ones fails the whole run.
   std::string plain = Program("plain");
@@ -87,6 +94,7 @@ TEST_F(SignToolTest, ErrorsHaveClearMessagesAndCodes) {
            {{"sign", a}, kUsage, ""},
            {{"verify"}, kUsage, ""},
            {{"keygen", priv}, kUsage, ""},
+           {{"pubkey", bad, root.At("bad.pub")}, kFailure, "bad key"},
            {{"--help"}, kOk, "fingerprint FILE"}}) {
     Expect(c.args, c.code, c.text);
   }

@@ -27,6 +27,9 @@ constexpr char kHelp[] =
     "      Makes an Ed25519 key pair: PRIVATE as a PEM file (mode 0600), PUBLIC as the\n"
     "      64 hex digits a trusted-keys/*.pub file holds. Existing files are kept\n"
     "      unless --force is given.\n"
+    "  pubkey PRIVATE PUBLIC\n"
+    "      Writes the public key of PRIVATE (PEM or 64 hex digits) as a .pub file\n"
+    "      and prints its fingerprint.\n"
     "  sign --key PRIVATE FILE...\n"
     "      Appends a signature to each FILE, replacing one that is there. PRIVATE is\n"
     "      a PEM Ed25519 key or a 32-byte seed as 64 hex digits.\n"
@@ -35,8 +38,9 @@ constexpr char kHelp[] =
     "      machine root ($TARNCORE_ROOT, default /): a platform or maker key, or with\n"
     "      --maker a maker key only.\n"
     "  fingerprint FILE\n"
-    "      Prints the fingerprint of FILE's signer: SHA-256 of the public key, in\n"
-    "      upper-case hex.\n"
+    "      Prints the fingerprint of FILE's signer, or of the key when FILE is a\n"
+    "      .pub file: SHA-256 of the public key, in upper-case hex. Scope policies\n"
+    "      know clients by it.\n"
     "  trust [--platform] [--name NAME] PUBLIC\n"
     "      Installs the public key file PUBLIC into the machine root's trust store,\n"
     "      as a maker key (trusted-keys/maker/NAME.pub) or with --platform as a\n"
@@ -63,6 +67,20 @@ int CodeFor(ts::Status status) {
     case ts::Status::kNotRegularFile: return kFailure;
     default: return kRejected;
   }
+}
+
+// Writes key's public half as a trusted-keys .pub file and prints its fingerprint.
+int WritePublic(const ts::SigningKey& key, const std::string& path) {
+  std::FILE* out = std::fopen(path.c_str(), "we");
+  std::string hex = ts::KeyToHex(key.Public()) + "\n";
+  bool ok = out && std::fwrite(hex.data(), 1, hex.size(), out) == hex.size();
+  if (out) ok = (std::fclose(out) == 0) && ok;
+  if (!ok) {
+    std::fprintf(stderr, "tarncore-sign: %s: cannot write: %s\n", path.c_str(), std::strerror(errno));
+    return kFailure;
+  }
+  std::printf("%s\n", ts::Fingerprint(key.Public()).c_str());
+  return kOk;
 }
 
 int Keygen(const std::vector<std::string>& args) {
@@ -94,16 +112,20 @@ int Keygen(const std::vector<std::string>& args) {
     std::fprintf(stderr, "tarncore-sign: %s: %s\n", files[0].c_str(), error.c_str());
     return kFailure;
   }
-  std::FILE* out = std::fopen(files[1].c_str(), "we");
-  std::string hex = ts::KeyToHex(key->Public()) + "\n";
-  bool ok = out && std::fwrite(hex.data(), 1, hex.size(), out) == hex.size();
-  if (out) ok = (std::fclose(out) == 0) && ok;
-  if (!ok) {
-    std::fprintf(stderr, "tarncore-sign: %s: cannot write: %s\n", files[1].c_str(), std::strerror(errno));
+  return WritePublic(*key, files[1]);
+}
+
+int Pubkey(const std::vector<std::string>& args) {
+  if (args.size() != 2 || args[0].rfind("--", 0) == 0 || args[1].rfind("--", 0) == 0) {
+    return Usage("pubkey needs PRIVATE and PUBLIC");
+  }
+  std::string error;
+  auto key = ts::SigningKey::Load(args[0], &error);
+  if (!key) {
+    std::fprintf(stderr, "tarncore-sign: %s: bad key: %s\n", args[0].c_str(), error.c_str());
     return kFailure;
   }
-  std::printf("%s\n", ts::Fingerprint(key->Public()).c_str());
-  return kOk;
+  return WritePublic(*key, args[1]);
 }
 
 int Sign(const std::vector<std::string>& args) {
@@ -175,6 +197,10 @@ int Verify(const std::vector<std::string>& args) {
 
 int Fingerprint(const std::vector<std::string>& args) {
   if (args.size() != 1 || args[0].rfind("--", 0) == 0) return Usage("fingerprint needs exactly one FILE");
+  if (auto key = ts::ReadPublicKeyFile(args[0])) {
+    std::printf("%s\n", ts::Fingerprint(*key).c_str());
+    return kOk;
+  }
   ts::Inspection r = ts::InspectFile(args[0]);
   if (r.status != ts::Status::kValid) {
     std::string why = ts::StatusText(r.status);
@@ -237,6 +263,7 @@ int main(int argc, char** argv) {
     return kOk;
   }
   if (command == "keygen") return Keygen(args);
+  if (command == "pubkey") return Pubkey(args);
   if (command == "sign") return Sign(args);
   if (command == "verify") return Verify(args);
   if (command == "fingerprint") return Fingerprint(args);

@@ -31,8 +31,15 @@
 // TarnKitStrings is the library's string table; entry kTarnKitVerifyStringId
 // holds the hexadecimal SHA-256 of the kitManifest.json shipped with the
 // library. tarn_add_kit (TarnKit.cmake) generates it.
+//
+// What the container exports for kits, resolved from the program when the kit
+// is loaded: Scope and TarnGetScopeByAppId (a client's scopes, scope.h) and
+// ProductAdapt::ProductFeature (the product feature table, product_feature.h).
 #include <cstdint>
 #include <functional>
+
+#include "tarnkit/product_feature.h"
+#include "tarnkit/scope.h"
 
 #define TARN_KIT_EXPORT __attribute__((visibility("default")))
 #define TARN_KIT_API extern "C" TARN_KIT_EXPORT

@@ -1,7 +1,8 @@
 #pragma once
-// What kits read of a client's scopes. The container program exports this
-// class and TarnGetScopeByAppId dynamically; a kit declares them through this
-// header (it includes nothing of the container) and resolves them at load.
+// What a kit reads of a client's scopes. TarnCoreContainer defines and exports
+// these; a kit that uses them resolves them from the program when it is loaded
+// (so it loads into TarnCoreContainer only). The layout of Scope is part of the
+// contract: kits copy and destroy the objects the container fills in.
 #include <cstdint>
 #include <list>
 #include <string>
@@ -34,6 +35,8 @@ class TARN_SCOPE_EXPORT Scope {
   std::vector<std::string> permissions_;
 };
 
-// Appends the client's scopes, as the scope service gives them, to `scopes`.
-// Always returns 0; an unanswered question leaves the list as it was.
+// Appends the scopes the scope service gives for the client appId (a request
+// header's "client_id") to scopes. Always returns 0; a question the service
+// does not answer leaves the list as it was. May take seconds while the
+// service is busy: call it from the request's thread, not from Init.
 TARN_SCOPE_EXPORT int TarnGetScopeByAppId(const std::string& appId, std::list<Scope>& scopes);
