@@ -1,0 +1,50 @@
+# Debian packages of the install components (cmake/TarnInstall.cmake), made by
+# CPack (scripts/package):
+#   tarncore      the platform (component platform), with maintainer scripts
+#                 that do what the machine component does, and keep the
+#                 service enabled and running where systemd runs
+#   tarncore-dev  the kit SDK and tarncore-sign (component dev)
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME tarncore)
+set(CPACK_PACKAGE_VENDOR Vantrel)
+set(CPACK_PACKAGE_CONTACT "TarnCore maintainers <tarncore@vantrel.invalid>")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL platform dev)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# Stripping would cut the signatures off the end of the files.
+set(CPACK_STRIP_FILES OFF)
+
+if(TARN_RELEASE_SIGNED)
+  set(tarn_signing_text "Its programs and kits are signed with the maker's key.")
+else()
+  set(tarn_signing_text "This build is signed with the development key of the build tree it was made in, not with a maker's release key (see /usr/share/doc/tarncore/SIGNING).")
+endif()
+
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME tarncore)
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PLATFORM_DESCRIPTION "TarnCore plug-in service host
+TarnCoreContainer hosts plug-in service kits that local client applications
+call over a Unix socket; TarnCoreService (a systemd service) keeps it running.
+${tarn_signing_text}")
+set(tarn_debian ${PROJECT_BINARY_DIR}/install/debian)
+foreach(script postinst prerm postrm)
+  configure_file(packaging/debian/${script}.in ${tarn_debian}/${script} @ONLY)
+endforeach()
+# Configuration an administrator edits survives upgrades.
+file(WRITE ${tarn_debian}/conffiles "${TARN_ETC_DIR}/scope-policy.json
+${TARN_INSTALL_DIR}/config/remoteConfig.json
+")
+set(CPACK_DEBIAN_PLATFORM_PACKAGE_CONTROL_EXTRA
+  ${tarn_debian}/postinst ${tarn_debian}/prerm ${tarn_debian}/postrm ${tarn_debian}/conffiles)
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME tarncore-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_DEV_DESCRIPTION "TarnCore kit SDK and signing tool
+The kit SDK (find_package(TarnKit) in CMake: tarn_add_kit and the kit header)
+and tarncore-sign, which makes keys, signs kits and programs and checks them.
+${tarn_signing_text}")
+
+include(CPack)
