@@ -20,7 +20,8 @@ set(CPACK_STRIP_FILES OFF)
 if(TARN_RELEASE_SIGNED)
   set(tarn_signing_text "Its programs and kits are signed with the maker's key.")
 else()
-  set(tarn_signing_text "This build is signed with the development key of the build tree it was made in, not with a maker's release key (see /usr/share/doc/tarncore/SIGNING).")
+  set(tarn_signing_text "This build is signed with the development key of the build tree it was made
+in, not with a maker's release key (see /usr/share/doc/tarncore/SIGNING).")
 endif()
 
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME tarncore)
@@ -44,7 +45,6 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME tarncore-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION devel)
 set(CPACK_DEBIAN_DEV_DESCRIPTION "TarnCore kit SDK and signing tool
 The kit SDK (find_package(TarnKit) in CMake: tarn_add_kit and the kit header)
-and tarncore-sign, which makes keys, signs kits and programs and checks them.
-${tarn_signing_text}")
+and tarncore-sign, which makes keys, signs kits and programs and checks them.")
 
 include(CPack)
