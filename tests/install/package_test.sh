@@ -120,4 +120,5 @@ if ((failures)); then
   echo "$failures check(s) failed" >&2
   exit 1
 fi
+rm -rf "$work"
 echo "package checks passed"
