@@ -26,7 +26,7 @@ HERE = Path(__file__).resolve().parent
 
 
 def blocks(text):
-    """[sh source, expected lines or None, line number] for each sh block."""
+    """[commands, expected lines or None, line number] for each sh block."""
     found, after_sh = [], False  # after_sh: only blank lines since an sh block closed
     lines = iter(enumerate(text.splitlines(), 1))
     for number, line in lines:
@@ -84,8 +84,8 @@ def run_guide(guide, source, tree, work):
                CMAKE_PREFIX_PATH=str(root / "usr"))
     steps = blocks(guide.read_text())
     script = ['set -euo pipefail', f'out="{outputs}"']
-    for n, (source_text, _, _) in enumerate(steps, 1):
-        script += [f'echo {n} > "$out/at"', "{", source_text, f'}} > "$out/{n}" 2>&1 < /dev/null']
+    for n, (commands, _, _) in enumerate(steps, 1):
+        script += [f'echo {n} > "$out/at"', "{", commands, f'}} > "$out/{n}" 2>&1 < /dev/null']
     print(f"== {guide.name}: {len(steps)} blocks", flush=True)
     try:
         result = subprocess.run(["bash", "-c", "\n".join(script)], cwd=checkout, env=env)
@@ -94,14 +94,14 @@ def run_guide(guide, source, tree, work):
 
     failures = []
     last = int((outputs / "at").read_text()) if (outputs / "at").exists() else 0
-    for n, (source_text, expected, line) in enumerate(steps[:last], 1):
+    for n, (commands, expected, line) in enumerate(steps[:last], 1):
         printed = (outputs / str(n)).read_text(errors="replace")
         failed = (n == last and result.returncode != 0)
         if failed or (expected is not None and not matches(expected, printed)):
             why = f"exit status {result.returncode}" if failed else "output differs"
-            failures.append(f"{guide.name}:{line}: {why}\n--- commands\n{source_text}\n--- printed\n{printed}"
+            failures.append(f"{guide.name}:{line}: {why}\n--- commands\n{commands}\n--- printed\n{printed}"
                             + ("" if failed else "--- expected\n" + "\n".join(expected)))
-    if result.returncode == 0 and last != len(steps):
+    if result.returncode == 0 and last != len(steps):  # a block ended the shell early
         failures.append(f"{guide.name}: stopped after block {last} of {len(steps)}")
     if not failures:
         shutil.rmtree(root, ignore_errors=True)
