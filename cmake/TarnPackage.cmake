@@ -14,6 +14,9 @@ set(CPACK_COMPONENTS_ALL platform dev)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# Debian 12's dpkg and apt read zstd, which packs and unpacks several times
+# faster than the default gzip.
+set(CPACK_DEBIAN_COMPRESSION_TYPE zstd)
 # Stripping would cut the signatures off the end of the files.
 set(CPACK_STRIP_FILES OFF)
 
