@@ -12,6 +12,8 @@
 #   machine   runs tarncore-setup on the installed root: the registry key with
 #             its values and the trusted maker key. The Debian package's
 #             postinst does this instead, so no package holds this component.
+# The client library installs itself (sdk/client): components client and
+# client-dev.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 

@@ -30,13 +30,15 @@ for file in /opt/tarncore/TarnCoreContainer /opt/tarncore/TarnCoreService /opt/t
             /opt/tarncore/kits/com.vantrel.scopeservice/TarnCoreScopeSandbox \
             /opt/tarncore/kits/com.vantrel.sample/libtarn_sample_kit.so \
             /lib/systemd/system/TarnCoreService.service /etc/tarncore/scope-policy.json /usr/bin/tarncore \
-            /usr/share/doc/tarncore/SIGNING; do
+            /usr/share/doc/tarncore/SIGNING /usr/lib/libtarncore-client.so.5; do
   check "tarncore holds $file" grep -qx "$file" "$work/platform.files"
 done
 for file in /usr/bin/tarncore-sign /usr/include/tarnkit/tarn_kit.h /usr/include/tarnkit/scope.h \
             /usr/include/tarnkit/product_feature.h /usr/lib/cmake/TarnKit/TarnKitConfig.cmake \
             /usr/lib/cmake/TarnKit/TarnKitConfigVersion.cmake /usr/lib/cmake/TarnKit/TarnKitTargets.cmake \
-            /usr/lib/cmake/TarnKit/TarnKit.cmake /usr/lib/cmake/TarnKit/TarnSign.cmake; do
+            /usr/lib/cmake/TarnKit/TarnKit.cmake /usr/lib/cmake/TarnKit/TarnSign.cmake \
+            /usr/include/tarncore/client.h /usr/lib/libtarncore-client.so \
+            /usr/lib/cmake/TarnCoreClient/TarnCoreClientConfig.cmake /usr/lib/pkgconfig/tarncore-client.pc; do
   check "tarncore-dev holds $file" grep -qx "$file" "$work/dev.files"
 done
 check "the packages share no file" test -z "$(comm -12 "$work/platform.files" "$work/dev.files")"

@@ -7,11 +7,12 @@ The convention the guides are written in:
   - an ```output block right after an sh block holds lines that its commands
     must print, in that order; "..." in a line stands for any text.
 
-Each guide starts in a checkout of its own (its scripts/ is this tree's) and
-runs on a machine of its own: TARNCORE_ROOT is a fresh folder, HOME an empty
-one, and apt-get and systemctl are the stand-ins in bin/, which act on that
-machine root. ./scripts/package packages the build tree under test.
-install.md runs first: it makes the packages the other guides install.
+The guides run one after the other, in the order of GUIDES, on one machine:
+TARNCORE_ROOT is a fresh folder, HOME an empty one, and apt-get and systemctl
+are the stand-ins in bin/, which act on that machine root. Each starts in a
+checkout whose scripts/ is this tree's; ./scripts/package there packages the
+build tree under test. install.md makes the packages and ends with a purge;
+kits.md installs them again and adds a kit, which clients.md calls.
 
 usage: run_guides.py SOURCE_DIR BUILD_TREE WORK_DIR
 """
@@ -65,32 +66,17 @@ def matches(expected, printed):
     return True
 
 
-def run_guide(guide, source, tree, work):
-    name = guide.stem
-    place = work / name
-    shutil.rmtree(place, ignore_errors=True)
-    checkout, root, home, outputs = place / "checkout", place / "root", place / "home", place / "out"
-    for folder in (checkout, root, home, outputs):
-        folder.mkdir(parents=True)
-    (checkout / "scripts").symlink_to(source / "scripts")
-    packages = work / "install" / "checkout" / "build" / "package"
-    if name != "install":
-        (checkout / "build").mkdir()
-        (checkout / "build" / "package").symlink_to(packages)
+GUIDES = ["install.md", "kits.md", "clients.md"]
 
-    env = dict(os.environ)
-    env.update(TARNCORE_ROOT=str(root), HOME=str(home), TARN_PACKAGE_TREE=str(tree),
-               PATH=f"{HERE / 'bin'}:{root / 'usr/bin'}:{env['PATH']}",
-               CMAKE_PREFIX_PATH=str(root / "usr"))
+
+def run_guide(guide, env, checkout, outputs):
     steps = blocks(guide.read_text())
+    outputs.mkdir(parents=True)
     script = ['set -euo pipefail', f'out="{outputs}"']
     for n, (commands, _, _) in enumerate(steps, 1):
         script += [f'echo {n} > "$out/at"', "{", commands, f'}} > "$out/{n}" 2>&1 < /dev/null']
     print(f"== {guide.name}: {len(steps)} blocks", flush=True)
-    try:
-        result = subprocess.run(["bash", "-c", "\n".join(script)], cwd=checkout, env=env)
-    finally:
-        subprocess.run([str(HERE / "bin" / "systemctl"), "stop", "TarnCoreService"], env=env)
+    result = subprocess.run(["bash", "-c", "\n".join(script)], cwd=checkout, env=env)
 
     failures = []
     last = int((outputs / "at").read_text()) if (outputs / "at").exists() else 0
@@ -103,21 +89,41 @@ def run_guide(guide, source, tree, work):
                             + ("" if failed else "--- expected\n" + "\n".join(expected)))
     if result.returncode == 0 and last != len(steps):  # a block ended the shell early
         failures.append(f"{guide.name}: stopped after block {last} of {len(steps)}")
-    if not failures:
-        shutil.rmtree(root, ignore_errors=True)
     return failures
 
 
 def main():
     source, tree, work = (Path(a).resolve() for a in sys.argv[1:4])
-    guides = sorted((source / "docs").glob("*.md"), key=lambda p: (p.name != "install.md", p.name))
+    unknown = {p.name for p in (source / "docs").glob("*.md")} - set(GUIDES)
+    if unknown:
+        print(f"guides without a place in the run: {sorted(unknown)}", file=sys.stderr)
+        return 1
+    shutil.rmtree(work, ignore_errors=True)
+    checkout, root, home = work / "checkout", work / "root", work / "home"
+    for folder in (checkout, root, home):
+        folder.mkdir(parents=True)
+    (checkout / "scripts").symlink_to(source / "scripts")
+    env = dict(os.environ)
+    env.update(TARNCORE_ROOT=str(root), HOME=str(home), TARN_PACKAGE_TREE=str(tree),
+               PATH=f"{HERE / 'bin'}:{root / 'usr/bin'}:{env['PATH']}",
+               CMAKE_PREFIX_PATH=str(root / "usr"), PKG_CONFIG_PATH=str(root / "usr/lib/pkgconfig"))
+    # A program that loads a sanitized tree's client library must start with
+    # the sanitizer's runtime: the guides' builds get the tree's sanitizers.
+    if "TARN_SANITIZE:BOOL=ON" in (tree / "CMakeCache.txt").read_text():
+        env.update(CXXFLAGS="-fsanitize=address,undefined", LDFLAGS="-fsanitize=address,undefined")
+
     failures = []
-    for guide in guides:
-        failures += run_guide(guide, source, tree, work)
-        if guide.name == "install.md" and failures:
-            break  # the other guides install its packages
+    try:
+        for name in GUIDES:
+            failures = run_guide(source / "docs" / name, env, checkout, work / "out" / name)
+            if failures:
+                break  # the next guide goes on from this one's machine
+    finally:
+        subprocess.run([str(HERE / "bin" / "systemctl"), "stop", "TarnCoreService"], env=env)
     for failure in failures:
         print(failure, file=sys.stderr)
+    if not failures:
+        shutil.rmtree(root, ignore_errors=True)
     return 1 if failures else 0
 
 
