@@ -132,7 +132,8 @@ void InstallHealthyMachine(const tarn::test::TempRoot& root) {
   }
   fs::copy(tarn::test::SourceDir() + "/demo/install/config", root.At("opt/tarncore/config"));
   root.MakeDir("opt/tarncore/kits");
-  for (const char* package : {"com.vantrel.demo", "com.vantrel.demo.lazy", "com.vantrel.scopeservice"}) {
+  for (const char* package :
+       {"com.vantrel.demo", "com.vantrel.demo.lazy", "com.vantrel.sample", "com.vantrel.scopeservice"}) {
     fs::copy(tarn::test::BuildDir() + "/kits/" + package, root.At(std::string("opt/tarncore/kits/") + package));
   }
   const auto key = tarn::security::ReadPublicKeyFile(TARN_DEV_PUBLIC_KEY);
@@ -188,7 +189,7 @@ TEST(CliDiagnose, AHealthyMachinePassesAndEachFaultIsNamedWithItsCause) {
       {"package com.bad.manifest", "kitManifest.json isn't valid JSON"},
       {"scope policy", "isn't a policy"},
       {"remote configuration",
-       root.At("opt/tarncore/config/cache/remoteConfig.json") + " has a value of the wrong JSON type in packageInfo[8]"},
+       root.At("opt/tarncore/config/cache/remoteConfig.json") + " has a value of the wrong JSON type in packageInfo[9]"},
   };
   std::istringstream lines(faulty.output);
   std::vector<std::string> errors;
