@@ -1,11 +1,13 @@
 #include "kit/KitLibrary.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <link.h>
 #include <unistd.h>
 
 #include <cctype>
 
+#include "platform/security/security.h"
 #include "platform/security/signature.h"
 #include "tarnkit/tarn_kit.h"
 
@@ -89,8 +91,10 @@ KitFile::~KitFile() { Close(); }
 
 bool KitFile::OpenVerified(const std::string& path) {
   Close();
-  fd_ = tarn::security::OpenVerified(path, tarn::security::Trust::kPlatformOrMaker);
-  return fd_ >= 0;
+  fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd_ >= 0 && VerifyEmbeddedSignature(("/proc/self/fd/" + std::to_string(fd_)).c_str())) return true;
+  Close();
+  return false;
 }
 
 bool KitFile::IsMappedAs(void* module) const {
