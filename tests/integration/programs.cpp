@@ -1,11 +1,14 @@
 #include "programs.h"
 
 #include <fcntl.h>
+#include <linux/sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -50,6 +53,22 @@ pid_t Spawn(const std::vector<std::string>& argv, const SpawnOptions& options) {
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) throw std::runtime_error("posix_spawn " + argv[0] + " failed");
   return pid;
+}
+
+pid_t SpawnWithPid(pid_t pid, const std::vector<std::string>& argv) {
+  std::vector<char*> argp;
+  for (const auto& a : argv) argp.push_back(const_cast<char*>(a.c_str()));
+  argp.push_back(nullptr);
+  clone_args args{};
+  args.exit_signal = SIGCHLD;
+  args.set_tid = reinterpret_cast<std::uint64_t>(&pid);
+  args.set_tid_size = 1;
+  const long child = ::syscall(SYS_clone3, &args, sizeof(args));
+  if (child == 0) {
+    ::execv(argp[0], argp.data());
+    _exit(127);
+  }
+  return child > 0 ? static_cast<pid_t>(child) : -1;
 }
 
 bool WaitExit(pid_t pid, std::chrono::milliseconds limit, int* status) {

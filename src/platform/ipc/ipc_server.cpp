@@ -13,6 +13,8 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <optional>
+#include <utility>
 #include <pthread.h>
 
 #include "platform/ipc/server_core.h"
@@ -53,6 +55,14 @@ thread_local const void* t_runningRegistration = nullptr;
 // callbacks does not wait for itself.
 thread_local bool t_isReader = false;
 
+// The frame this thread delivers: its callbacks ask for the sender by the id,
+// which another connection may have sent again meanwhile.
+struct Delivering {
+  int32_t syncMessageId;
+  pid_t pid;
+};
+thread_local const Delivering* t_delivering = nullptr;
+
 void LogIpc(log::Level level, const std::string& text) {
   if (log::Enabled(level)) log::Write(level, "ipc", text);
 }
@@ -64,7 +74,7 @@ struct ServerCore::Connection {
   int fd = -1;
   int wfd = -1;  // a dup of fd: its own epoll entry for write readiness
   pid_t pid = 0;
-  bool pinned = false;
+  std::shared_ptr<const os::PeerProcess> peer;
 
   // Read side, under readMutex. Without a reader thread, only the worker
   // holding the one-shot read event reads, and the lock merely states that
@@ -417,10 +427,8 @@ void ServerCore::Accept() {
     }
     auto conn = std::make_shared<Connection>();
     conn->fd = fd;
-    ucred cred{};
-    socklen_t len = sizeof(cred);
-    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) conn->pid = cred.pid;
-    conn->pinned = conn->pid > 0 && os::PinProcess(conn->pid);
+    conn->peer = os::PeerProcess::OfSocket(fd);
+    conn->pid = conn->peer ? conn->peer->Pid() : 0;
     conn->wfd = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (conn->wfd < 0) continue;  // conn's destructor closes fd
     {
@@ -482,6 +490,7 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames, bool wait
     f.item = c.item;
     f.item.body = c.body.get();
     f.body = std::move(c.body);
+    f.sender = c.peer;
     c.bodyCap = 0;
     c.inBody = false;
     c.bodyGot = 0;
@@ -590,7 +599,6 @@ void ServerCore::Close(const std::shared_ptr<Connection>& conn) {
       it = it->second.connId == conn->id ? routes_.erase(it) : std::next(it);
     }
   }
-  if (conn->pinned) os::UnpinProcess(conn->pid);
   // The descriptors close with the last reference, so no other thread's send
   // can land on a reused descriptor number.
 }
@@ -708,6 +716,11 @@ void ServerCore::Deliver(Frame& frame) {
     }
   }
   if (!first) return;  // nobody takes this code
+  // Whatever the callbacks check of the caller is checked of this sender.
+  const Delivering delivering{frame.item.syncMessageId, frame.sender ? frame.sender->Pid() : 0};
+  const Delivering* outerFrame = std::exchange(t_delivering, &delivering);
+  std::optional<os::CallerScope> caller;
+  if (frame.sender) caller.emplace(*frame.sender);
   auto run = [&](const std::shared_ptr<Registration>& r) {
     const void* saved = t_runningRegistration;
     t_runningRegistration = r.get();
@@ -727,6 +740,7 @@ void ServerCore::Deliver(Frame& frame) {
   };
   run(first);
   for (auto& r : more) run(r);
+  t_delivering = outerFrame;
 }
 
 void ServerCore::Register(uint32_t code, MessageCallback callback, const void* owner) {
@@ -759,6 +773,9 @@ void ServerCore::UnregisterAll(const void* owner) {
 }
 
 uint32_t ServerCore::CallerPid(int32_t syncMessageId) {
+  if (t_delivering && t_delivering->syncMessageId == syncMessageId) {
+    return static_cast<uint32_t>(t_delivering->pid);
+  }
   std::lock_guard lock(routeMutex_);
   auto it = routes_.find(syncMessageId);
   return it == routes_.end() ? 0 : static_cast<uint32_t>(it->second.pid);

@@ -11,10 +11,12 @@
 // busy with one request for a few milliseconds, so requests from one
 // connection run at once.
 //
-// Per connection the peer's pid is taken with SO_PEERCRED at accept and pinned
-// (tarn::os::PinProcess) until the connection closes. Per syncMessageId the
-// server remembers the connection that sent it last; a message posted with that
-// id goes back there and the entry is dropped. A frame above 16 MiB, or bytes
+// Per connection the peer process is taken at accept: its pid and a pidfd
+// (tarn::os::PeerProcess). A frame is delivered with its sender as the
+// thread's caller (tarn::os::CallerScope), so checks of the caller made by the
+// callbacks are about that process. Per syncMessageId the server remembers the
+// connection that sent it last; a message posted with that id goes back there
+// and the entry is dropped. A frame above 16 MiB, or bytes
 // that are no frame header, close only that connection.
 #include <cstddef>
 #include <cstdint>
@@ -51,7 +53,8 @@ class TarnCoreIPCMessageServer {
   void Stop();
 
   // Pid of the peer whose connection last sent this id; 0 when unknown (never
-  // seen, already answered, or its connection closed).
+  // seen, already answered, or its connection closed). Asked while the frame
+  // of that id is delivered, the pid of the frame's own sender.
   uint32_t GetCallerPidByMsgId(int32_t syncMessageId);
 
   std::size_t ConnectionCount() const;

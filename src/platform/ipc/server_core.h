@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/ipc/ipc_message.h"
+#include "platform/os/process_identity.h"
 
 namespace tarn::ipc {
 
@@ -50,6 +51,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   struct Frame {
     TagIPCMessageItem item;
     std::unique_ptr<char[]> body;
+    std::shared_ptr<const os::PeerProcess> sender;
   };
   struct Registration {
     uint32_t code;
