@@ -35,6 +35,18 @@ class TarnCoreIPCMessageServer {
     std::string socketPath;  // empty: tarn::ipc::SocketPath() at Start
     int workerThreads = 0;   // below 8: 8
     int readerThreads = 64;  // connections that get a reader of their own
+    // Bounds of what clients can make the server hold. Connections beyond the
+    // first maxConnections wait in the listen queue (fewer when the process
+    // may not open enough descriptors for them). A connection's route entries
+    // of requests not yet answered are capped; past the cap the oldest give
+    // way and their answers are dropped. Frames waiting for a worker are
+    // capped; past the cap the thread that read them runs them itself and
+    // reads no further meanwhile. Request bytes held by the server are capped;
+    // a connection whose request would go past the cap is closed.
+    std::size_t maxConnections = 256;
+    std::size_t maxUnanswered = 1024;
+    std::size_t maxQueuedFrames = 1024;
+    std::size_t maxBufferedInput = 256u * 1024 * 1024;
   };
 
   TarnCoreIPCMessageServer();
