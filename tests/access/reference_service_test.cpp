@@ -90,22 +90,36 @@ TEST_F(ScopeServiceTest, TheSandboxedBuildDecidesFromThePolicyAndReadsItAgainWhe
   EXPECT_TRUE(sink_.Records().empty());
 }
 
-TEST_F(ScopeServiceTest, KillingTheSandboxedBuildFallsBackToTheNativeBuild) {
+// Killed from outside, or by its own system call filter for making a
+// process, the sandboxed build gives way to the native build for good.
+TEST_F(ScopeServiceTest, ADeadSandboxedBuildFallsBackToTheNativeBuild) {
   InstallReference();
-  auto proxy = MakeProxy();
-  ASSERT_GT(sandboxPid_, 0);
-  ASSERT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 0);
-  ASSERT_EQ(::kill(sandboxPid_, SIGKILL), 0);
-
-  EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 0);
-  EXPECT_TRUE(proxy->IsFallback());
-  EXPECT_EQ(sink_.StatusCodes(), (std::vector<std::string>{"-1", "907180001"}));
-  EXPECT_EQ(sink_.Records().at(0).apiName, "framework.CheckCertFingerprint");
-  EXPECT_TRUE(log_.Has(tarn::log::Level::Info, "LocalZObjectProxy Transact(LocalZbrfProxy::Transact)"));
-  // The native build reads the same policy, and stays.
-  EXPECT_EQ(proxy->CheckCertFingerprint("200", "CD34"), 1000);
-  EXPECT_TRUE(proxy->CheckPermission("100", "contacts.read"));
-  EXPECT_EQ(sink_.Records().size(), 2u);
+  for (const bool killedByFilter : {false, true}) {
+    SCOPED_TRACE(killedByFilter ? "forbidden call" : "killed");
+    RecordingSink sink;
+    ScopeProxy::SetEventSink(&sink);
+    log_.Clear();
+    if (killedByFilter) {
+      // The test sandbox in its place: it would refuse, were it let live.
+      ::setenv("ZBRF_TEST_BEHAVIOUR", "fork", 1);
+      env_.Install(ZBRF_TEST_SANDBOX, "TarnCoreScopeSandbox");
+    }
+    auto proxy = MakeProxy();
+    ASSERT_GT(sandboxPid_, 0);
+    if (!killedByFilter) {
+      ASSERT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 0);
+      ASSERT_EQ(::kill(sandboxPid_, SIGKILL), 0);
+    }
+    EXPECT_EQ(proxy->CheckCertFingerprint("100", "AB12"), 0);
+    EXPECT_TRUE(proxy->IsFallback());
+    EXPECT_EQ(sink.StatusCodes(), (std::vector<std::string>{"-1", "907180001"}));
+    EXPECT_EQ(sink.Records().at(0).apiName, "framework.CheckCertFingerprint");
+    EXPECT_TRUE(log_.Has(tarn::log::Level::Info, "LocalZObjectProxy Transact(LocalZbrfProxy::Transact)"));
+    // The native build reads the same policy, and stays.
+    EXPECT_EQ(proxy->CheckCertFingerprint("200", "CD34"), 1000);
+    EXPECT_TRUE(proxy->CheckPermission("100", "contacts.read"));
+    EXPECT_EQ(sink.Records().size(), 2u);
+  }
 }
 
 // A silent service costs one time-out of at most 2 s (the further tries fail

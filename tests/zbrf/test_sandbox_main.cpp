@@ -1,6 +1,7 @@
 // A sandboxed test service: "getTestService" behaves per transaction code;
 // "getScopeService" stands in for the scope service, answering every code as
-// ZBRF_TEST_BEHAVIOUR says ("hang", "garbage", "busy", else accept).
+// ZBRF_TEST_BEHAVIOUR says ("hang", "garbage", "busy", "fork": refuse after
+// making a process, which the sandbox forbids; else accept).
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -85,8 +86,9 @@ class BehaviourService : public tarn::zbrf::ZObject {
       WriteRaw(std::string(64, '\xff'));
       return true;
     }
+    if (behaviour_ == "fork" && ::fork() == 0) _exit(0);
     reply->WriteStatus(0);
-    reply->WriteInt32(1, behaviour_ == "busy" ? 1001 : 0);
+    reply->WriteInt32(1, behaviour_ == "busy" ? 1001 : behaviour_ == "fork" ? 1 : 0);
     return true;
   }
 
