@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -59,6 +60,9 @@ pid_t SpawnWithPid(pid_t pid, const std::vector<std::string>& argv) {
   std::vector<char*> argp;
   for (const auto& a : argv) argp.push_back(const_cast<char*>(a.c_str()));
   argp.push_back(nullptr);
+  // Closed by the exec: returns once the child runs the program.
+  int started[2];
+  if (::pipe2(started, O_CLOEXEC) != 0) return -1;
   clone_args args{};
   args.exit_signal = SIGCHLD;
   args.set_tid = reinterpret_cast<std::uint64_t>(&pid);
@@ -68,6 +72,11 @@ pid_t SpawnWithPid(pid_t pid, const std::vector<std::string>& argv) {
     ::execv(argp[0], argp.data());
     _exit(127);
   }
+  ::close(started[1]);
+  char ignored;
+  while (child > 0 && ::read(started[0], &ignored, 1) < 0 && errno == EINTR) {
+  }
+  ::close(started[0]);
   return child > 0 ? static_cast<pid_t>(child) : -1;
 }
 

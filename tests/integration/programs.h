@@ -23,7 +23,7 @@ struct SpawnOptions {
 pid_t Spawn(const std::vector<std::string>& argv, const SpawnOptions& options = {});
 // Starts argv as a child that gets exactly `pid`, which must be free, as the
 // kernel lets a privileged caller choose it (a pid reused on purpose); -1
-// when it won't.
+// when it won't. Returns once the child runs the program.
 pid_t SpawnWithPid(pid_t pid, const std::vector<std::string>& argv);
 
 // False when the child has not ended within the limit.

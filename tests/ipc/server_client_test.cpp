@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <cstring>
 #include <future>
 #include <mutex>
 #include <set>
@@ -49,7 +48,7 @@ class IpcServerTest : public ::testing::TestWithParam<int> {
     });
   }
 
-  bool Answer(int32_t id, std::string text) {
+  static TagIPCMessageItem Response(int32_t id) {
     TagIPCMessageItem out;
     out.target = IpcAddressClientSide;
     out.source = IpcAddressContainer;
@@ -57,6 +56,10 @@ class IpcServerTest : public ::testing::TestWithParam<int> {
     out.reserved = -1;
     out.syncMessageId = id;
     out.bodyIsHeld = 1;
+    return out;
+  }
+  bool Answer(int32_t id, std::string text) {
+    TagIPCMessageItem out = Response(id);
     out.body = text.data();
     out.bodySize = static_cast<uint32_t>(text.size() + 1);
     return host_->PostIPCMessage(out);
@@ -380,22 +383,9 @@ TEST_P(IpcServerTest, AnIdSentAgainTakesTheAnswerButNotTheCaller) {
   ASSERT_TRUE(WriteAll(fd, EncodeFrame(RequestItem(9), "mine")));
   ASSERT_EQ(std::future_status::ready, firstInside.get_future().wait_for(std::chrono::milliseconds(kLong)));
 
-  // The other process: everything it uses is made before the fork.
-  const std::string frame = EncodeFrame(RequestItem(9), "also mine");
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, server_->SocketPathInUse().c_str(), sizeof(addr.sun_path) - 1);
-  const std::string expected = std::string("first", 6);
-  const pid_t other = ::fork();
-  if (other == 0) {
-    char answer[64];
-    const int own = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    const bool ok = ::connect(own, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-                    ::send(own, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size()) &&
-                    ::recv(own, answer, 32 + expected.size(), MSG_WAITALL) == static_cast<ssize_t>(32 + expected.size()) &&
-                    std::memcmp(answer + 32, expected.data(), expected.size()) == 0;
-    _exit(ok ? 0 : 1);
-  }
+  // Another process sends the same id; the answer of the first goes to it.
+  const pid_t other = SendFromChild(server_->SocketPathInUse(), EncodeFrame(RequestItem(9), "also mine"),
+                                    EncodeFrame(Response(9), std::string("first", 6)));
   ASSERT_GT(other, 0);
   EXPECT_TRUE(Eventually([&] { return server_->GetCallerPidByMsgId(9) == static_cast<uint32_t>(other); }));
   releaseFirst.set_value();

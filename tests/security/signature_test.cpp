@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <future>
 
@@ -310,27 +309,18 @@ TEST_F(ProcessSignatureTest, ARequestWhoseSenderHasGoneIsUnverifiable) {
   });
   const std::string signedProgram = Helper("signed", &maker);
 
-  // The sender connects, sends and ends; all of it is made before the fork.
-  const std::string frame = tarn::test::EncodeFrame(tarn::test::RequestItem(7), "{}");
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, server.SocketPathInUse().c_str(), sizeof(addr.sun_path) - 1);
-  const pid_t sender = ::fork();
-  if (sender == 0) {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-                    ::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(frame.size());
-    _exit(ok ? 0 : 1);
-  }
+  // The sender connects, sends and ends.
+  const pid_t sender = tarn::test::SendFromChild(server.SocketPathInUse(),
+                                                 tarn::test::EncodeFrame(tarn::test::RequestItem(7), "{}"));
   ASSERT_GT(sender, 0);
-  int status = -1;
-  ASSERT_EQ(::waitpid(sender, &status, 0), sender);
-  ASSERT_EQ(status, 0);
   auto pid = sent.get_future();
   ASSERT_EQ(pid.wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_EQ(pid.get(), static_cast<uint32_t>(sender));
   ASSERT_TRUE(tarn::test::Eventually([&] { return server.ConnectionCount() == 0; }));
-
+  // Reaped, its pid is free: given at once to a signed program.
+  int status = -1;
+  ASSERT_EQ(::waitpid(sender, &status, 0), sender);
+  ASSERT_EQ(status, 0);
   children.push_back(tarn::test::SpawnWithPid(sender, {signedProgram, "wait"}));
   checkNow.set_value();
   const int result = verdict.get_future().get();
