@@ -10,8 +10,10 @@
 #include "platform/security/security.h"
 
 std::string ScopeUtil::CalcProcessExe(uint32_t pid) {
-  std::wstring path;
-  if (SignatureVerifyer::GetInstance()->ProcessGetPeFilePath(pid, path) != 0) return CalcFileThumb(path);
+  // From the executable the process runs, never from a file opened again by
+  // its path, which may have been replaced since the signature check.
+  std::string thumb;
+  if (SignatureVerifyer::GetInstance()->ProcessGetFileThumb(pid, thumb) != 0) return thumb;
   TARN_LOG(tarn::log::Level::Error, "SIGN", "ScopeUtil::CalcProcessExe",
            "ProcessGetPeFilePath failed, return empty thumb.");
   return {};

@@ -7,7 +7,7 @@
 
 class ScopeUtil {
  public:
-  // Fingerprint of the process's executable; empty when its path can't be had.
+  // Fingerprint of the process's executable; empty when it can't be read.
   static std::string CalcProcessExe(uint32_t pid);
   // The scope service's verdict on this caller (ScopeProxy's codes: 0 accepted,
   // 1000 accepted but not to be whitelisted, 2000 busy limit, others refused).

@@ -1,8 +1,9 @@
 #pragma once
-// The system's library loader as the kit loader uses it: load with the kit's
-// own folder searched for its dependencies (kits carry runpath $ORIGIN), find
-// an export of that library alone, read its string table, and tie a loaded
-// library to the file whose signature was tested.
+// The system's library loader as the kit loader uses it: a kit library is
+// opened once, its signature is tested on that descriptor, and the loader maps
+// that same descriptor, so no other file can take its place in between. Also:
+// find an export of that library alone, read its string table, and judge its
+// verification string.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -15,8 +16,6 @@ inline constexpr std::size_t kMaxKitStrings = 4096;
 // terminator included.
 inline constexpr std::size_t kVerifyStringChars = 1024;
 
-// dlopen with every symbol bound now; null with the loader's message in error.
-void* OpenLibrary(const std::string& path, std::string& error);
 void CloseLibrary(void* module);
 // The library's own export of that exact name; null when the library doesn't
 // define it (a dependency's symbol of the same name doesn't count).
@@ -38,23 +37,28 @@ enum class VerifyCodeMatch {
 std::string FoldVerifyString(const char16_t* text);
 VerifyCodeMatch MatchVerifyCode(const std::string& folded, const std::string& kitManifVerify);
 
-// A kit library opened for its signature test.
 class KitFile {
  public:
-  KitFile() = default;
+  // Opens the library read-only.
+  explicit KitFile(std::string path);
+  // Closes the descriptor, unless a library loaded from it is still mapped:
+  // the loader knows that library by the name /proc/self/fd/<n>, and were <n>
+  // reused, a later load by that name would be handed the earlier library.
   ~KitFile();
   KitFile(const KitFile&) = delete;
   KitFile& operator=(const KitFile&) = delete;
 
-  // Opens the file and tests its embedded signature (platform or maker key).
-  bool OpenVerified(const std::string& path);
-  bool IsOpen() const { return fd_ >= 0; }
-  // True when the loaded module is mapped from this very file.
-  bool IsMappedAs(void* module) const;
-  void Close();
+  // The open file carries a valid signature of a platform or maker key.
+  bool Verified() const;
+  // Maps the open file with every symbol bound now; null with the loader's
+  // message in error. The dependencies that the library looks for in its own
+  // folder ($ORIGIN in its search path) are loaded from there first.
+  void* Load(std::string& error);
 
  private:
+  std::string path_;
   int fd_ = -1;
+  int openError_ = 0;
 };
 
 }  // namespace tarn::kit

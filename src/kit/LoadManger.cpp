@@ -186,27 +186,21 @@ bool LoadManger::LoadKit(std::string packageName, std::string fileName, std::str
   if (entry.empty()) entry = "Init";
   const std::string dllPath = KitLibraryPath(packageName, fileName);
 
-  // The signature is tested on an open descriptor, and the library that gets
-  // mapped must be that same file, so nothing can be swapped in between.
-  tarn::kit::KitFile file;
-  if (ConfigManager::GetInstance().verifyEnabled && !file.OpenVerified(dllPath)) {
+  // The signature is tested on an open descriptor, and that descriptor is
+  // what gets mapped, so nothing can be swapped in between.
+  tarn::kit::KitFile file(dllPath);
+  if (ConfigManager::GetInstance().verifyEnabled && !file.Verified()) {
     CLOGE("LoadManger::LoadKit", "LoadKit sign verify failed. dllpath = " << dllPath);
     return false;
   }
   CLOGI("LoadManger::LoadKit", "Load kit to load LibraryEx begin, dllPath = " << dllPath);
   std::string error;
-  void* module = tarn::kit::OpenLibrary(dllPath, error);
+  void* module = file.Load(error);
   CLOGI("LoadManger::LoadKit", "Load kit to load LibraryEx end.");
   if (!module) {
     CLOGE("LoadManger::LoadKit", "LoadLibraryEx failed, dllPath = " << dllPath << " error = " << error);
     return false;
   }
-  if (file.IsOpen() && !file.IsMappedAs(module)) {
-    tarn::kit::CloseLibrary(module);
-    CLOGE("LoadManger::LoadKit", "LoadKit sign verify failed. dllpath = " << dllPath);
-    return false;
-  }
-  file.Close();
 
   if (!CompareVerifyCode(module, kitManifVerify)) {
     tarn::kit::CloseLibrary(module);

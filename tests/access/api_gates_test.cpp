@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <tuple>
 
 #include "access/scope_proxy.h"
@@ -14,8 +15,8 @@
 #include "fake_scope.h"
 #include "platform/log/log_capture.h"
 #include "platform/os/places.h"
-#include "platform/os/text.h"
 #include "platform/security/security.h"
+#include "security/security_test_util.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -39,10 +40,10 @@ std::string Cased(std::string text, int (*to)(int)) {
 
 class FakeVerifier : public SignatureVerifyer {
  public:
-  int ProcessGetPeFilePath(uint32_t processId, std::wstring& out) override {
+  int ProcessGetFileThumb(uint32_t processId, std::string& out) override {
     askedPid = processId;
     if (path.empty()) return 0;
-    out = tarn::os::Utf8ToWide(path);
+    out = "THUMB-OF-" + path;
     return 1;
   }
   int VerifyVantrelExe(uint32_t) override {
@@ -61,11 +62,6 @@ class FakeVerifier : public SignatureVerifyer {
   uint32_t askedPid = 0;
 };
 
-class FakeChecker : public tarn::security::FileSignatureChecker {
- public:
-  std::string Thumb(const std::string& path) override { return "THUMB-OF-" + path; }
-};
-
 class GatesTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -73,12 +69,10 @@ class GatesTest : public ::testing::Test {
     proxy_ = std::make_unique<ScopeProxy>(platform_.Make());
     ScopeProxy::SetInstanceForTesting(proxy_.get());
     SignatureVerifyer::SetInstanceForTesting(&verifier_);
-    tarn::security::FileSignatureChecker::SetInstanceForTesting(&checker_);
   }
   void TearDown() override {
     ScopeProxy::SetInstanceForTesting(nullptr);
     SignatureVerifyer::SetInstanceForTesting(nullptr);
-    tarn::security::FileSignatureChecker::SetInstanceForTesting(nullptr);
   }
 
   bool PermissionGate(bool core, KitApiGates::ApiPermissionInfo info) {
@@ -98,7 +92,6 @@ class GatesTest : public ::testing::Test {
   FakePlatform platform_;
   std::unique_ptr<ScopeProxy> proxy_;
   FakeVerifier verifier_;
-  FakeChecker checker_;
   RequestHeader header_;
   ResponseStatus status_;
   int lookups_ = 0;
@@ -175,7 +168,7 @@ TEST_F(GatesTest, AClientsFingerprintIsJudgedByTheScopeService) {
   EXPECT_TRUE(log_.Has(Level::Info, "scope proxy check certFingerprint result 1000(ScopeUtil::CheckCertFingerprint)"));
   EXPECT_EQ(verifier_.makerChecks, 0);
 
-  // A process without a path is judged with an empty fingerprint.
+  // A process that can't be read is judged with an empty fingerprint.
   verifier_.path.clear();
   service_->fingerprintCodes = {1};
   EXPECT_EQ(ScopeUtil::CheckCertFingerprint("client-7", 99, "", "", "X.Y"), 1);
@@ -222,6 +215,26 @@ TEST_F(GatesTest, TheCacheRefreshOpensTheGatewayForEachCachedClient) {
   EXPECT_FALSE(log_.Contains("folder.d"));
   ScopeUtil::ListFiles(root.At(cache) + "*.json");  // the pattern selects
   EXPECT_THAT(AskedAppIds(6), UnorderedElementsAre("104", "a", "plain", "", "104"));
+}
+
+// With the real verifier: the fingerprint is that of the executable the
+// process runs, whatever has taken its path since the signature check.
+class CallerFingerprintTest : public tarn::test::TrustedKeysTest {
+ protected:
+  void TearDown() override { tarn::test::KillAndReap(client_); }
+  pid_t client_ = -1;
+};
+
+TEST_F(CallerFingerprintTest, IsTakenFromTheExecutableThatWasChecked) {
+  const std::string path = root.At("client"), other = root.At("other");
+  for (auto [file, key] : {std::pair{path, &maker}, std::pair{other, &platform}}) {
+    tarn::test::CopyExecutable(TARN_SECURITY_HELPER, file);
+    ASSERT_TRUE(tarn::security::SignFile(file, *key));
+  }
+  client_ = tarn::test::Spawn({path, "wait"});
+  ASSERT_EQ(SignatureVerifyer::GetInstance()->Verify(client_), 0);
+  ASSERT_EQ(std::rename(other.c_str(), path.c_str()), 0);
+  EXPECT_EQ(ScopeUtil::CalcProcessExe(client_), tarn::security::Fingerprint(maker.Public()));
 }
 
 }  // namespace

@@ -73,7 +73,6 @@ class FakeSignatures : public tarn::security::FileSignatureChecker {
     if (whileVerifying) whileVerifying();
     return maker;
   }
-  std::string Thumb(const std::string&) override { return {}; }
   bool maker = true;
   std::function<void()> whileVerifying;
 };

@@ -1,11 +1,15 @@
 #include "programs.h"
 
 #include <fcntl.h>
+#include <linux/sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -50,6 +54,30 @@ pid_t Spawn(const std::vector<std::string>& argv, const SpawnOptions& options) {
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) throw std::runtime_error("posix_spawn " + argv[0] + " failed");
   return pid;
+}
+
+pid_t SpawnWithPid(pid_t pid, const std::vector<std::string>& argv) {
+  std::vector<char*> argp;
+  for (const auto& a : argv) argp.push_back(const_cast<char*>(a.c_str()));
+  argp.push_back(nullptr);
+  // Closed by the exec: returns once the child runs the program.
+  int started[2];
+  if (::pipe2(started, O_CLOEXEC) != 0) return -1;
+  clone_args args{};
+  args.exit_signal = SIGCHLD;
+  args.set_tid = reinterpret_cast<std::uint64_t>(&pid);
+  args.set_tid_size = 1;
+  const long child = ::syscall(SYS_clone3, &args, sizeof(args));
+  if (child == 0) {
+    ::execv(argp[0], argp.data());
+    _exit(127);
+  }
+  ::close(started[1]);
+  char ignored;
+  while (child > 0 && ::read(started[0], &ignored, 1) < 0 && errno == EINTR) {
+  }
+  ::close(started[0]);
+  return child > 0 ? static_cast<pid_t>(child) : -1;
 }
 
 bool WaitExit(pid_t pid, std::chrono::milliseconds limit, int* status) {

@@ -21,6 +21,10 @@ struct SpawnOptions {
   std::vector<std::string> extraEnv;   // "NAME=value", added to the test's environment
 };
 pid_t Spawn(const std::vector<std::string>& argv, const SpawnOptions& options = {});
+// Starts argv as a child that gets exactly `pid`, which must be free, as the
+// kernel lets a privileged caller choose it (a pid reused on purpose); -1
+// when it won't. Returns once the child runs the program.
+pid_t SpawnWithPid(pid_t pid, const std::vector<std::string>& argv);
 
 // False when the child has not ended within the limit.
 bool WaitExit(pid_t pid, std::chrono::milliseconds limit, int* status = nullptr);

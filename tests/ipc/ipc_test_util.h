@@ -83,6 +83,26 @@ inline std::string EncodeFrame(TagIPCMessageItem item, const std::string& body) 
   return std::string(reinterpret_cast<char*>(header), sizeof(header)) + body;
 }
 
+// Forks a process that connects, sends `bytes`, then reads as many bytes as
+// `answer` holds and ends with status 0 when they are those. Everything it
+// uses is made before the fork.
+inline pid_t SendFromChild(const std::string& socketPath, const std::string& bytes, const std::string& answer = "") {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, socketPath.c_str(), sizeof(addr.sun_path) - 1);
+  std::string got(answer.size(), '\0');
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    const bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
+                    ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size()) &&
+                    (answer.empty() || ::recv(fd, got.data(), got.size(), MSG_WAITALL) == static_cast<ssize_t>(got.size())) &&
+                    std::memcmp(got.data(), answer.data(), answer.size()) == 0;
+    _exit(ok ? 0 : 1);
+  }
+  return child;
+}
+
 // A request through the client library; 0 or the library's code.
 inline int SendRequest(TarnCoreIPCMessageClient& client, int32_t id, std::string text,
                        std::string& response, int timeoutMs = kLong) {

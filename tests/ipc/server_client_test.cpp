@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,6 +14,7 @@
 
 #include "ipc/ipc_test_util.h"
 #include "platform/ipc/ipc_server.h"
+#include "platform/log/log_capture.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -24,13 +26,19 @@ using namespace tarn::test;
 // it; run with reader threads and with the worker pool alone.
 class IpcServerTest : public ::testing::TestWithParam<int> {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(server_.Start());
-    host_ = std::make_unique<TarnCoreIPCMessageClient>(IpcAddressContainer, true, true);
-  }
+  void SetUp() override { StartServer({}); }
   void TearDown() override {
     host_->UnRegisterMessageCallbackAll();
-    server_.Stop();
+    server_->Stop();
+  }
+  // (Re)starts the server with these options and the reader threads of the run.
+  void StartServer(TarnCoreIPCMessageServer::Options options) {
+    if (host_) host_->UnRegisterMessageCallbackAll();
+    if (server_) server_->Stop();
+    options.readerThreads = GetParam();
+    server_ = std::make_unique<TarnCoreIPCMessageServer>(options);
+    ASSERT_TRUE(server_->Start());
+    host_ = std::make_unique<TarnCoreIPCMessageClient>(IpcAddressContainer, true, true);
   }
 
   // Answers every request with "echo:" and its text.
@@ -40,7 +48,7 @@ class IpcServerTest : public ::testing::TestWithParam<int> {
     });
   }
 
-  bool Answer(int32_t id, std::string text) {
+  static TagIPCMessageItem Response(int32_t id) {
     TagIPCMessageItem out;
     out.target = IpcAddressClientSide;
     out.source = IpcAddressContainer;
@@ -48,20 +56,25 @@ class IpcServerTest : public ::testing::TestWithParam<int> {
     out.reserved = -1;
     out.syncMessageId = id;
     out.bodyIsHeld = 1;
+    return out;
+  }
+  bool Answer(int32_t id, std::string text) {
+    TagIPCMessageItem out = Response(id);
     out.body = text.data();
     out.bodySize = static_cast<uint32_t>(text.size() + 1);
     return host_->PostIPCMessage(out);
   }
 
-  int Connect() { return RawConnect(server_.SocketPathInUse()); }
+  int Connect() { return RawConnect(server_->SocketPathInUse()); }
 
   tarn::test::TempRoot root_;
-  TarnCoreIPCMessageServer server_{TarnCoreIPCMessageServer::Options{"", 0, GetParam()}};
+  tarn::log::LogCapture logs_;
+  std::unique_ptr<TarnCoreIPCMessageServer> server_;
   std::unique_ptr<TarnCoreIPCMessageClient> host_;
 };
 
 TEST_P(IpcServerTest, ListensOnTheRuntimeSocketForEveryLocalUser) {
-  EXPECT_EQ(root_.At("run/tarncore/ipc.sock"), server_.SocketPathInUse());
+  EXPECT_EQ(root_.At("run/tarncore/ipc.sock"), server_->SocketPathInUse());
   struct stat st {};
   ASSERT_EQ(0, ::stat(root_.At("run/tarncore/ipc.sock").c_str(), &st));
   EXPECT_TRUE(S_ISSOCK(st.st_mode));
@@ -79,7 +92,7 @@ TEST_P(IpcServerTest, FramesOnTheWireAreExactAndCallerPidIsKnownUntilAnswered) {
   std::promise<std::pair<TagIPCMessageItem, std::string>> got;
   std::atomic<uint32_t> pidSeen{0};
   host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
-    pidSeen = server_.GetCallerPidByMsgId(item.syncMessageId);
+    pidSeen = server_->GetCallerPidByMsgId(item.syncMessageId);
     // The body arrives zero-terminated although the client sent no terminator.
     got.set_value({item, std::string(item.body, item.bodySize + 1)});
     Answer(item.syncMessageId, "{}");
@@ -106,7 +119,7 @@ TEST_P(IpcServerTest, FramesOnTheWireAreExactAndCallerPidIsKnownUntilAnswered) {
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(expected), 32), header);
   ASSERT_TRUE(ReadExact(fd, payload, 3));
   EXPECT_EQ(std::string("{}\0", 3), payload);
-  EXPECT_EQ(0u, server_.GetCallerPidByMsgId(-5));  // answered: the entry is gone
+  EXPECT_EQ(0u, server_->GetCallerPidByMsgId(-5));  // answered: the entry is gone
   EXPECT_FALSE(Answer(-5, "again"));
   ::close(fd);
 }
@@ -182,7 +195,7 @@ TEST_P(IpcServerTest, SixteenMiBCrossWholeWhileALargerFrameOrGarbageClosesOnlyIt
   int junk = Connect();
   ASSERT_GE(big, 0);
   ASSERT_GE(junk, 0);
-  ASSERT_TRUE(Eventually([&] { return server_.ConnectionCount() == 3; }));
+  ASSERT_TRUE(Eventually([&] { return server_->ConnectionCount() == 3; }));
   TagIPCMessageItem huge = RequestItem(2);
   unsigned char header[32];
   huge.bodySize = 16u * 1024 * 1024 + 1;
@@ -191,7 +204,7 @@ TEST_P(IpcServerTest, SixteenMiBCrossWholeWhileALargerFrameOrGarbageClosesOnlyIt
   ASSERT_TRUE(WriteAll(junk, "GET / HTTP/1.1\r\nHost: tarncore\r\nAccept: */*\r\n\r\n"));
   EXPECT_TRUE(WaitClosed(big));
   EXPECT_TRUE(WaitClosed(junk));
-  EXPECT_TRUE(Eventually([&] { return server_.ConnectionCount() == 1; }));
+  EXPECT_TRUE(Eventually([&] { return server_->ConnectionCount() == 1; }));
   EXPECT_EQ(0, SendRequest(good, 3, "after", response));
   EXPECT_EQ("echo:after", response);
   ::close(big);
@@ -233,7 +246,7 @@ TEST_P(IpcServerTest, ClientCodesAndReconnectingToARestartedServer) {
   TarnCoreIPCMessageClient listening(IpcAddressClientSide, true, true);
   listening.RegisterMessageCallback(IpcBroadcastMessageCode, [](TagIPCMessageItem&) {});
   TarnCoreIPCMessageClient posting(IpcAddressClientSide, true, true);
-  ASSERT_TRUE(Eventually([&] { return server_.ConnectionCount() == 4; }));
+  ASSERT_TRUE(Eventually([&] { return server_->ConnectionCount() == 4; }));
   std::string response;
   EXPECT_EQ(9004, SendRequest(client, 1, "x", response, 0));
   TagIPCMessageItem noBody = RequestItem(1);
@@ -249,7 +262,7 @@ TEST_P(IpcServerTest, ClientCodesAndReconnectingToARestartedServer) {
     std::string r;
     return SendRequest(client, 3, "x", r, 2000);
   });
-  ASSERT_TRUE(Eventually([&] { return server_.GetCallerPidByMsgId(3) != 0; }));
+  ASSERT_TRUE(Eventually([&] { return server_->GetCallerPidByMsgId(3) != 0; }));
   EXPECT_EQ(9005, SendRequest(client, 3, "y", response, 100));
   EXPECT_EQ(9003, pending.get());
 
@@ -258,9 +271,9 @@ TEST_P(IpcServerTest, ClientCodesAndReconnectingToARestartedServer) {
     std::string r;
     return SendRequest(client, 4, "x", r);
   });
-  ASSERT_TRUE(Eventually([&] { return server_.GetCallerPidByMsgId(4) != 0; }));
+  ASSERT_TRUE(Eventually([&] { return server_->GetCallerPidByMsgId(4) != 0; }));
   host_->UnRegisterMessageCallbackAll();
-  server_.Stop();
+  server_->Stop();
   EXPECT_EQ(9002, waiting.get());
   EXPECT_EQ(9001, SendRequest(client, 5, "x", response));  // no reconnect asked for
   TarnCoreIPCMessageClient fresh(IpcAddressClientSide, true, true);
@@ -272,7 +285,7 @@ TEST_P(IpcServerTest, ClientCodesAndReconnectingToARestartedServer) {
   // The container comes back. A reconnecting client's first call gets through,
   // whether or not anything read the old connection's end, and reaches the
   // server once; a client without reconnect stays cut off.
-  ASSERT_TRUE(server_.Start());
+  ASSERT_TRUE(server_->Start());
   host_ = std::make_unique<TarnCoreIPCMessageClient>(IpcAddressContainer, true, true);
   std::mutex seenMutex;
   std::multiset<std::string> seen;
@@ -325,6 +338,106 @@ TEST_P(IpcServerTest, UnregisterWaitsForRunningCallbacks) {
   release.set_value();
   EXPECT_TRUE(unregister.get());
   ::close(fd);
+}
+
+// Requests that are never answered keep their routes only while their
+// connection lasts, and at most maxUnanswered of them: the oldest give way.
+TEST_P(IpcServerTest, UnansweredRequestsKeepBoundedRoutesWhileTheirConnectionLasts) {
+  TarnCoreIPCMessageServer::Options options;
+  options.maxUnanswered = 3;
+  StartServer(options);
+  std::atomic<int> delivered{0};
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem&) { ++delivered; });
+  int fd = Connect();
+  std::string frames;
+  for (int id = 1; id <= 5; ++id) frames += EncodeFrame(RequestItem(id), "unanswered");
+  ASSERT_TRUE(WriteAll(fd, frames));
+  ASSERT_TRUE(Eventually([&] { return delivered == 5; }));
+  auto routed = [&] {
+    std::vector<uint32_t> pids;
+    for (int id = 1; id <= 5; ++id) pids.push_back(server_->GetCallerPidByMsgId(id));
+    return pids;
+  };
+  const uint32_t self = static_cast<uint32_t>(::getpid());
+  EXPECT_EQ((std::vector<uint32_t>{0, 0, self, self, self}), routed());
+  EXPECT_TRUE(logs_.Has(tarn::log::Level::Warn, "ipc connection holds 3 unanswered requests, the oldest give way "
+                                                "(syncMessageId 1), pid " + std::to_string(self)));
+  ::close(fd);
+  EXPECT_TRUE(Eventually([&] { return routed() == std::vector<uint32_t>(5, 0); }));
+}
+
+// Another process that sends an id under way takes over its answer, as
+// answers go by id; the request under way is still its own sender's.
+TEST_P(IpcServerTest, AnIdSentAgainTakesTheAnswerButNotTheCaller) {
+  std::promise<void> firstInside, releaseFirst;
+  std::atomic<int> calls{0};
+  std::atomic<uint32_t> firstCaller{0};
+  host_->RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
+    if (calls++ != 0) return;
+    firstInside.set_value();
+    releaseFirst.get_future().wait();
+    firstCaller = server_->GetCallerPidByMsgId(item.syncMessageId);
+    Answer(item.syncMessageId, "first");
+  });
+  int fd = Connect();
+  ASSERT_TRUE(WriteAll(fd, EncodeFrame(RequestItem(9), "mine")));
+  ASSERT_EQ(std::future_status::ready, firstInside.get_future().wait_for(std::chrono::milliseconds(kLong)));
+
+  // Another process sends the same id; the answer of the first goes to it.
+  const pid_t other = SendFromChild(server_->SocketPathInUse(), EncodeFrame(RequestItem(9), "also mine"),
+                                    EncodeFrame(Response(9), std::string("first", 6)));
+  ASSERT_GT(other, 0);
+  EXPECT_TRUE(Eventually([&] { return server_->GetCallerPidByMsgId(9) == static_cast<uint32_t>(other); }));
+  releaseFirst.set_value();
+  int status = -1;
+  EXPECT_EQ(other, ::waitpid(other, &status, 0));
+  EXPECT_EQ(0, status);
+  EXPECT_EQ(static_cast<uint32_t>(::getpid()), firstCaller.load());
+  ::close(fd);
+}
+
+// Clients past maxConnections wait to be accepted until one leaves; frames
+// past maxQueuedFrames are run by the thread that read them; a request that
+// would take the bytes held past maxBufferedInput closes its connection.
+TEST_P(IpcServerTest, PastItsBoundsTheServerMakesClientsWaitOrCutsThemOff) {
+  TarnCoreIPCMessageServer::Options options;
+  options.maxConnections = 2;
+  options.maxQueuedFrames = 0;
+  options.maxBufferedInput = 64 * 1024;
+  StartServer(options);
+  Echo();
+  using tarn::log::Level;
+  int first = Connect(), second = Connect();
+  ASSERT_TRUE(Eventually([&] { return server_->ConnectionCount() == 2; }));
+  int waiting = Connect();  // the kernel takes it into the listen queue
+  ASSERT_GE(waiting, 0);
+  ASSERT_TRUE(WriteAll(waiting, EncodeFrame(RequestItem(3), "waited")));
+  std::string header, body;
+  std::string frames;
+  for (int id = 1; id <= 3; ++id) frames += EncodeFrame(RequestItem(id), "burst");
+  ASSERT_TRUE(WriteAll(first, frames));
+  for (int id = 1; id <= 3; ++id) {
+    ASSERT_TRUE(ReadExact(first, header, 32));
+    ASSERT_TRUE(ReadExact(first, body, 11));
+    EXPECT_EQ(std::string("echo:burst", 11), body);
+  }
+  EXPECT_TRUE(logs_.Has(Level::Warn, "ipc requests waiting for a worker at their limit of 0, readers run theirs"));
+  EXPECT_TRUE(Eventually([&] { return logs_.Has(Level::Warn, "ipc connections at their limit of 2, new ones wait"); }));
+  EXPECT_EQ(2u, server_->ConnectionCount());
+
+  // More than the bound, sent in part: the connection is cut off, nothing else.
+  TagIPCMessageItem large = RequestItem(4);
+  large.bodySize = 1024 * 1024;
+  unsigned char head[32];
+  tarn::ipc::EncodeFrameHeader(large, head);
+  ASSERT_TRUE(WriteAll(second, std::string(reinterpret_cast<char*>(head), 32) + std::string(100 * 1024, 'x')));
+  EXPECT_TRUE(WaitClosed(second));
+  EXPECT_TRUE(logs_.Has(Level::Warn, "ipc connection closed: requests hold the input bound, pid " +
+                                         std::to_string(::getpid())));
+  ASSERT_TRUE(ReadExact(waiting, header, 32));  // accepted now, and answered
+  ASSERT_TRUE(ReadExact(waiting, body, 12));
+  EXPECT_EQ(std::string("echo:waited", 12), body);
+  for (int fd : {first, second, waiting}) ::close(fd);
 }
 
 INSTANTIATE_TEST_SUITE_P(Readers, IpcServerTest, ::testing::Values(64, 0),

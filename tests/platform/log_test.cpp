@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -69,7 +70,15 @@ TEST(Log, FileUnderMachineRootReceivesLinesAndDirectoriesAreMade) {
     EXPECT_EQ(m[5], expected[i].second);
   }
 
+  // The folders made come out 0755 whatever the umask.
+  const mode_t umask = ::umask(077);
   EXPECT_TRUE(TarnCreateDirbyLev(root.At("a/b/c"), 0));
+  ::umask(umask);
+  for (const char* dir : {"a", "a/b", "a/b/c"}) {
+    struct stat st {};
+    ASSERT_EQ(0, ::stat(root.At(dir).c_str(), &st));
+    EXPECT_EQ(0755u, st.st_mode & 07777) << dir;
+  }
   EXPECT_TRUE(TarnCreateDirbyLev(root.At("a/b/c"), 0));
   root.WriteFile("file", "x");
   EXPECT_FALSE(TarnCreateDirbyLev(root.At("file/sub"), 0));

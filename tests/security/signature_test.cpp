@@ -8,8 +8,11 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <future>
 
-#include "platform/os/process_identity.h"
+#include "ipc/ipc_test_util.h"
+#include "platform/ipc/ipc_server.h"
+#include "platform/ipc/signature_manager.h"
 #include "platform/os/text.h"
 #include "platform/security/security.h"
 #include "platform/security/signature.h"
@@ -215,12 +218,16 @@ class ProcessSignatureTest : public tarn::test::TrustedKeysTest {
     for (pid_t pid : children) tarn::test::KillAndReap(pid);
     children.clear();
   }
-  // A copy of the helper, signed by key (or left unsigned), started in "wait" mode.
-  pid_t StartHelper(const std::string& name, const ts::SigningKey* key) {
+  // A copy of the helper, signed by key (or left unsigned).
+  std::string Helper(const std::string& name, const ts::SigningKey* key) {
     std::string path = root.At(name);
     tarn::test::CopyExecutable(TARN_SECURITY_HELPER, path);
     EXPECT_TRUE(!key || ts::SignFile(path, *key)) << path;
-    children.push_back(tarn::test::Spawn({path, "wait"}));
+    return path;
+  }
+  // The same, started in "wait" mode.
+  pid_t StartHelper(const std::string& name, const ts::SigningKey* key) {
+    children.push_back(tarn::test::Spawn({Helper(name, key), "wait"}));
     return children.back();
   }
   std::string Exe(const std::string& name) { return std::filesystem::canonical(root.At(name)).string(); }
@@ -235,17 +242,13 @@ TEST_F(ProcessSignatureTest, LiveChildrenAreJudgedByTheirExecutableAndItsSigner)
                         Case{"plain-helper", nullptr, false, false}}) {
     SCOPED_TRACE(c.name);
     const pid_t pid = StartHelper(c.name, c.key);
-    const std::string fingerprint = c.key ? ts::Fingerprint(c.key->Public()) : "";
     EXPECT_EQ(v->Verify(pid) == 0, c.trusted);
     EXPECT_EQ(v->VerifyVantrelExe(pid) == 0, c.maker);
-    std::string exe;
+    std::string exe, thumb = "?";
     EXPECT_EQ(v->GetAndVerifyTarnCoreExePath(pid, exe) == 0, c.trusted);
     EXPECT_EQ(exe, Exe(c.name));  // given even when refused, for the caller's log
-    std::wstring wexe;
-    ASSERT_NE(v->ProcessGetPeFilePath(pid, wexe), 0);
-    EXPECT_EQ(tarn::os::WideToUtf8(wexe), exe);
-    EXPECT_EQ(CalcFileThumb(wexe), fingerprint);
-    EXPECT_EQ(ts::ProcessFingerprint(pid), fingerprint);
+    ASSERT_NE(v->ProcessGetFileThumb(pid, thumb), 0);
+    EXPECT_EQ(thumb, c.key ? ts::Fingerprint(c.key->Public()) : "");
   }
 }
 
@@ -255,10 +258,7 @@ TEST_F(ProcessSignatureTest, ReplacedExecutableStillJudgedByWhatRuns) {
   tarn::test::CopyExecutable(TARN_SECURITY_HELPER, root.At("other"));
   ASSERT_EQ(std::rename(root.At("other").c_str(), root.At("replaced-helper").c_str()), 0);
   EXPECT_EQ(v->Verify(pid), 0);
-  EXPECT_EQ(ts::ProcessFingerprint(pid), ts::Fingerprint(maker.Public()));
   // The path no longer names what runs, so it is not handed out.
-  std::wstring wexe;
-  EXPECT_EQ(v->ProcessGetPeFilePath(pid, wexe), 0);
   std::string exe;
   EXPECT_NE(v->GetAndVerifyTarnCoreExePath(pid, exe), 0);
   EXPECT_EQ(exe, "");
@@ -266,33 +266,81 @@ TEST_F(ProcessSignatureTest, ReplacedExecutableStillJudgedByWhatRuns) {
 
 TEST_F(ProcessSignatureTest, GoneProcessesAreUnverifiable) {
   const pid_t pid = StartHelper("short-lived", &maker);
-  const pid_t pinned = StartHelper("pinned", &maker);
-  ASSERT_TRUE(tarn::os::PinProcess(pinned));
   ASSERT_EQ(v->Verify(pid), 0);
-  ASSERT_EQ(v->Verify(pinned), 0);
-
   // Exited but not reaped: a zombie has no executable any more.
   ::kill(pid, SIGKILL);
   siginfo_t info{};
   ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-  EXPECT_EQ(v->Verify(pid), static_cast<int>(ts::Status::kProcessGone));
-  EXPECT_NE(v->VerifyVantrelExe(pid), 0);
-
-  StopChildren();  // reaped
-  EXPECT_EQ(v->Verify(pinned), static_cast<int>(ts::Status::kProcessGone));
-  tarn::os::UnpinProcess(pinned);
-  std::string exe;
-  std::wstring wexe;
-  EXPECT_NE(v->Verify(pid), 0);
-  EXPECT_NE(v->GetAndVerifyTarnCoreExePath(pid, exe), 0);
-  EXPECT_EQ(v->ProcessGetPeFilePath(pid, wexe), 0);
-  EXPECT_EQ(ts::ProcessFingerprint(pid), "");
+  std::string exe, thumb;
+  for (bool reaped : {false, true}) {
+    SCOPED_TRACE(reaped);
+    if (reaped) StopChildren();
+    EXPECT_EQ(v->Verify(pid), static_cast<int>(ts::Status::kProcessGone));
+    EXPECT_NE(v->VerifyVantrelExe(pid), 0);
+    EXPECT_NE(v->GetAndVerifyTarnCoreExePath(pid, exe), 0);
+    EXPECT_EQ(v->ProcessGetFileThumb(pid, thumb), 0);
+  }
   for (uint32_t bad : {0u, 0x7FFFFFFFu, 0xFFFFFFFFu}) {
     SCOPED_TRACE(bad);
     EXPECT_NE(v->Verify(bad), 0);
     EXPECT_NE(v->VerifyVantrelExe(bad), 0);
-    EXPECT_EQ(v->ProcessGetPeFilePath(bad, wexe), 0);
+    EXPECT_EQ(v->ProcessGetFileThumb(bad, thumb), 0);
   }
+}
+
+// A request is judged by the process that sent it, not by whatever holds its
+// pid when the check runs: once the sender has gone it is unverifiable, even
+// when a signed program has been given its pid meanwhile.
+TEST_F(ProcessSignatureTest, ARequestWhoseSenderHasGoneIsUnverifiable) {
+  TarnCoreIPCMessageServer server;
+  ASSERT_TRUE(server.Start());
+  TarnCoreIPCMessageClient host(IpcAddressContainer, true, true);
+  std::promise<uint32_t> sent;
+  std::promise<void> checkNow;
+  std::promise<int> verdict;
+  host.RegisterMessageCallback(IpcRequestMessageCode, [&](TagIPCMessageItem& item) {
+    const uint32_t pid = server.GetCallerPidByMsgId(item.syncMessageId);
+    sent.set_value(pid);
+    checkNow.get_future().wait();
+    verdict.set_value(v->Verify(pid));
+  });
+  const std::string signedProgram = Helper("signed", &maker);
+
+  // The sender connects, sends and ends.
+  const pid_t sender = tarn::test::SendFromChild(server.SocketPathInUse(),
+                                                 tarn::test::EncodeFrame(tarn::test::RequestItem(7), "{}"));
+  ASSERT_GT(sender, 0);
+  auto pid = sent.get_future();
+  ASSERT_EQ(pid.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_EQ(pid.get(), static_cast<uint32_t>(sender));
+  ASSERT_TRUE(tarn::test::Eventually([&] { return server.ConnectionCount() == 0; }));
+  // Reaped, its pid is free: given at once to a signed program.
+  int status = -1;
+  ASSERT_EQ(::waitpid(sender, &status, 0), sender);
+  ASSERT_EQ(status, 0);
+  children.push_back(tarn::test::SpawnWithPid(sender, {signedProgram, "wait"}));
+  checkNow.set_value();
+  const int result = verdict.get_future().get();
+  host.UnRegisterMessageCallbackAll();
+  if (children.back() < 0) GTEST_SKIP() << "the kernel won't give a chosen pid to a new process";
+  ASSERT_EQ(v->Verify(sender), 0);  // the new holder of the pid passes on its own
+  EXPECT_EQ(result, static_cast<int>(ts::Status::kProcessGone));
+}
+
+// The whitelist holds processes, not pids: the entry of a process that ended
+// answers for nobody, also not for a new process given the same pid.
+TEST_F(ProcessSignatureTest, TheWhitelistForgetsProcessesThatEnded) {
+  SignatureManager& whitelist = *SignatureManager::GetInstance();
+  whitelist.Clear();
+  const pid_t first = StartHelper("first", &maker);
+  ASSERT_TRUE(whitelist.AddSignatureWhiteList(first, "app"));
+  EXPECT_EQ(whitelist.FindSignatured(first, "app"), 0);
+  EXPECT_EQ(whitelist.FindSignatured(first, "other"), 1);
+  StopChildren();
+  // Where the kernel won't give the pid away on purpose, the first has still ended.
+  children.push_back(tarn::test::SpawnWithPid(first, {Helper("second", &maker), "wait"}));
+  EXPECT_EQ(whitelist.FindSignatured(first, "app"), 2);
+  whitelist.Clear();
 }
 
 }  // namespace

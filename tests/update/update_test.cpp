@@ -59,7 +59,6 @@ class FakeSignatures : public tarn::security::FileSignatureChecker {
     if (duringTest) duringTest();
     return maker;
   }
-  std::string Thumb(const std::string&) override { return {}; }
   bool embedded = true, maker = true;
   std::function<void()> duringTest;
 };

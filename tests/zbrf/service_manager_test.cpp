@@ -12,6 +12,7 @@
 
 #include "platform/security/security.h"
 #include "platform/zbrf/sandbox_channel.h"
+#include "support/swapping_checker.h"
 #include "zbrf_test_codes.h"
 #include "zbrf_test_env.h"
 
@@ -60,27 +61,6 @@ Answer Call(ZObject& object, uint32_t code, const std::string& text = "", uint32
 }
 
 bool ProcessGone(pid_t pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
-
-// Verifies for real, then puts another file in place of the one verified:
-// what gets loaded or run must still be what was verified.
-class SwappingChecker : public tarn::security::FileSignatureChecker {
- public:
-  SwappingChecker(std::string target, std::string replacement)
-      : target_(std::move(target)), replacement_(std::move(replacement)) {}
-  bool VerifyEmbedded(const std::string& path) override {
-    bool ok = FileSignatureChecker::VerifyEmbedded(path);
-    if (armed_ && path.rfind("/proc/self/fd/", 0) == 0) {
-      fs::copy_file(replacement_, target_ + ".new", fs::copy_options::overwrite_existing);
-      fs::rename(target_ + ".new", target_);
-      armed_ = false;
-    }
-    return ok;
-  }
-  bool armed_ = true;
-
- private:
-  std::string target_, replacement_;
-};
 
 class ServiceManagerTest : public ::testing::Test {
  protected:
@@ -156,11 +136,11 @@ TEST_F(ServiceManagerTest, ALibraryServiceRunsInThisProcessAndUnknownOrFailingOn
 TEST_F(ServiceManagerTest, WhatIsLoadedOrStartedIsWhatWasVerified) {
   for (bool library : {true, false}) {
     SCOPED_TRACE(library ? "library" : "sandbox");
-    SwappingChecker checker(library ? libraryPath_ : sandboxPath_, library ? ZBRF_TEST_LIBRARY_B : "/bin/true");
+    tarn::test::SwappingChecker checker(library ? libraryPath_ : sandboxPath_, library ? ZBRF_TEST_LIBRARY_B : "/bin/true");
     tarn::security::FileSignatureChecker::SetInstanceForTesting(&checker);
     auto object = Create(library ? "lib.test" : "sandbox.test");
     ASSERT_TRUE(object);
-    EXPECT_FALSE(checker.armed_);
+    EXPECT_FALSE(checker.armed);
     EXPECT_EQ(Call(*object, kEcho, "same", 0, library).text, library ? "A" : "same");
     tarn::security::FileSignatureChecker::SetInstanceForTesting(nullptr);
   }

@@ -1,6 +1,6 @@
 // A sandboxed test service: "getTestService" behaves per transaction code;
-// "getScopeService" stands in for the scope service, answering every code as
-// ZBRF_TEST_BEHAVIOUR says ("hang", "garbage", "busy", else accept).
+// "getScopeService" stands in for the scope service and makes a process at
+// each call, which the sandbox forbids.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -75,23 +75,16 @@ class TestService : public tarn::zbrf::ZObject {
   }
 };
 
-class BehaviourService : public tarn::zbrf::ZObject {
+// Makes a process, which the sandbox forbids, then refuses whatever it is asked.
+class ForkingService : public tarn::zbrf::ZObject {
  public:
-  explicit BehaviourService(std::string behaviour) : behaviour_(std::move(behaviour)) {}
   bool OnTransact(uint32_t, const std::shared_ptr<ZParcel>&, const std::shared_ptr<ZParcel>& reply,
                   uint32_t) override {
-    if (behaviour_ == "hang") HangForever();
-    if (behaviour_ == "garbage") {
-      WriteRaw(std::string(64, '\xff'));
-      return true;
-    }
+    if (::fork() == 0) _exit(0);
     reply->WriteStatus(0);
-    reply->WriteInt32(1, behaviour_ == "busy" ? 1001 : 0);
+    reply->WriteInt32(1, 1);
     return true;
   }
-
- private:
-  std::string behaviour_;
 };
 
 }  // namespace
@@ -103,8 +96,7 @@ int main(int argc, char** argv) {
     return true;
   });
   spec.methods.emplace_back("getScopeService", [](std::shared_ptr<tarn::zbrf::ZObject>* out) {
-    const char* behaviour = std::getenv("ZBRF_TEST_BEHAVIOUR");
-    *out = std::make_shared<BehaviourService>(behaviour ? behaviour : "");
+    *out = std::make_shared<ForkingService>();
     return true;
   });
   // Tests name a folder the service may read.

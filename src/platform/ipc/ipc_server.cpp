@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,6 +14,8 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <optional>
+#include <utility>
 #include <pthread.h>
 
 #include "platform/ipc/server_core.h"
@@ -37,6 +40,11 @@ constexpr std::size_t kMaxPendingOutput = 64u * 1024 * 1024;
 
 constexpr uint32_t kReadEvents = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
 
+// A connection holds its socket, a twin of it for writing, and its peer's
+// pidfd; the rest of the process keeps this many descriptors for itself.
+constexpr std::size_t kFdsPerConnection = 3;
+constexpr std::size_t kReservedFds = 128;
+
 // A reader's request that runs this long lets the pool read its connection.
 constexpr std::chrono::milliseconds kWatchTick{5};
 // Ticks without a busy reader before the watcher sleeps until the next one.
@@ -53,6 +61,14 @@ thread_local const void* t_runningRegistration = nullptr;
 // callbacks does not wait for itself.
 thread_local bool t_isReader = false;
 
+// The frame this thread delivers: its callbacks ask for the sender by the id,
+// which another connection may have sent again meanwhile.
+struct Delivering {
+  int32_t syncMessageId;
+  pid_t pid;
+};
+thread_local const Delivering* t_delivering = nullptr;
+
 void LogIpc(log::Level level, const std::string& text) {
   if (log::Enabled(level)) log::Write(level, "ipc", text);
 }
@@ -64,7 +80,7 @@ struct ServerCore::Connection {
   int fd = -1;
   int wfd = -1;  // a dup of fd: its own epoll entry for write readiness
   pid_t pid = 0;
-  bool pinned = false;
+  std::shared_ptr<const os::PeerProcess> peer;
 
   // Read side, under readMutex. Without a reader thread, only the worker
   // holding the one-shot read event reads, and the lock merely states that
@@ -82,6 +98,9 @@ struct ServerCore::Connection {
   TagIPCMessageItem item;
   std::unique_ptr<char[]> body;
   std::size_t bodyCap = 0;  // grows with what arrives, not with what the header claims
+  InputBudget::Charge bodyCharge;  // of bodyCap
+  RouteTable::Owner routes{0};
+  bool unansweredLogged = false;
   std::size_t bodyGot = 0;
   bool inBody = false;
 
@@ -98,8 +117,13 @@ struct ServerCore::Connection {
   }
 };
 
-ServerCore::ServerCore(std::string socketPath, int workers, int maxReaders)
-    : path_(std::move(socketPath)), workerCount_(std::max(workers, 8)), maxReaders_(std::max(maxReaders, 0)) {}
+ServerCore::ServerCore(std::string socketPath, int workers, int maxReaders, ServerLimits limits)
+    : path_(std::move(socketPath)),
+      workerCount_(std::max(workers, 8)),
+      maxReaders_(std::max(maxReaders, 0)),
+      limits_(limits),
+      routes_(limits.maxUnanswered),
+      input_(limits.maxBufferedInput) {}
 
 ServerCore::~ServerCore() { Stop(); }
 
@@ -111,6 +135,11 @@ std::shared_ptr<ServerCore> ServerCore::Current() {
 bool ServerCore::Start() {
   if (running_) return true;
   if (path_.empty()) path_ = SocketPath();
+  rlimit files{};
+  if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY) {
+    const std::size_t fit = files.rlim_cur > kReservedFds ? (files.rlim_cur - kReservedFds) / kFdsPerConnection : 1;
+    limits_.maxConnections = std::min(limits_.maxConnections, std::max<std::size_t>(fit, 1));
+  }
   if (path_.size() >= sizeof(sockaddr_un{}.sun_path)) {
     LogIpc(log::Level::Error, "ipc socket path too long: " + path_);
     return false;
@@ -259,6 +288,7 @@ void ServerCore::WorkerLoop() {
         if (queue_.empty()) continue;
         frame = std::move(queue_.front());
         queue_.pop_front();
+        if (queue_.empty()) queueFullLogged_ = false;
       }
       Deliver(frame);
       continue;
@@ -298,9 +328,16 @@ void ServerCore::ReadOnWorker(const std::shared_ptr<Connection>& conn, std::vect
 
 void ServerCore::DeliverAll(std::vector<Frame>& frames) {
   if (frames.empty()) return;
-  // Keep the first frame on this thread; idle workers take the rest.
-  for (std::size_t i = 1; i < frames.size(); ++i) Enqueue(std::move(frames[i]));
-  Deliver(frames[0]);
+  // Keep the first frame on this thread; idle workers take the rest, as far as
+  // the queue's bound lets them. Past it this thread runs them itself, and
+  // reads nothing more meanwhile.
+  std::size_t kept = 1;
+  for (std::size_t i = 1; i < frames.size(); ++i) {
+    if (Enqueue(frames[i])) continue;
+    if (kept != i) frames[kept] = std::move(frames[i]);
+    ++kept;
+  }
+  for (std::size_t i = 0; i < kept; ++i) Deliver(frames[i]);
   frames.clear();
 }
 
@@ -407,6 +444,21 @@ bool ServerCore::StartReader(const std::shared_ptr<Connection>& conn) {
 
 void ServerCore::Accept() {
   for (;;) {
+    bool atLimit, logIt = false;
+    {
+      std::lock_guard lock(connMutex_);
+      atLimit = connections_.size() >= limits_.maxConnections;
+      if (atLimit) logIt = !std::exchange(acceptPaused_, true);
+    }
+    if (atLimit) {
+      // The listen event stays disarmed: further clients wait in the listen
+      // queue until a connection closes.
+      if (logIt) {
+        LogIpc(log::Level::Warn, "ipc connections at their limit of " + std::to_string(limits_.maxConnections) +
+                                     ", new ones wait");
+      }
+      return;
+    }
     int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
@@ -417,15 +469,15 @@ void ServerCore::Accept() {
     }
     auto conn = std::make_shared<Connection>();
     conn->fd = fd;
-    ucred cred{};
-    socklen_t len = sizeof(cred);
-    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) conn->pid = cred.pid;
-    conn->pinned = conn->pid > 0 && os::PinProcess(conn->pid);
+    conn->bodyCharge = InputBudget::Charge(&input_);
+    conn->peer = os::PeerProcess::OfSocket(fd);
+    conn->pid = conn->peer ? conn->peer->Pid() : 0;
     conn->wfd = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (conn->wfd < 0) continue;  // conn's destructor closes fd
     {
       std::lock_guard lock(connMutex_);
       conn->id = nextConnId_++;
+      conn->routes = RouteTable::Owner(conn->id);
       connections_.emplace(conn->id, conn);
     }
     // Its reader, when it gets one, reads first; the event stays disarmed.
@@ -441,6 +493,10 @@ void ServerCore::Accept() {
       Close(conn);
     }
   }
+  ResumeAccepting();
+}
+
+void ServerCore::ResumeAccepting() {
   epoll_event ev{};
   ev.events = EPOLLIN | EPOLLONESHOT;
   ev.data.u64 = kKeyListen;
@@ -465,9 +521,14 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames, bool wait
   thread_local std::unique_ptr<char[]> scratch(new char[kScratchSize]);
 
   // A header may claim up to 16 MiB; memory follows the bytes actually sent.
+  const char* shortOf = "out of memory";
   auto grow = [&](std::size_t want) {
     if (want <= c.bodyCap) return true;
     std::size_t cap = std::min<std::size_t>(c.item.bodySize + 1, std::max(want, c.bodyCap * 2));
+    if (!c.bodyCharge.Grow(cap - c.bodyCap)) {
+      shortOf = "requests hold the input bound";
+      return false;
+    }
     std::unique_ptr<char[]> bigger(new (std::nothrow) char[cap]);
     if (!bigger) return false;
     if (c.bodyGot) std::memcpy(bigger.get(), c.body.get(), c.bodyGot);
@@ -482,20 +543,33 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames, bool wait
     f.item = c.item;
     f.item.body = c.body.get();
     f.body = std::move(c.body);
+    f.sender = c.peer;
+    f.charge = std::move(c.bodyCharge);
+    c.bodyCharge = InputBudget::Charge(&input_);
     c.bodyCap = 0;
     c.inBody = false;
     c.bodyGot = 0;
-    {
-      std::lock_guard lock(routeMutex_);
-      routes_[f.item.syncMessageId] = Route{c.id, c.pid};
+    const auto gaveWay = routes_.Add(f.item.syncMessageId, c.routes, c.pid);
+    if (gaveWay && !std::exchange(c.unansweredLogged, true)) {
+      LogIpc(log::Level::Warn, "ipc connection holds " + std::to_string(limits_.maxUnanswered) +
+                                   " unanswered requests, the oldest give way (syncMessageId " +
+                                   std::to_string(*gaveWay) + "), pid " + std::to_string(c.pid));
     }
     frames.push_back(std::move(f));
     return true;
   };
+  // The connection is done: a part-read body gives its bytes back now, not
+  // when the last reference to the connection goes.
+  auto end = [&] {
+    c.body.reset();
+    c.bodyCap = 0;
+    c.bodyCharge = InputBudget::Charge(&input_);
+    return false;
+  };
   auto fail = [&](const char* why) {
     LogIpc(log::Level::Warn, std::string("ipc connection closed: ") + why + ", pid " +
                                  std::to_string(c.pid));
-    return false;
+    return end();
   };
 
   // Only the first read may wait: after it, what is there is all there is.
@@ -505,22 +579,22 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames, bool wait
     // A large body is read straight into its buffer.
     if (c.inBody && c.item.bodySize - c.bodyGot >= kScratchSize) {
       if (!grow(std::min<std::size_t>(c.item.bodySize, c.bodyGot + kReadBudget))) {
-        return fail("out of memory");
+        return fail(shortOf);
       }
       ssize_t n = ::recv(c.fd, c.body.get() + c.bodyGot,
                          std::min<std::size_t>(c.item.bodySize, c.bodyCap) - c.bodyGot, flags);
       if (n > 0) {
         c.bodyGot += static_cast<std::size_t>(n);
         budget -= std::min(budget, static_cast<std::size_t>(n));
-        if (c.bodyGot == c.item.bodySize && !finish()) return fail("out of memory");
+        if (c.bodyGot == c.item.bodySize && !finish()) return fail(shortOf);
         continue;
       }
-      if (n == 0) return false;
+      if (n == 0) return end();
       if (errno == EINTR) continue;
       return errno == EAGAIN || errno == EWOULDBLOCK;
     }
     ssize_t n = ::recv(c.fd, scratch.get(), kScratchSize, flags);
-    if (n == 0) return false;
+    if (n == 0) return end();
     if (n < 0) {
       if (errno == EINTR) continue;
       return errno == EAGAIN || errno == EWOULDBLOCK;
@@ -546,18 +620,18 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames, bool wait
         c.bodyCap = 0;
         c.bodyGot = 0;
         if (!grow(std::min<std::size_t>(c.item.bodySize + 1, kScratchSize))) {
-          return fail("out of memory");
+          return fail(shortOf);
         }
         c.inBody = true;
-        if (c.item.bodySize == 0 && !finish()) return fail("out of memory");
+        if (c.item.bodySize == 0 && !finish()) return fail(shortOf);
       } else {
         std::size_t take = std::min<std::size_t>(c.item.bodySize - c.bodyGot, left);
-        if (!grow(c.bodyGot + take)) return fail("out of memory");
+        if (!grow(c.bodyGot + take)) return fail(shortOf);
         std::memcpy(c.body.get() + c.bodyGot, p, take);
         c.bodyGot += take;
         p += take;
         left -= take;
-        if (c.bodyGot == c.item.bodySize && !finish()) return fail("out of memory");
+        if (c.bodyGot == c.item.bodySize && !finish()) return fail(shortOf);
       }
     }
     // A short read means the socket is drained; the re-armed level-triggered
@@ -580,17 +654,14 @@ void ServerCore::Close(const std::shared_ptr<Connection>& conn) {
     conn->pendingOff = 0;
   }
   ::shutdown(conn->fd, SHUT_RDWR);
+  bool resume;
   {
     std::lock_guard lock(connMutex_);
     connections_.erase(conn->id);
+    resume = std::exchange(acceptPaused_, false);
   }
-  {
-    std::lock_guard lock(routeMutex_);
-    for (auto it = routes_.begin(); it != routes_.end();) {
-      it = it->second.connId == conn->id ? routes_.erase(it) : std::next(it);
-    }
-  }
-  if (conn->pinned) os::UnpinProcess(conn->pid);
+  routes_.Close(conn->routes);
+  if (resume) ResumeAccepting();
   // The descriptors close with the last reference, so no other thread's send
   // can land on a reused descriptor number.
 }
@@ -682,13 +753,27 @@ void ServerCore::FlushPending(const std::shared_ptr<Connection>& conn) {
   conn->pendingOff = 0;
 }
 
-void ServerCore::Enqueue(Frame frame) {
+bool ServerCore::Enqueue(Frame& frame) {
+  bool full, logIt = false;
   {
     std::lock_guard lock(queueMutex_);
-    queue_.push_back(std::move(frame));
+    full = queue_.size() >= limits_.maxQueuedFrames;
+    if (full) {
+      logIt = !std::exchange(queueFullLogged_, true);
+    } else {
+      queue_.push_back(std::move(frame));
+    }
+  }
+  if (full) {
+    if (logIt) {
+      LogIpc(log::Level::Warn, "ipc requests waiting for a worker at their limit of " +
+                                   std::to_string(limits_.maxQueuedFrames) + ", readers run theirs");
+    }
+    return false;
   }
   uint64_t one = 1;
   [[maybe_unused]] ssize_t w = ::write(queueFd_, &one, sizeof(one));
+  return true;
 }
 
 void ServerCore::Deliver(Frame& frame) {
@@ -708,6 +793,11 @@ void ServerCore::Deliver(Frame& frame) {
     }
   }
   if (!first) return;  // nobody takes this code
+  // Whatever the callbacks check of the caller is checked of this sender.
+  const Delivering delivering{frame.item.syncMessageId, frame.sender ? frame.sender->Pid() : 0};
+  const Delivering* outerFrame = std::exchange(t_delivering, &delivering);
+  std::optional<os::CallerScope> caller;
+  if (frame.sender) caller.emplace(*frame.sender);
   auto run = [&](const std::shared_ptr<Registration>& r) {
     const void* saved = t_runningRegistration;
     t_runningRegistration = r.get();
@@ -727,6 +817,7 @@ void ServerCore::Deliver(Frame& frame) {
   };
   run(first);
   for (auto& r : more) run(r);
+  t_delivering = outerFrame;
 }
 
 void ServerCore::Register(uint32_t code, MessageCallback callback, const void* owner) {
@@ -759,21 +850,15 @@ void ServerCore::UnregisterAll(const void* owner) {
 }
 
 uint32_t ServerCore::CallerPid(int32_t syncMessageId) {
-  std::lock_guard lock(routeMutex_);
-  auto it = routes_.find(syncMessageId);
-  return it == routes_.end() ? 0 : static_cast<uint32_t>(it->second.pid);
+  if (t_delivering && t_delivering->syncMessageId == syncMessageId) {
+    return static_cast<uint32_t>(t_delivering->pid);
+  }
+  return static_cast<uint32_t>(routes_.Pid(syncMessageId));
 }
 
 bool ServerCore::Post(const TagIPCMessageItem& item) {
-  uint64_t connId = 0;
-  {
-    std::lock_guard lock(routeMutex_);
-    auto it = routes_.find(item.syncMessageId);
-    if (it == routes_.end()) return false;
-    connId = it->second.connId;
-    routes_.erase(it);
-  }
-  auto conn = Find(connId);
+  const uint64_t connId = routes_.Take(item.syncMessageId);
+  auto conn = connId ? Find(connId) : nullptr;
   return conn && Send(conn, item);
 }
 
@@ -797,7 +882,11 @@ TarnCoreIPCMessageServer::TarnCoreIPCMessageServer() : TarnCoreIPCMessageServer(
 
 TarnCoreIPCMessageServer::TarnCoreIPCMessageServer(Options options)
     : core_(std::make_shared<tarn::ipc::ServerCore>(std::move(options.socketPath),
-                                                    options.workerThreads, options.readerThreads)) {}
+                                                    options.workerThreads, options.readerThreads,
+                                                    tarn::ipc::ServerLimits{options.maxConnections,
+                                                                            options.maxUnanswered,
+                                                                            options.maxQueuedFrames,
+                                                                            options.maxBufferedInput})) {}
 
 TarnCoreIPCMessageServer::~TarnCoreIPCMessageServer() { core_->Stop(); }
 

@@ -11,10 +11,12 @@
 // busy with one request for a few milliseconds, so requests from one
 // connection run at once.
 //
-// Per connection the peer's pid is taken with SO_PEERCRED at accept and pinned
-// (tarn::os::PinProcess) until the connection closes. Per syncMessageId the
-// server remembers the connection that sent it last; a message posted with that
-// id goes back there and the entry is dropped. A frame above 16 MiB, or bytes
+// Per connection the peer process is taken at accept: its pid and a pidfd
+// (tarn::os::PeerProcess). A frame is delivered with its sender as the
+// thread's caller (tarn::os::CallerScope), so checks of the caller made by the
+// callbacks are about that process. Per syncMessageId the server remembers the
+// connection that sent it last; a message posted with that id goes back there
+// and the entry is dropped. A frame above 16 MiB, or bytes
 // that are no frame header, close only that connection.
 #include <cstddef>
 #include <cstdint>
@@ -33,6 +35,18 @@ class TarnCoreIPCMessageServer {
     std::string socketPath;  // empty: tarn::ipc::SocketPath() at Start
     int workerThreads = 0;   // below 8: 8
     int readerThreads = 64;  // connections that get a reader of their own
+    // Bounds of what clients can make the server hold. Connections beyond the
+    // first maxConnections wait in the listen queue (fewer when the process
+    // may not open enough descriptors for them). A connection's route entries
+    // of requests not yet answered are capped; past the cap the oldest give
+    // way and their answers are dropped. Frames waiting for a worker are
+    // capped; past the cap the thread that read them runs them itself and
+    // reads no further meanwhile. Request bytes held by the server are capped;
+    // a connection whose request would go past the cap is closed.
+    std::size_t maxConnections = 256;
+    std::size_t maxUnanswered = 1024;
+    std::size_t maxQueuedFrames = 1024;
+    std::size_t maxBufferedInput = 256u * 1024 * 1024;
   };
 
   TarnCoreIPCMessageServer();
@@ -51,7 +65,8 @@ class TarnCoreIPCMessageServer {
   void Stop();
 
   // Pid of the peer whose connection last sent this id; 0 when unknown (never
-  // seen, already answered, or its connection closed).
+  // seen, already answered, or its connection closed). Asked while the frame
+  // of that id is delivered, the pid of the frame's own sender.
   uint32_t GetCallerPidByMsgId(int32_t syncMessageId);
 
   std::size_t ConnectionCount() const;

@@ -16,6 +16,8 @@
 #include <vector>
 
 #include "platform/ipc/ipc_message.h"
+#include "platform/ipc/server_limits.h"
+#include "platform/os/process_identity.h"
 
 namespace tarn::ipc {
 
@@ -23,7 +25,7 @@ using MessageCallback = std::function<void(TagIPCMessageItem&)>;
 
 class ServerCore : public std::enable_shared_from_this<ServerCore> {
  public:
-  ServerCore(std::string socketPath, int workers, int maxReaders);
+  ServerCore(std::string socketPath, int workers, int maxReaders, ServerLimits limits);
   ~ServerCore();
 
   bool Start();
@@ -50,6 +52,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   struct Frame {
     TagIPCMessageItem item;
     std::unique_ptr<char[]> body;
+    std::shared_ptr<const os::PeerProcess> sender;
+    InputBudget::Charge charge;  // of body
   };
   struct Registration {
     uint32_t code;
@@ -76,7 +80,9 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   void FlushPending(const std::shared_ptr<Connection>& conn);
   bool Send(const std::shared_ptr<Connection>& conn, const TagIPCMessageItem& item);
   void Deliver(Frame& frame);
-  void Enqueue(Frame frame);
+  // False, with the frame left as it was, when the queue is at its bound.
+  bool Enqueue(Frame& frame);
+  void ResumeAccepting();
   std::shared_ptr<Connection> Find(uint64_t id);
   void RearmRead(Connection& conn);
   void DisarmRead(Connection& conn);
@@ -107,16 +113,15 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   mutable std::mutex connMutex_;
   std::unordered_map<uint64_t, std::shared_ptr<Connection>> connections_;
   uint64_t nextConnId_ = 16;  // below: the fixed event keys
+  bool acceptPaused_ = false;  // at maxConnections; under connMutex_
 
-  struct Route {
-    uint64_t connId;
-    pid_t pid;
-  };
-  std::mutex routeMutex_;
-  std::unordered_map<int32_t, Route> routes_;
+  ServerLimits limits_;
+  RouteTable routes_;
+  InputBudget input_;
 
   std::mutex queueMutex_;
   std::deque<Frame> queue_;
+  bool queueFullLogged_ = false;  // under queueMutex_
 
   std::mutex regMutex_;
   std::condition_variable regCv_;

@@ -56,8 +56,16 @@ std::string OperatingSystemName() {
 }
 
 bool MakeDirectories(const std::string& path) {
+  // Each folder made here is set to 0755 itself: the mode of mkdir is cut by
+  // whatever umask the process was started with.
   std::error_code ec;
-  std::filesystem::create_directories(path, ec);  // 0777 & ~umask: 0755 as shipped
+  std::filesystem::path made;
+  for (const auto& part : std::filesystem::path(path)) {
+    made /= part;
+    if (std::filesystem::create_directory(made, ec)) {
+      std::filesystem::permissions(made, std::filesystem::perms(0755), ec);
+    }
+  }
   return std::filesystem::is_directory(path, ec);
 }
 

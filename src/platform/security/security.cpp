@@ -67,8 +67,6 @@ bool FileSignatureChecker::VerifyMaker(const std::string& path) {
   return r.status == Status::kValid;
 }
 
-std::string FileSignatureChecker::Thumb(const std::string& path) { return FileFingerprint(path); }
-
 }  // namespace tarn::security
 
 bool VerifyEmbeddedSignature(const char* path) {
@@ -90,7 +88,7 @@ bool VerifyVantrelDigitalSignature(const std::wstring& path) {
 
 std::string CalcFileThumb(const std::wstring& path) {
   try {
-    return tarn::security::FileSignatureChecker::GetInstance()->Thumb(tarn::os::WideToUtf8(path));
+    return tarn::security::FileFingerprint(tarn::os::WideToUtf8(path));
   } catch (...) {
     return {};
   }
@@ -134,13 +132,13 @@ int SignatureVerifyer::GetAndVerifyTarnCoreExePath(uint32_t processId, std::stri
   }
 }
 
-int SignatureVerifyer::ProcessGetPeFilePath(uint32_t processId, std::wstring& path) {
+int SignatureVerifyer::ProcessGetFileThumb(uint32_t processId, std::string& thumb) {
   try {
     pid_t pid;
     if (!ToPid(processId, pid)) return 0;
-    auto found = tarn::security::ProcessExePath(pid);
-    if (!found) return 0;
-    path = tarn::os::Utf8ToWide(*found);
+    Inspection r = tarn::security::InspectProcess(pid);
+    if (r.status == Status::kProcessGone || r.status == Status::kUnreadable) return 0;
+    thumb = r.status == Status::kValid ? tarn::security::Fingerprint(r.signer) : std::string();
     return 1;
   } catch (...) {
     return 0;

@@ -30,17 +30,19 @@ class SignatureVerifyer {
   virtual int Verify(uint32_t processId);
   // Fills path with the process's executable after testing its signature; 0 on success.
   virtual int GetAndVerifyTarnCoreExePath(uint32_t processId, std::string& path);
-  // Non-zero on success, giving the executable's path of a process.
-  virtual int ProcessGetPeFilePath(uint32_t processId, std::wstring& path);
+  // Non-zero on success, giving the fingerprint of the executable the process
+  // runs (empty when it is unsigned), read through the same descriptor as the
+  // other checks of the request; 0 when the process has gone.
+  virtual int ProcessGetFileThumb(uint32_t processId, std::string& thumb);
   // 0 if the process's executable bears a maker's signature.
   virtual int VerifyVantrelExe(uint32_t processId);
 };
 
 namespace tarn::security {
 
-// What the three free functions above ask; tests install their own. The
+// What the two signature checks above ask; tests install their own. The
 // non-zero results of SignatureVerifyer's int methods (except
-// ProcessGetPeFilePath, where non-zero means success) are tarn::security::Status
+// ProcessGetFileThumb, where non-zero means success) are tarn::security::Status
 // values from platform/security/signature.h.
 class FileSignatureChecker {
  public:
@@ -51,7 +53,6 @@ class FileSignatureChecker {
 
   virtual bool VerifyEmbedded(const std::string& path);
   virtual bool VerifyMaker(const std::string& path);
-  virtual std::string Thumb(const std::string& path);
 };
 
 }  // namespace tarn::security

@@ -133,18 +133,6 @@ void ListKeyFiles(const std::string& dir, KeyKind kind, std::vector<TrustedKeyFi
   }
 }
 
-// Opens /proc/<pid>/exe; kProcessGone when the process (or its executable
-// link, as for a zombie) is no longer there.
-int OpenProcessExe(pid_t pid, Status* status) {
-  if (pid <= 0) {
-    *status = Status::kProcessGone;
-    return -1;
-  }
-  int fd = ::open(ProcPath(pid, "exe").c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) *status = (errno == ENOENT || errno == ESRCH) ? Status::kProcessGone : Status::kUnreadable;
-  return fd;
-}
-
 }  // namespace
 
 const char* StatusText(Status status) {
@@ -326,39 +314,35 @@ bool MappedFromFile(const void* address, int fd) {
 
 namespace {
 
-// Verifies the process's executable through one open descriptor, finds its
-// path when that path still names the same file, and confirms the pid.
-// What CheckProcess does with the opened executable besides finding its path.
-enum class ExeCheck { kNone, kInspect, kVerify };
-
-Inspection CheckProcess(pid_t pid, ExeCheck check, Trust trust, std::string* exePath) {
+// A process is judged by the executable that its caller scope holds open: the
+// scope of the request being served when pid is its caller, else a scope of
+// the process that has pid now. So every check of one request reads the same
+// file, and only a file of the process that was pinned; a process that has
+// ended is kProcessGone. The path, when asked for, is given only while it
+// still names the file that was read.
+Inspection CheckProcess(pid_t pid, bool verify, Trust trust, std::string* exePath) {
   Inspection result;
   try {
-    Status openStatus = Status::kUnreadable;
-    Fd fd(OpenProcessExe(pid, &openStatus));
-    if (fd.fd < 0) {
-      result.status = openStatus;
+    std::shared_ptr<const tarn::os::PeerProcess> process;
+    std::optional<tarn::os::CallerScope> ownScope;
+    tarn::os::CallerScope* scope = tarn::os::CallerScope::Current();
+    if (!scope || scope->Caller().Pid() != pid) {
+      process = tarn::os::PeerProcess::OfPid(pid);
+      scope = process ? &ownScope.emplace(*process) : nullptr;
+    }
+    const int fd = scope ? scope->ExecutableFd() : -1;
+    if (fd < 0) {
+      result.status = Status::kProcessGone;
       return result;
     }
-    if (check == ExeCheck::kVerify) {
-      result = VerifyFd(fd.fd, trust);
-    } else if (check == ExeCheck::kInspect) {
-      result = InspectFd(fd.fd);
-    } else {
-      result.status = Status::kValid;  // nothing asked of the file itself
-    }
+    result = verify ? VerifyFd(fd, trust) : InspectFd(fd);
     if (exePath) {
       exePath->clear();
       struct stat opened {}, named {};
       auto link = ReadLink(ProcPath(pid, "exe"));
-      if (link && ::fstat(fd.fd, &opened) == 0 && ::stat(link->c_str(), &named) == 0 &&
-          SameFile(opened, named)) {
+      if (link && ::fstat(fd, &opened) == 0 && ::stat(link->c_str(), &named) == 0 && SameFile(opened, named)) {
         *exePath = *link;
       }
-    }
-    if (!tarn::os::ConfirmSameProcess(pid)) {
-      result.status = Status::kProcessGone;
-      if (exePath) exePath->clear();
     }
   } catch (...) {
     result = Inspection{};
@@ -368,21 +352,12 @@ Inspection CheckProcess(pid_t pid, ExeCheck check, Trust trust, std::string* exe
 
 }  // namespace
 
-Inspection VerifyProcess(pid_t pid, Trust trust) { return CheckProcess(pid, ExeCheck::kVerify, trust, nullptr); }
+Inspection VerifyProcess(pid_t pid, Trust trust) { return CheckProcess(pid, true, trust, nullptr); }
 
-Inspection InspectProcess(pid_t pid) {
-  return CheckProcess(pid, ExeCheck::kInspect, Trust::kPlatformOrMaker, nullptr);
-}
+Inspection InspectProcess(pid_t pid) { return CheckProcess(pid, false, Trust::kPlatformOrMaker, nullptr); }
 
 Inspection VerifyProcessWithPath(pid_t pid, Trust trust, std::string* exePath) {
-  return CheckProcess(pid, ExeCheck::kVerify, trust, exePath);
-}
-
-std::optional<std::string> ProcessExePath(pid_t pid) {
-  std::string path;
-  Inspection r = CheckProcess(pid, ExeCheck::kNone, Trust::kPlatformOrMaker, &path);
-  if (r.status != Status::kValid || path.empty()) return std::nullopt;
-  return path;
+  return CheckProcess(pid, true, trust, exePath);
 }
 
 std::string Fingerprint(const PublicKey& key) {
@@ -394,11 +369,6 @@ std::string Fingerprint(const PublicKey& key) {
 
 std::string FileFingerprint(const std::string& path) {
   Inspection r = InspectFile(path);
-  return r.status == Status::kValid ? Fingerprint(r.signer) : std::string();
-}
-
-std::string ProcessFingerprint(pid_t pid) {
-  Inspection r = InspectProcess(pid);
   return r.status == Status::kValid ? Fingerprint(r.signer) : std::string();
 }
 

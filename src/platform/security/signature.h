@@ -97,25 +97,20 @@ int OpenVerified(const std::string& path, Trust trust, Status* status = nullptr)
 // the program) is mapped from the same device and inode as fd.
 bool MappedFromFile(const void* address, int fd);
 
-// Processes, through /proc/<pid>/exe: the opened executable is verified and
-// then tarn::os::ConfirmSameProcess(pid) must hold. A process that is gone is
-// kProcessGone.
+// Processes, through /proc/<pid>/exe opened once per request (see
+// tarn::os::CallerScope) and confirmed against the process's pidfd. A process
+// that has ended, or whose pid names another process now, is kProcessGone.
 Inspection VerifyProcess(pid_t pid, Trust trust);
 Inspection InspectProcess(pid_t pid);
 // VerifyProcess that also gives the executable's path, when that path still
 // names the file that was verified (else the path is left empty).
 Inspection VerifyProcessWithPath(pid_t pid, Trust trust, std::string* exePath);
-// The executable's path (readlink of /proc/<pid>/exe) when that path still
-// names the file the process runs; nullopt otherwise.
-std::optional<std::string> ProcessExePath(pid_t pid);
 
 // The fingerprint of a key: SHA-256 of its 32 bytes, 64 upper-case hex digits.
 std::string Fingerprint(const PublicKey& key);
 // The fingerprint of a file's signer; empty unless the file carries a valid
 // signature (trusted or not: fingerprints identify third-party callers too).
 std::string FileFingerprint(const std::string& path);
-// The same for a process's executable, confirmed against the pid.
-std::string ProcessFingerprint(pid_t pid);
 
 // Hex text of a key, lower case, as the .pub files hold it.
 std::string KeyToHex(const PublicKey& key);

@@ -1,9 +1,11 @@
 // The small test kits: one Echo that tells which kit answered and how often
-// its entry function ran. TEST_KIT_NO_ENTRY leaves the entry function out;
-// TEST_KIT_SLOW_INIT makes it wait until ReleaseSlowInit is called.
+// its entry function ran; loading one sets TARN_TEST_KIT_RAN_<kit name>.
+// TEST_KIT_NO_ENTRY leaves the entry function out; TEST_KIT_SLOW_INIT makes
+// it wait until ReleaseSlowInit is called.
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 
@@ -14,6 +16,9 @@ std::atomic<int> g_initCount{0};
 std::mutex g_mutex;
 std::condition_variable g_released;
 bool g_release = false;
+
+// Tests see whether this library's code ever ran in their process.
+__attribute__((constructor)) void MarkRun() { ::setenv("TARN_TEST_KIT_RAN_" TEST_KIT_NAME, "1", 1); }
 }  // namespace
 
 #ifndef TEST_KIT_NO_ENTRY

@@ -7,6 +7,9 @@
 
 #include "tarnkit/tarn_kit.h"
 
+// From the library beside the kit.
+extern "C" const char* TestKitEchoKey();
+
 namespace {
 
 std::mutex g_mutex;
@@ -47,7 +50,7 @@ TARN_KIT_API void Init(TarnKitCallback broadcast) {
 }
 
 TARN_KIT_API void Echo(const char*, const char* body, TarnKitCallback callback) {
-  Answer(callback, std::string("{\"echo\":") + (body && *body ? body : "{}") + "}");
+  Answer(callback, std::string("{\"") + TestKitEchoKey() + "\":" + (body && *body ? body : "{}") + "}");
 }
 
 TARN_KIT_API void Late(const char* header, const char*, TarnKitCallback callback) {
