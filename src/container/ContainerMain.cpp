@@ -17,6 +17,8 @@
 #include "config/ConfigPlatform.h"
 #include "config/ConfigRefresh.h"
 #include "container/ContainerRequestGates.h"
+#include "container/FirewallUtils.h"
+#include "container/NetworkMonitor.h"
 #include "container/SystemEvents.h"
 #include "container/TarnContainerProcess.h"
 #include "analytics/EvManager.h"
@@ -26,8 +28,6 @@
 #include "kit/KitRuntimeHooks.h"
 #include "kit/LoadManger.h"
 #include "notice/NoticeManager.h"
-#include "support/FirewallUtils.h"
-#include "support/NetworkMonitor.h"
 #include "support/SystemEnvironment.h"
 #include "container/pipe_message.h"
 #include "platform/commonutil/aaid.h"
@@ -173,7 +173,7 @@ std::uint32_t svcThreadFun(void* /*param*/) {
     ScopeProxy::Instance().InvokeOpenGateway("204518762");
     UpgradeManager::GetInstance().ClearRedundantFile();
     // Its message loop keeps this thread until the process-exit event.
-    tarn::support::SetNetworkMonitorCallbacks({&NotifyNetworkChangeToKit, &NetworkConnectForUpdate});
+    tarn::container::SetNetworkMonitorCallbacks({&NotifyNetworkChangeToKit, &NetworkConnectForUpdate});
     InitNetworkMonitor();
   }
 

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "platform/log/log_capture.h"
-#include "support/FirewallUtils.h"
+#include "container/FirewallUtils.h"
 #include "support/temp_root.h"
 
 using tarn::log::Level;

@@ -14,12 +14,12 @@
 
 #include "platform/log/log_capture.h"
 #include "platform/os/message_queue.h"
-#include "support/NetworkMonitor.h"
+#include "container/NetworkMonitor.h"
 #include "thread/ThreadManager.h"
 
 using tarn::log::Level;
 using tarn::log::LogCapture;
-using namespace tarn::support;
+using namespace tarn::container;
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "support/FirewallUtils.h"
+#include "container/FirewallUtils.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,7 +12,7 @@
 #include "platform/os/places.h"
 #include "platform/os/text.h"
 
-namespace tarn::support {
+namespace tarn::container {
 
 namespace {
 
@@ -83,22 +83,22 @@ std::int32_t FirewallPolicy::get_Rules(std::unique_ptr<FirewallRules>* rules) co
   return 0;
 }
 
-}  // namespace tarn::support
+}  // namespace tarn::container
 
-std::int32_t WFCOMInitialize(std::unique_ptr<tarn::support::FirewallPolicy>* policy) {
+std::int32_t WFCOMInitialize(std::unique_ptr<tarn::container::FirewallPolicy>* policy) {
   const std::string directory = tarn::os::FirewallDir();
   if (!tarn::os::MakeDirectories(directory)) {
-    const std::int32_t hr = tarn::support::ErrnoResult(errno != 0 ? errno : ENOTDIR);
+    const std::int32_t hr = tarn::container::ErrnoResult(errno != 0 ? errno : ENOTDIR);
     CLOGE("WFCOMInitialize", "CoCreateInstance for INetFwPolicy2 failed: " << hr);
     return hr;
   }
-  *policy = std::make_unique<tarn::support::FirewallPolicy>(directory);
+  *policy = std::make_unique<tarn::container::FirewallPolicy>(directory);
   return 0;
 }
 
 bool AddFwRule(const std::wstring& ruleName, const std::wstring& ruleDescription,
                const std::wstring& ruleGroup, const std::wstring& programPath,
-               tarn::support::FirewallRules& rules) {
+               tarn::container::FirewallRules& rules) {
   const std::string name = tarn::os::WideToUtf8(ruleName);
   const std::int32_t item = rules.Item(name);
   if (item == 0) {
@@ -108,7 +108,7 @@ bool AddFwRule(const std::wstring& ruleName, const std::wstring& ruleDescription
   }
   CLOGI("AddFwRule", "Windows firewall not have ruleName: " << name << ", errorcode: " << item);
 
-  tarn::support::FirewallRule rule;
+  tarn::container::FirewallRule rule;
   rule.name = name;
   rule.description = tarn::os::WideToUtf8(ruleDescription);
   rule.grouping = tarn::os::WideToUtf8(ruleGroup);
@@ -123,20 +123,20 @@ bool AddFwRule(const std::wstring& ruleName, const std::wstring& ruleDescription
 }
 
 bool FirewallUtils::AddContainerUIRule(std::wstring& installDirectory) {
-  std::unique_ptr<tarn::support::FirewallPolicy> policy;
+  std::unique_ptr<tarn::container::FirewallPolicy> policy;
   std::int32_t hr = WFCOMInitialize(&policy);
   if (hr != 0) {
     CLOGE("FirewallUtils::AddContainerUIRule", "WFCOMInitialize failed: " << hr);
     return false;
   }
-  std::unique_ptr<tarn::support::FirewallRules> rules;
+  std::unique_ptr<tarn::container::FirewallRules> rules;
   hr = policy->get_Rules(&rules);
   if (hr != 0) {
     CLOGE("FirewallUtils::AddContainerUIRule", "get_Rules failed: " << hr);
     return false;
   }
 
-  if (tarn::support::IsDirectory(tarn::os::WideToUtf8(installDirectory))) {
+  if (tarn::container::IsDirectory(tarn::os::WideToUtf8(installDirectory))) {
     // One trailing separator goes, as long as something is left of the path.
     if (installDirectory.size() > 1 && installDirectory.back() == L'/') installDirectory.pop_back();
     const std::wstring base = installDirectory == L"/" ? L"" : installDirectory;

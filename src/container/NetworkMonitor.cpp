@@ -1,4 +1,4 @@
-#include "support/NetworkMonitor.h"
+#include "container/NetworkMonitor.h"
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -16,7 +16,7 @@
 #include "platform/os/message_queue.h"
 #include "thread/ThreadManager.h"
 
-namespace tarn::support {
+namespace tarn::container {
 
 namespace {
 
@@ -190,10 +190,10 @@ void SetConnectivitySourceForTesting(ConnectivitySource* source) {
   g_testSource = source;
 }
 
-}  // namespace tarn::support
+}  // namespace tarn::container
 
 std::int32_t NetworkManager::ConnectivityChanged(std::uint32_t newConnectivity) {
-  using namespace tarn::support;
+  using namespace tarn::container;
   if (newConnectivity == kConnectivityDisconnected) {
     CLOGI("NetworkManager::ConnectivityChanged", "Network disconnect, newConnectivity = " << newConnectivity);
     NotifyKits(-1);
@@ -211,7 +211,7 @@ std::int32_t NetworkManager::ConnectivityChanged(std::uint32_t newConnectivity) 
 }
 
 int InitNetworkMonitor() {
-  using namespace tarn::support;
+  using namespace tarn::container;
   std::unique_ptr<ConnectivitySource> own;
   ConnectivitySource* source = nullptr;
   {

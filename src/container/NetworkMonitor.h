@@ -13,7 +13,7 @@
 
 #include "platform/os/event.h"
 
-namespace tarn::support {
+namespace tarn::container {
 
 // Connectivity bits, as the system's network list reports them.
 inline constexpr std::uint32_t kConnectivityDisconnected = 0;
@@ -76,7 +76,7 @@ std::uint32_t ConnectivityFromNetlink(const void* data, std::size_t length, std:
 // The source InitNetworkMonitor uses; nullptr restores rtnetlink. Not owned.
 void SetConnectivitySourceForTesting(ConnectivitySource* source);
 
-}  // namespace tarn::support
+}  // namespace tarn::container
 
 // Receives the changes of connectivity on the monitor's thread.
 class NetworkManager {
