@@ -95,14 +95,19 @@ TEST_F(KitManifest, UnreadableManifestLeavesAnEmptyEntryInPlaceOfTheOldOne) {
   Read(R"({"kits":[{"kitName":"A"}]})", Remote({"A"}));
   auto earlier = cm.kitConfigMap.at("com.pkg")->subKits;
   ::unlink(ManifestPath("com.pkg").c_str());
-  log.Clear();
-  EXPECT_TRUE(cm.ReadKitConfigForPackage("com.pkg", Remote({"A"})));
-  EXPECT_TRUE(cm.kitConfigMap.at("com.pkg")->subKits->empty());
+  // Missing, then a directory where the file belongs: both fail to open.
+  for (const char* error : {"2", "21"}) {
+    log.Clear();
+    EXPECT_TRUE(cm.ReadKitConfigForPackage("com.pkg", Remote({"A"})));
+    EXPECT_TRUE(cm.kitConfigMap.at("com.pkg")->subKits->empty());
+    EXPECT_EQ(Errors(), (std::vector<std::string>{
+                            "Get kitManifest.json File Sha256 code failed.(ConfigManager::ReadKitConfigForFile)",
+                            "Open kit config failed or packageName failed,.configFilePath = " + ManifestPath("com.pkg") +
+                                "error: " + error + "(ConfigManager::ReadKitConfigForFile)"}));
+    ::mkdir(ManifestPath("com.pkg").c_str(), 0755);
+  }
   EXPECT_EQ(earlier->size(), 1u);  // an earlier reader keeps its records
-  EXPECT_EQ(Errors(), (std::vector<std::string>{
-                          "Get kitManifest.json File Sha256 code failed.(ConfigManager::ReadKitConfigForFile)",
-                          "Open kit config failed or packageName failed,.configFilePath = " +
-                              ManifestPath("com.pkg") + "error: 2(ConfigManager::ReadKitConfigForFile)"}));
+  ::rmdir(ManifestPath("com.pkg").c_str());
 
   log.Clear();
   EXPECT_TRUE(Read(R"({"kits":[{"kitName":"A"})", Remote({"A"})).empty());

@@ -73,11 +73,18 @@ TEST_F(RemoteConfig, MissingOrBrokenInstalledCopyAsksTheServiceToStop) {
                                         "Exit TarnCoreContainer.(ConfigManager::ReadRemoteConfig)"));
   EXPECT_TRUE(log.Has(Level::Error, "ReadRemoteConfig failed.(ConfigManager::Init)"));
   EXPECT_FALSE(log.Contains("ConfigManager.Init end."));
+  // A directory where the file belongs fails to open too; it isn't a parse error.
+  fs::create_directories(InstalledPath());
+  EXPECT_FALSE(cm.ReadRemoteConfig());
+  EXPECT_TRUE(log.Has(Level::Error, "Remoteconfig " + InstalledPath() +
+                                        " invalid, cannot start error: 21 Stop TarnCoreService and "
+                                        "Exit TarnCoreContainer.(ConfigManager::ReadRemoteConfig)"));
+  fs::remove(InstalledPath());
 
   WriteInstalled("packageInfo = []");
   WriteCached("{ broken");
   EXPECT_FALSE(cm.ReadRemoteConfig());
-  EXPECT_EQ(service.stops, 2);
+  EXPECT_EQ(service.stops, 3);
   EXPECT_TRUE(log.Has(Level::Error, "get remoteConfig faield, data parse error. file: " + InstalledPath() +
                                         "(ConfigManager::ReadRemoteConfig)"));
   EXPECT_EQ(cm.timerPeriodTarnCoreUpdate, 604800000u);  // nothing applied
