@@ -5,6 +5,7 @@
 #include <future>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "pipeline/RequestInvoke.h"
 #include "pipeline/pipeline_fakes.h"
 #include "platform/os/clock.h"
+#include "platform/os/last_error.h"
 
 namespace {
 
@@ -63,11 +65,16 @@ TEST_F(Pipeline, BadRequestTextsAreRefusedOrLeftUnanswered) {
                                      "907135000 msgIdentify = 32(ServerResCallBack::ExcuteError)"));
   EXPECT_EQ(0, verifier_.calls.load());
 
-  // A non-string apiLevel throws: no answer at all, and the callback stays.
-  EXPECT_EQ(9003, Send(33, "{\"header\":{\"apiLevel\":5}}", response, 500));
+  // An exception in the run: no answer at all, the callback stays, and the
+  // line tells the thread's last error.
+  gates_.SetInvoke([](const RequestHeader&, const ConvertedRequest&, ServerResCallBack*, ResponseStatus&) {
+    tarn::os::SetLastError(4321);
+    throw std::runtime_error("kit manager");
+  });
+  EXPECT_EQ(9003, Send(33, Request(), response, 500));
   EXPECT_TRUE(Eventually(
       [&] { return logs_.Has(Level::Info, "RequestInvoke.excute end. (RequestInvoke::Excute)"); }));
-  EXPECT_TRUE(logs_.Contains("RequestInvoke Excute failed.errmsg = "));
+  EXPECT_TRUE(logs_.Has(Level::Error, "RequestInvoke Excute failed.errmsg = 4321(RequestInvoke::Excute)"));
   EXPECT_EQ(1u, Callbacks());
   EXPECT_NE(nullptr, ServerManager::GetInstance().GetServerResCallBackByMessageId("33"));
   EXPECT_EQ("907135000", Status(34, "{}"));  // the endpoint serves on
