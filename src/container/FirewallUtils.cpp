@@ -28,6 +28,13 @@ bool IsDirectory(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// Joins with a separator only where the directory doesn't end in one already
+// (the root, or a path that had two), so no "//" comes into a rule.
+std::wstring PathAppend(const std::wstring& directory, const std::wstring& name) {
+  if (!directory.empty() && directory.back() == L'/') return directory + name;
+  return directory + L"/" + name;
+}
+
 }  // namespace
 
 std::string RenderFirewallRule(const FirewallRule& rule) {
@@ -139,10 +146,10 @@ bool FirewallUtils::AddContainerUIRule(std::wstring& installDirectory) {
   if (tarn::container::IsDirectory(tarn::os::WideToUtf8(installDirectory))) {
     // One trailing separator goes, as long as something is left of the path.
     if (installDirectory.size() > 1 && installDirectory.back() == L'/') installDirectory.pop_back();
-    const std::wstring base = installDirectory == L"/" ? L"" : installDirectory;
     AddFwRule(L"TarnCoreContainerRule", L"TarnCoreContainerRule", L"TarnCoreContainerRuleGroup",
-              base + L"/TarnCoreContainer", *rules);
-    AddFwRule(L"TarnCoreUIRule", L"TarnCoreUIRule", L"TarnCoreUIRuleGroup", base + L"/TarnCoreUI", *rules);
+              tarn::container::PathAppend(installDirectory, L"TarnCoreContainer"), *rules);
+    AddFwRule(L"TarnCoreUIRule", L"TarnCoreUIRule", L"TarnCoreUIRuleGroup",
+              tarn::container::PathAppend(installDirectory, L"TarnCoreUI"), *rules);
   }
   return true;
 }
