@@ -123,6 +123,33 @@ TEST_F(Refresh, CloudCopyIsSavedAndAppliedUnlessItEqualsTheCachedOne) {
   EXPECT_TRUE(loads.empty());
 }
 
+// The cloud's body against the cached copy, line by line: only the same lines
+// in the same number are "same", and only those are not written.
+TEST_F(Refresh, BodyIsSavedUnlessItHasTheCachedCopysLines) {
+  const struct {
+    const char *cached, *body;  // cached nullptr: no cached copy
+    bool same;
+  } cases[] = {
+      {nullptr, "{}", false},       {"{\n\"a\":1\n}\n", "{\n\"a\":1\n}\n", true},
+      {"{\n\"a\":1\n}\n", "{\n\"a\":1\n}", false},  // without the final line feed
+      {"{\n\"a\":1\n}", "{\n\"a\":2\n}", false},     // the last line differs
+      {"{\n\"a\":1\n}", "{\n\"a\":1\n}\n\n", false},  // longer by a line
+      {"{}", "", false},            {"", "", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.cached ? c.cached : "(none)") + " / " + c.body);
+    ::unlink((install + "config/cache/remoteConfig.json").c_str());
+    if (c.cached) WriteCached(c.cached);
+    cloud->Serve("remoteConfig.json", c.body);
+    log.Clear();
+    EXPECT_EQ(cm.DownloadConfigFile(), c.same ? tarn::config::kDownloadSame : tarn::config::kDownloadSaved);
+    EXPECT_EQ(Cached(), c.same ? c.cached : c.body);
+    EXPECT_EQ(log.Has(Level::Error, "Failed Open config = " + install +
+                                        "config/cache/remoteConfig.json error = 2(ConfigManager::CompareContent)"),
+              c.cached == nullptr);
+  }
+}
+
 // The worker, run on the test's thread, with a wait that plays a script.
 TEST_F(Refresh, WorkerFetchesAfterAMinuteThenDailyAndOwesAFailedFirstFetch) {
   cm.configEvent = tarn::os::Event::Create(false, false);
