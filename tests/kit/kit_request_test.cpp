@@ -4,6 +4,8 @@
 #include <mutex>
 #include <vector>
 
+#include "analytics/EvManager.h"
+#include "container/SystemEvents.h"
 #include "kit_fixture.h"
 
 namespace {
@@ -18,12 +20,17 @@ using KitRequest = tarn::test::KitRequestFixture;
 TEST_F(KitRequest, AnswersInsideTheCallAndLateOnesReachTheClient) {
   Setup({Main()});
   ASSERT_TRUE(manager.Init());
+  EvManager& reporter = EvManager::GetInstance();
+  reporter.ResetForTesting();
+  reporter.enabled = true;
   Json::Value answer;
   ASSERT_EQ("0", Status(11, Request("Main.Echo", R"({"q":"v"})"), &answer));
   EXPECT_EQ("v", answer["body"]["echo"]["q"].asString());
   EXPECT_EQ("Main.Echo", answer["header"]["api_name"].asString());
-  // The answer leaves before the request's thread has finished.
+  // The answer leaves before the request's thread has finished; the reporter has both records.
   ASSERT_TRUE(Eventually([&] { return Lines("RequestInvoke.excute end.") == 1 && Callbacks() == 0; }));
+  EXPECT_EQ(2u, reporter.PendingApiCallCount());
+  reporter.ResetForTesting();
   // The gates ran in their order, then the call.
   const std::vector<std::string> order = {
       "KitManagerApi.Invoke start. msgIdentify = 11", "KitManagerApi.CheckApiLevel begin.",
@@ -151,6 +158,12 @@ TEST_F(KitRequest, GatesRefuseWithTheirCodesAndTheKitsServeOn) {
   EXPECT_EQ(0u, Lines("method = Echo msgIdentify = 26"));
   EXPECT_EQ(1, hooks.frameworkCalls.load());
   EXPECT_EQ(0u, Lines("The kit = FRAMEWORK"));
+
+  // Another client id from this process is verified anew and, with no scope
+  // service, refused; with verification switched off nothing is asked.
+  EXPECT_EQ("907135004", Status(id++, Request("Main.Echo", "{}", "5.3.0.300", "1", "c2")));
+  config.verifyEnabled = false;
+  EXPECT_EQ("0", Status(id++, Request("Main.Echo", "{}", "5.3.0.300", "1", "c3")));
 }
 
 TEST_F(KitRequest, BadAnswersAreDroppedAndTheContainerServesOn) {
@@ -183,22 +196,51 @@ TEST_F(KitRequest, BadAnswersAreDroppedAndTheContainerServesOn) {
   EXPECT_EQ("0", Status(48, Request("Main.Echo")));
 }
 
-TEST_F(KitRequest, KitBroadcastsThroughTheCallbackItsEntryWasGiven) {
-  Setup({Main()});
+// Kits broadcast through the callback their entry function was given, beside
+// the container's own broadcasts. System events reach each loaded kit whose
+// kitName and event name make the uri, whatever its case; a kit that declares
+// one without exporting it is only logged.
+TEST_F(KitRequest, KitsBroadcastAndHearSystemEvents) {
+  Setup({Main(), Lazy()});
   ASSERT_TRUE(manager.Init());
   std::mutex mutex;
-  std::vector<std::string> broadcasts;
+  std::vector<Json::Value> notices;
   client_.RegisterMessageCallback(IpcBroadcastMessageCode, [&](TagIPCMessageItem& item) {
     std::lock_guard lock(mutex);
-    broadcasts.emplace_back(item.body ? item.body : "");
+    notices.push_back(ParseJson(item.body ? item.body : "")["notifyMsg"]);
   });
-  ASSERT_EQ("0", Status(49, Request("Main.Broadcast", R"({"news":"kit"})")));
-  ASSERT_TRUE(Eventually([&] {
+  auto received = [&](std::size_t count) {
+    EXPECT_TRUE(Eventually([&] {
+      std::lock_guard lock(mutex);
+      return notices.size() >= count;
+    }));
     std::lock_guard lock(mutex);
-    return !broadcasts.empty();
-  }));
-  std::lock_guard lock(mutex);
-  EXPECT_EQ("kit", ParseJson(broadcasts.front())["notifyMsg"]["news"].asString());
+    return notices;
+  };
+  ASSERT_EQ("0", Status(49, Request("Main.Broadcast", R"({"news":"kit"})")));
+  EXPECT_EQ("kit", received(1).at(0)["news"].asString());
+  ServerManager::GetInstance().SendServiceStartBroadcast();
+  EXPECT_EQ(kInstalledVersion, received(2).at(1)["version"].asString());
+  EXPECT_EQ(2u, received(2).at(1)["kits"].size());
+
+  ASSERT_EQ("0", Status(50, Request("Lazy.Echo")));  // loaded, without the event's export
+  // The main kit's event under another kit's uri, and an empty entry: neither is called.
+  config.kitApiDispathMap["Other.OnWinSessionChanged"] =
+      std::make_shared<KitApiDetailInfo>(*config.kitApiDispathMap.at("Main.OnWinSessionChanged"));
+  config.kitApiDispathMap["Broken.OnWinSessionChanged"] = nullptr;
+  EXPECT_TRUE(NotifyWinEventToKit(5, 2));
+  EXPECT_TRUE(NotifyNetworkChangeToKit(-1));
+  const auto all = received(4);
+  ASSERT_EQ(4u, all.size());
+  EXPECT_EQ(ParseJson(R"({"session":["5","2"]})"), all[2]);
+  EXPECT_EQ(ParseJson(R"({"network":["-1",""]})"), all[3]);
+  EXPECT_TRUE(logs_.Has(Level::Info, "NotifyWinEventToKit start. strEventType5strSessionId 2(NotifyWinEventToKit)"));
+  EXPECT_EQ(2u, Lines("LoadManger.NotifyWinEventToKit success.packageName = com.test.main"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "LoadManger.NotifyWinEventToKit failed.packageName = com.test.lazy127"
+                                      "(LoadManger::NotifyWinEventToKit)"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "apiName lazy.onwinsessionchangedInvoke failed.(NotifytoKit)"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "kitApiDetailInfoTemp nullptr(NotifytoKit)"));
+  EXPECT_EQ(1u, Lines("Invoke failed.(NotifytoKit)"));
 }
 
 }  // namespace
