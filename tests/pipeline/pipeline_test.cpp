@@ -168,6 +168,8 @@ TEST_F(Pipeline, RefusalsAndSkipsOfSignatureAndFingerprint) {
                                          "(RequestInvoke::CheckCertFingerprint)"));
 }
 
+// The response frame as it comes off the socket: the addresses, the codes, the
+// request's id, and the body with its terminating zero counted.
 TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
   std::string seenHeader, response;
   gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest& request, ServerResCallBack* cb,
@@ -176,14 +178,29 @@ TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
     std::string result = "{\"v\":1}";
     cb->Excute(result);
   });
-  ASSERT_EQ(0, Send(70, Request(), response));
-  EXPECT_NE(std::string::npos, seenHeader.find("\"syncMessageId\":\"70\""));
-  EXPECT_EQ(
+  const int fd = tarn::test::RawConnect(tarn::ipc::SocketPath());
+  ASSERT_GE(fd, 0);
+  ASSERT_TRUE(tarn::test::WriteAll(fd, tarn::test::EncodeFrame(tarn::test::RequestItem(-70), Request())));
+  std::string frame, body;
+  ASSERT_TRUE(tarn::test::ReadExact(fd, frame, 32));
+  auto field = [&frame](std::size_t at) {
+    uint32_t value = 0;
+    for (std::size_t i = 4; i-- > 0;) value = value << 8 | static_cast<unsigned char>(frame[at + i]);
+    return value;
+  };
+  const std::string expected =
       "{\"header\":{\"api_name\":\"Demo.Echo\",\"app_id\":\"app\",\"error_code\":\"0\","
       "\"error_reason\":\"success\",\"pkg_name\":\"pkg\",\"resolution\":\"\",\"session_id\":\"s1\","
       "\"srv_name\":\"Demo\",\"status_code\":\"0\",\"transaction_id\":\"t1\",\"version\":\"1.0\"}\n"
-      ",\"body\":{\"v\":1}}",
-      response);
+      ",\"body\":{\"v\":1}}";
+  EXPECT_EQ((std::vector<uint32_t>{0x700000, 0x710000, 0x660008, 0, 0xFFFFFFFF, static_cast<uint32_t>(-70),
+                                   static_cast<uint32_t>(expected.size() + 1)}),
+            (std::vector<uint32_t>{field(0), field(4), field(8), field(12), field(16), field(20), field(24)}));
+  EXPECT_EQ(std::string("\x01\0\0\0", 4), frame.substr(28));
+  ASSERT_TRUE(tarn::test::ReadExact(fd, body, field(24)));
+  ::close(fd);
+  EXPECT_EQ(expected + '\0', body);
+  EXPECT_NE(std::string::npos, seenHeader.find("\"syncMessageId\":\"-70\""));
   ASSERT_TRUE(Eventually([&] { return gates_.Records().size() == 2; }));
   EXPECT_EQ((ApiRecord{"res", "Demo.Echo", "0"}), gates_.Records()[1]);
 
