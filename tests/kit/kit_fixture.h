@@ -16,7 +16,9 @@
 #include "access/scope_proxy.h"
 #include "config/ConfigManager.h"
 #include "config/ConfigPlatform.h"
+#include "config/config_fixture.h"
 #include "container/ContainerRequestGates.h"
+#include "framework/FrameworkKitAPI.h"
 #include "kit/KitManagerApi.h"
 #include "kit/KitRuntimeHooks.h"
 #include "kit/LoadManger.h"
@@ -26,36 +28,12 @@
 
 namespace tarn::test {
 
-class CountingServiceControl : public tarn::config::ServiceControl {
- public:
-  void StopTarnCoreService() override { ++stops; }
-  std::atomic<int> stops{0};
-};
-
-// The update state and a built-in framework kit with one api, "Framework.Ping".
-class TestHooks : public tarn::kit::KitRuntimeHooks {
+// The framework kit as the container has it, with the update state set by the test.
+class TestHooks : public tarn::framework::FrameworkKitHooks {
  public:
   bool IsUpdating() override { return updating; }
   bool HasNewVersion() override { return newVersion; }
-  void RegisterFrameworkHandlers() override {
-    ++registrations;
-    auto api = std::make_shared<KitApiDetailInfo>();
-    api->uri = api->apiName = "Framework.Ping";
-    api->apiLevel = "1";
-    api->kitName = api->invokeType = "FRAMEWORK";
-    api->packageName = "com.vantrel.framework";
-    ConfigManager::GetInstance().kitApiDispathMap[api->uri] = api;
-  }
-  bool FrameworkInvoke(const std::string& uri, ServerResCallBack* item, ConvertedRequest&,
-                       ResponseStatus&) override {
-    ++frameworkCalls;
-    std::string answer = "{\"pong\":\"" + uri + "\"}";
-    item->Excute(answer);
-    return true;
-  }
-
   std::atomic<bool> updating{false}, newVersion{false};
-  std::atomic<int> registrations{0}, frameworkCalls{0};
 };
 
 struct Package {
@@ -85,6 +63,7 @@ class KitFixture : public EndpointTest {
   void TearDown() override {
     EndpointTest::TearDown();
     tarn::kit::SetKitRuntimeHooks(nullptr);
+    FrameworkKitAPI::GetInstance().ClearForTesting();
     tarn::config::SetServiceControlForTesting(nullptr);
     tarn::config::SetInstallDirectoryForTesting("");
     loader.ResetForTesting();

@@ -94,12 +94,8 @@ TARN_KIT_API void Throw(const char*, const char*, TarnKitCallback) {
   throw std::runtime_error("a kit that throws");
 }
 
-TARN_KIT_API void Broadcast(const char*, const char* body, TarnKitCallback callback) {
-  Tell(body);
-  Answer(callback, "{\"broadcast\":\"sent\"}");
-}
-
-// System events, told to the test as broadcasts of their two texts.
+// System events, told to the test through the broadcast callback the entry
+// function was given, with their two texts.
 TARN_KIT_API void OnWinSessionChanged(const char* header, const char* body, TarnKitCallback notify) {
   Tell(std::string("{\"session\":[\"") + header + "\",\"" + body + "\"]}");
   Answer(notify, "{}");
