@@ -50,8 +50,6 @@ TEST_F(Pipeline, BadRequestTextsAreRefusedOrLeftUnanswered) {
   SetResponseStatus(bad, TarnStatus::kDataFormatError);
   ConnectManager::GetResErrorMsg(bad, expected);
   EXPECT_EQ(expected, response);
-  EXPECT_NE(std::string::npos, response.find("\"error_reason\":\"data format is error.\""));
-  EXPECT_NE(std::string::npos, response.find("\"status_code\":\"907135000\""));
   EXPECT_TRUE(logs_.Has(Level::Error, "req message parse error. msgIdentify = 31(RequestInvoke::Excute)"));
   EXPECT_TRUE(logs_.Has(Level::Info, "ServerManager.OnMsgCallback syncMessageId = 31 callerPid = " +
                                          kPidText + "(ServerManager::OnMsgCallback)"));
@@ -181,23 +179,23 @@ TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
   const int fd = tarn::test::RawConnect(tarn::ipc::SocketPath());
   ASSERT_GE(fd, 0);
   ASSERT_TRUE(tarn::test::WriteAll(fd, tarn::test::EncodeFrame(tarn::test::RequestItem(-70), Request())));
+  // The decoder reads the bytes as the wire format has them (the IPC suite
+  // checks it byte for byte), and refuses padding that isn't zero.
   std::string frame, body;
-  ASSERT_TRUE(tarn::test::ReadExact(fd, frame, 32));
-  auto field = [&frame](std::size_t at) {
-    uint32_t value = 0;
-    for (std::size_t i = 4; i-- > 0;) value = value << 8 | static_cast<unsigned char>(frame[at + i]);
-    return value;
-  };
+  ASSERT_TRUE(tarn::test::ReadExact(fd, frame, tarn::ipc::kFrameHeaderSize));
+  TagIPCMessageItem got;
+  ASSERT_EQ(tarn::ipc::HeaderCheck::Ok,
+            tarn::ipc::DecodeFrameHeader(reinterpret_cast<const unsigned char*>(frame.data()), got));
   const std::string expected =
       "{\"header\":{\"api_name\":\"Demo.Echo\",\"app_id\":\"app\",\"error_code\":\"0\","
       "\"error_reason\":\"success\",\"pkg_name\":\"pkg\",\"resolution\":\"\",\"session_id\":\"s1\","
       "\"srv_name\":\"Demo\",\"status_code\":\"0\",\"transaction_id\":\"t1\",\"version\":\"1.0\"}\n"
       ",\"body\":{\"v\":1}}";
-  EXPECT_EQ((std::vector<uint32_t>{0x700000, 0x710000, 0x660008, 0, 0xFFFFFFFF, static_cast<uint32_t>(-70),
-                                   static_cast<uint32_t>(expected.size() + 1)}),
-            (std::vector<uint32_t>{field(0), field(4), field(8), field(12), field(16), field(20), field(24)}));
-  EXPECT_EQ(std::string("\x01\0\0\0", 4), frame.substr(28));
-  ASSERT_TRUE(tarn::test::ReadExact(fd, body, field(24)));
+  EXPECT_EQ((std::vector<int64_t>{0x700000, 0x710000, 0x660008, 0, -1, -70, 1,
+                                  static_cast<int64_t>(expected.size() + 1)}),
+            (std::vector<int64_t>{got.target, got.source, got.messageCode, got.subCode, got.reserved,
+                                  got.syncMessageId, got.bodyIsHeld, got.bodySize}));
+  ASSERT_TRUE(tarn::test::ReadExact(fd, body, got.bodySize));
   ::close(fd);
   EXPECT_EQ(expected + '\0', body);
   EXPECT_NE(std::string::npos, seenHeader.find("\"syncMessageId\":\"-70\""));
@@ -250,35 +248,8 @@ TEST_F(Pipeline, LateAnswerFromAnotherThreadFindsItsCallbackById) {
   EXPECT_EQ(0u, Callbacks());
 }
 
-TEST_F(Pipeline, ConcurrentRequestsEachGetTheirOwnAnswer) {
-  std::mutex m;
-  std::condition_variable cv;
-  int inside = 0;
-  gates_.SetInvoke([&](const RequestHeader&, const ConvertedRequest&, ServerResCallBack* cb, ResponseStatus&) {
-    {
-      std::unique_lock lock(m);
-      ++inside;
-      cv.notify_all();
-      cv.wait_for(lock, std::chrono::milliseconds(kLong), [&] { return inside == 2; });
-    }
-    std::string result = "{\"id\":\"" + cb->msgIdentify + "\"}";
-    cb->Excute(result);
-  });
-  TarnCoreIPCMessageClient other(IpcAddressClientSide, true, false);
-  auto ask = [](TarnCoreIPCMessageClient& client, int32_t id) {
-    return std::async(std::launch::async, [&client, id] {
-      std::string r;
-      tarn::test::SendRequest(client, id, Request(), r);
-      return ParseJson(r)["body"]["id"].asString();
-    });
-  };
-  auto a = ask(client_, 101);
-  auto b = ask(other, 202);
-  EXPECT_EQ("101", a.get());
-  EXPECT_EQ("202", b.get());
-  EXPECT_EQ(2, inside);
-}
-
+// A request held inside the kit manager holds up no other: the next caller is
+// served meanwhile, and the held one's answer goes to its own, departed caller.
 TEST_F(Pipeline, DepartedClientLosesItsAnswerAndOthersCarryOn) {
   std::promise<void> release, entered;
   std::shared_future<void> released = release.get_future().share();
