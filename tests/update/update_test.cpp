@@ -4,13 +4,13 @@
 #include <unistd.h>
 #include <json/json.h>
 
-#include <chrono>
 #include <cstdio>
 #include <mutex>
 #include <thread>
 
 #include "config/ConfigManager.h"
 #include "config/ConfigPlatform.h"
+#include "ipc/ipc_test_util.h"
 #include "platform/appupdate/upgrade_api.h"
 #include "platform/desktop/desktop.h"
 #include "platform/log/log_capture.h"
@@ -25,6 +25,7 @@
 #include "update/UpgradeManager.h"
 
 using tarn::log::Level;
+using tarn::test::Eventually;
 
 namespace {
 
@@ -135,11 +136,6 @@ class UpdateTest : public ::testing::Test {
   UpgradeManager& upgrade_ = UpgradeManager::GetInstance();
   KitStoreManager& store_ = KitStoreManager::GetInstance();
 };
-
-bool Eventually(const std::function<bool()>& done) {
-  for (int i = 0; i < 1000 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return done();
-}
 
 TEST_F(UpdateTest, StartChoosesTheUiBySdkAndASecondStartIsNoNewUpdate) {
   for (auto [sdk, args] : std::vector<std::pair<std::string, std::string>>{
