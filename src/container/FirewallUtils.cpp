@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "platform/log/tarn_log.h"
+#include "platform/os/last_error.h"
 #include "platform/os/places.h"
 #include "platform/os/text.h"
 
@@ -17,11 +18,6 @@ namespace tarn::container {
 namespace {
 
 constexpr const char* kRuleSuffix = ".rule";
-
-// An errno in the shape of HRESULT_FROM_WIN32, as the log lines show results.
-std::int32_t ErrnoResult(int error) {
-  return static_cast<std::int32_t>(0x80070000u | (static_cast<std::uint32_t>(error) & 0xFFFFu));
-}
 
 bool IsDirectory(const std::string& path) {
   struct stat st {};
@@ -51,7 +47,9 @@ std::string RenderFirewallRule(const FirewallRule& rule) {
 
 std::int32_t FirewallRules::Item(const std::string& name) const {
   struct stat st {};
-  if (::stat((directory_ + "/" + name + kRuleSuffix).c_str(), &st) != 0) return ErrnoResult(errno);
+  if (::stat((directory_ + "/" + name + kRuleSuffix).c_str(), &st) != 0) {
+    return tarn::os::HresultFromErrno(errno);
+  }
   return 0;
 }
 
@@ -59,7 +57,7 @@ std::int32_t FirewallRules::Add(const FirewallRule& rule) const {
   const std::string path = directory_ + "/" + rule.name + kRuleSuffix;
   const std::string temporary = path + ".tmp." + std::to_string(::getpid());
   const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return ErrnoResult(errno);
+  if (fd < 0) return tarn::os::HresultFromErrno(errno);
   const std::string text = RenderFirewallRule(rule);
   std::size_t done = 0;
   int error = 0;
@@ -77,14 +75,14 @@ std::int32_t FirewallRules::Add(const FirewallRule& rule) const {
   if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) error = errno;
   if (error != 0) {
     ::unlink(temporary.c_str());
-    return ErrnoResult(error);
+    return tarn::os::HresultFromErrno(error);
   }
   return 0;
 }
 
 std::int32_t FirewallPolicy::get_Rules(std::unique_ptr<FirewallRules>* rules) const {
   const int fd = ::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return ErrnoResult(errno);
+  if (fd < 0) return tarn::os::HresultFromErrno(errno);
   ::close(fd);
   *rules = std::make_unique<FirewallRules>(directory_);
   return 0;
@@ -95,7 +93,7 @@ std::int32_t FirewallPolicy::get_Rules(std::unique_ptr<FirewallRules>* rules) co
 std::int32_t WFCOMInitialize(std::unique_ptr<tarn::container::FirewallPolicy>* policy) {
   const std::string directory = tarn::os::FirewallDir();
   if (!tarn::os::MakeDirectories(directory)) {
-    const std::int32_t hr = tarn::container::ErrnoResult(errno != 0 ? errno : ENOTDIR);
+    const std::int32_t hr = tarn::os::HresultFromErrno(errno != 0 ? errno : ENOTDIR);
     CLOGE("WFCOMInitialize", "CoCreateInstance for INetFwPolicy2 failed: " << hr);
     return hr;
   }

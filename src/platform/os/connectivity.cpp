@@ -9,14 +9,11 @@
 #include <cerrno>
 #include <vector>
 
+#include "platform/os/last_error.h"
+
 namespace tarn::os {
 
 namespace {
-
-// An errno in the shape of HRESULT_FROM_WIN32, as the monitor's log lines show results.
-std::int32_t ErrnoResult(int error) {
-  return static_cast<std::int32_t>(0x80070000u | (static_cast<std::uint32_t>(error) & 0xFFFFu));
-}
 
 int OpenRouteSocket(std::uint32_t groups, bool nonBlocking) {
   int type = SOCK_RAW | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0);
@@ -98,7 +95,7 @@ RtnetlinkConnectivitySource::~RtnetlinkConnectivitySource() { Close(); }
 std::int32_t RtnetlinkConnectivitySource::Open() {
   Close();
   fd_ = OpenRouteSocket(RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE, true);
-  if (fd_ < 0) return ErrnoResult(errno);
+  if (fd_ < 0) return HresultFromErrno(errno);
   signal_ = FdHandle(fd_);
   return 0;
 }
