@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <stdexcept>
@@ -16,7 +17,14 @@ std::string ValueText(const Json::Value& value) {
 bool ParseConfigFile(const std::string& path, Json::Value& root, bool& opened, int& openError,
                      std::string* errors) {
   errno = 0;
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in;
+  // A directory opens as a stream here; where a file belongs it is a failed open.
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored)) {
+    errno = EISDIR;
+  } else {
+    in.open(path, std::ios::binary);
+  }
   opened = in.is_open();
   if (!opened) {
     openError = errno;

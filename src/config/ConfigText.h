@@ -13,8 +13,8 @@ namespace tarn::config {
 std::string ValueText(const Json::Value& value);
 
 // Parses a configuration file (comments allowed). False when the file doesn't
-// open (errno tells why) or isn't JSON; `opened` says which, `errors` what the
-// JSON reader found.
+// open (openError tells why; a directory is EISDIR) or isn't JSON; `opened`
+// says which, `errors` what the JSON reader found.
 bool ParseConfigFile(const std::string& path, Json::Value& root, bool& opened, int& openError,
                      std::string* errors = nullptr);
 

@@ -17,6 +17,8 @@
 #include "config/ConfigPlatform.h"
 #include "config/ConfigRefresh.h"
 #include "container/ContainerRequestGates.h"
+#include "container/FirewallUtils.h"
+#include "container/NetworkMonitor.h"
 #include "container/SystemEvents.h"
 #include "container/TarnContainerProcess.h"
 #include "analytics/EvManager.h"
@@ -26,8 +28,6 @@
 #include "kit/KitRuntimeHooks.h"
 #include "kit/LoadManger.h"
 #include "notice/NoticeManager.h"
-#include "support/FirewallUtils.h"
-#include "support/NetworkMonitor.h"
 #include "support/SystemEnvironment.h"
 #include "container/pipe_message.h"
 #include "platform/commonutil/aaid.h"
@@ -67,6 +67,10 @@ int ExitDescriptor(std::intptr_t handle) {
 
 int TarnCoreContainerMain(const std::wstring& commandLine) {
   std::intptr_t exitHandle = 0;
+  // Capabilities belong to each thread, and a thread starts with its creator's:
+  // raised before the first thread (the privacy notice's) so that every thread
+  // has it, and reported below in its place.
+  const PtraceRaise ptrace = RaisePtraceCapability();
 
   initTarnLog(10, 10);
   CLOGI("main", "TarnCoreContainer.main begin.");
@@ -74,7 +78,7 @@ int TarnCoreContainerMain(const std::wstring& commandLine) {
   HttpUtil::Https_curl_global_init();
   NoticeManager::StartPrivacyNotice();
 
-  if (!SetPrivilege()) CLOGE("main", "SetPrivilege failed.");
+  if (!SetPrivilege(ptrace)) CLOGE("main", "SetPrivilege failed.");
 
   TarnContainerProcess::SetEventHandlers(
       {&NotifyWinEventToKit, &NoticeManager::LogonToCheckPrivacyNotice});
@@ -173,7 +177,7 @@ std::uint32_t svcThreadFun(void* /*param*/) {
     ScopeProxy::Instance().InvokeOpenGateway("204518762");
     UpgradeManager::GetInstance().ClearRedundantFile();
     // Its message loop keeps this thread until the process-exit event.
-    tarn::support::SetNetworkMonitorCallbacks({&NotifyNetworkChangeToKit, &NetworkConnectForUpdate});
+    tarn::container::SetNetworkMonitorCallbacks({&NotifyNetworkChangeToKit, &NetworkConnectForUpdate});
     InitNetworkMonitor();
   }
 
@@ -188,24 +192,30 @@ std::uint32_t svcThreadFun(void* /*param*/) {
 // (the token), and raise CAP_SYS_PTRACE into the effective set when it is
 // permitted. As with a token that lacks the privilege, a process that is not
 // permitted it succeeds without it and sees its own user's processes only.
-// Capabilities belong to the thread: this runs on the main thread before the
-// other threads start, and they inherit the result.
-bool SetPrivilege() {
+PtraceRaise RaisePtraceCapability() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
-  if (::syscall(SYS_capget, &header, data) != 0) {
-    CLOGE("SetPrivilege", "SetPrivilege Failed error: " << errno);
-    return false;
-  }
+  if (::syscall(SYS_capget, &header, data) != 0) return {PtraceRaise::kReadFailed, errno};
   auto& set = data[CAP_TO_INDEX(CAP_SYS_PTRACE)];
   const std::uint32_t bit = CAP_TO_MASK(CAP_SYS_PTRACE);
-  if ((set.effective & bit) != 0 || (set.permitted & bit) == 0) return true;
+  if ((set.effective & bit) != 0 || (set.permitted & bit) == 0) return {};
   set.effective |= bit;
-  if (::syscall(SYS_capset, &header, data) != 0) {
-    CLOGE("SetPrivilege", "AdjustTokenPrivilege failed error: " << errno);
-    return false;
+  if (::syscall(SYS_capset, &header, data) != 0) return {PtraceRaise::kSetFailed, errno};
+  return {};
+}
+
+bool SetPrivilege(const PtraceRaise& raise) {
+  switch (raise.step) {
+    case PtraceRaise::kRaised:
+      return true;
+    case PtraceRaise::kReadFailed:
+      CLOGE("SetPrivilege", "SetPrivilege Failed error: " << raise.error);
+      return false;
+    case PtraceRaise::kSetFailed:
+      CLOGE("SetPrivilege", "AdjustTokenPrivilege failed error: " << raise.error);
+      return false;
   }
-  return true;
+  return false;
 }
 
 void InitDataDirectories() {

@@ -11,9 +11,18 @@ int TarnCoreContainerMain(const std::wstring& commandLine);
 // Thread function of "svcThreadFun": the start-up order. Returns 1.
 std::uint32_t svcThreadFun(void* param);
 
+// What raising CAP_SYS_PTRACE came to: the step that failed, with its errno.
+struct PtraceRaise {
+  enum Step { kRaised, kReadFailed, kSetFailed } step = kRaised;
+  int error = 0;
+};
 // Makes sure the process may look at other processes' executables
 // (/proc/<pid>/exe), which caller verification needs. See the definition.
-bool SetPrivilege();
+// Logs nothing: main runs it before any thread exists.
+PtraceRaise RaisePtraceCapability();
+// Reports the raise in its place among main's steps, with the lines of a
+// token that could not be adjusted. True when it was raised.
+bool SetPrivilege(const PtraceRaise& raise);
 
 void InitDataDirectories();
 void LogDirHandle(std::string path);

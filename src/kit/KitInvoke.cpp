@@ -24,10 +24,14 @@ constexpr int kErrorProcNotFound = 127;
 // method and the item pointer: the api record it was made from is gone by the
 // time a late answer comes. Copies of the callback share one state, so one
 // callback delivers to its own request once, however often the kit calls it.
+// Its own request is known by its id, not by the item's address: once answered
+// the item is freed, and a new request's item may take the same address.
 struct AnswerState {
   AnswerState(ServerResCallBack* request, const std::string& package, const std::string& method)
-      : item(request), packageName(package), apiName(method) {}
+      : item(request), msgIdentify(request ? request->msgIdentify : std::string()), packageName(package),
+        apiName(method) {}
   ServerResCallBack* const item;
+  const std::string msgIdentify;
   const std::string packageName;
   const std::string apiName;
   std::atomic<bool> answered{false};
@@ -36,7 +40,8 @@ struct AnswerState {
 void DeliverAnswer(AnswerState& state, char* text) {
   std::string answer(text ? text : "");
   ServerResCallBack* target = state.item;
-  if (answer.find("\"syncMessageId\"") != std::string::npos) {
+  const bool byId = answer.find("\"syncMessageId\"") != std::string::npos;
+  if (byId) {
     std::string syncMessageId;
     LoadManger::GetInstance().GetJsonFieldForSyncMessageId(answer, syncMessageId);
     target = ServerManager::GetInstance().GetServerResCallBackByMessageId(syncMessageId);
@@ -46,8 +51,9 @@ void DeliverAnswer(AnswerState& state, char* text) {
     }
   }
   if (!target) return;
-  // A second answer to this request: the item was answered, and deleted.
-  if (target == state.item && state.answered.exchange(true)) {
+  // A second answer to this callback's own request: it was answered, and deleted.
+  const bool ownRequest = !byId || target->msgIdentify == state.msgIdentify;
+  if (ownRequest && state.answered.exchange(true)) {
     CLOGE("LoadManger::Invoke", "kit method invoke failed.GetServerResCallBackByMessageId is null");
     return;
   }

@@ -1,6 +1,5 @@
 #include "pipeline/RequestInvoke.h"
 
-#include <cerrno>
 #include <string>
 
 #include "pipeline/ConnectManager.h"
@@ -9,6 +8,7 @@
 #include "platform/ipc/signature_manager.h"
 #include "platform/log/tarn_log.h"
 #include "platform/os/clock.h"
+#include "platform/os/last_error.h"
 #include "platform/security/security.h"
 
 void RequestInvoke::Excute(ServerResCallBack* callback) {
@@ -51,7 +51,7 @@ void RequestInvoke::Excute(ServerResCallBack* callback) {
     }
   } catch (...) {
     // Deliberately no answer: the caller runs into its own time-out.
-    CLOGE("RequestInvoke::Excute", "RequestInvoke Excute failed.errmsg = " << errno);
+    CLOGE("RequestInvoke::Excute", "RequestInvoke Excute failed.errmsg = " << tarn::os::GetLastError());
   }
   CLOGI("RequestInvoke::Excute", "RequestInvoke.excute end. ");
 }

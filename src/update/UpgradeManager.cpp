@@ -1,9 +1,6 @@
 #include "update/UpgradeManager.h"
 
 #include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 #include "config/ConfigManager.h"
@@ -12,6 +9,7 @@
 #include "platform/commonutil/de.h"
 #include "platform/desktop/desktop.h"
 #include "platform/log/tarn_log.h"
+#include "platform/os/connectivity.h"
 #include "platform/os/event.h"
 #include "platform/os/named_mutex.h"
 #include "platform/os/pinned_file.h"
@@ -33,36 +31,7 @@ constexpr const char* kInstallMutex = "TarnCore_Install";
 constexpr const char* kDownloadDir = "/Vantrel/TARNCORE/Download";
 constexpr const char* kServiceDb = "tarncoreservice.db";
 constexpr std::size_t kRegistryReadLimit = 64 * 1024;
-
-// A line of /proc/net/route or /proc/net/ipv6_route naming a usable default route.
-bool HasDefaultRoute(const char* file, bool v6) {
-  std::ifstream in(file);
-  std::string line;
-  constexpr unsigned long kRtfUp = 0x1, kRtfReject = 0x200;
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    std::vector<std::string> f;
-    for (std::string w; fields >> w;) f.push_back(w);
-    if (v6) {
-      // dest plen src splen nexthop metric ref use flags iface
-      if (f.size() < 10 || f[9] == "lo") continue;
-      if (f[0] != std::string(32, '0') || f[1] != "00") continue;
-      const unsigned long flags = std::strtoul(f[8].c_str(), nullptr, 16);
-      if ((flags & kRtfUp) && !(flags & kRtfReject)) return true;
-    } else {
-      // Iface Destination Gateway Flags RefCnt Use Metric Mask ...
-      if (f.size() < 8 || f[1] != "00000000" || f[7] != "00000000") continue;
-      const unsigned long flags = std::strtoul(f[3].c_str(), nullptr, 16);
-      if ((flags & kRtfUp) && !(flags & kRtfReject)) return true;
-    }
-  }
-  return false;
-}
 }  // namespace
-
-bool InternetGetConnectedState() {
-  return HasDefaultRoute("/proc/net/route", false) || HasDefaultRoute("/proc/net/ipv6_route", true);
-}
 
 UpgradeManager& UpgradeManager::GetInstance() {
   static auto* instance = new UpgradeManager;  // its threads may outlive WaitAll's wait
@@ -87,7 +56,6 @@ std::uint32_t UpgradeManager::MonitorThread(void* param) {
   auto* thread = static_cast<ThreadParam*>(param);
   auto& self = GetInstance();
   CLOGI("UpgradeManager::MonitorThread", "UpgradeManager. MonitorThread invoked.");
-  // Null or dead handles make the wait fail, which ends the loop below.
   std::vector<tarn::os::Waitable*> handles{ThreadManager::Instance().processExitEvent.get(),
                                            self.monitorEvent.get()};
   std::uint32_t period = ConfigManager::GetInstance().upgradeTimeAfterStart;
@@ -96,8 +64,8 @@ std::uint32_t UpgradeManager::MonitorThread(void* param) {
   self.monitorDone = false;
   int count = 0;
   while (thread->running && !self.monitorDone) {
-    const std::uint32_t wait = tarn::os::WaitForAny(handles, period);
-    if (wait == tarn::os::kWaitObject0 || wait == tarn::os::kWaitFailed) break;
+    // Only the exit event ends the loop; a time-out, the event and a failed wait go on.
+    if (tarn::os::WaitForAny(handles, period) == tarn::os::kWaitObject0) break;
     ++count;
     if (self.InternetConnected()) {
       CLOGI("UpgradeManager::MonitorThread", "UpgradeManager. MonitorThread network ready.");
@@ -126,8 +94,7 @@ std::uint32_t UpgradeManager::WorkerThread(void* param) {
     const std::uint32_t period = ConfigManager::GetInstance().timerPeriodTarnCoreUpdate;
     CLOGI("UpgradeManager::WorkerThread",
           "RemoteConfig param UpgradeManager TimerPeriodTarnCoreUpdate = " << period);
-    const std::uint32_t wait = tarn::os::WaitForAny(handles, period);
-    if (wait == tarn::os::kWaitObject0 || wait == tarn::os::kWaitFailed) break;
+    if (tarn::os::WaitForAny(handles, period) == tarn::os::kWaitObject0) break;
     if (self.IsAutoUpgradeEnable() || self.forceUpgrade) {
       {
         auto api = self.MakeUpgradeApi();
@@ -235,7 +202,7 @@ std::unique_ptr<UpgradeAPI> UpgradeManager::MakeUpgradeApi() {
 }
 
 bool UpgradeManager::InternetConnected() {
-  return probe_ ? probe_() : InternetGetConnectedState();
+  return probe_ ? probe_() : tarn::os::InternetGetConnectedState();
 }
 
 void UpgradeManager::SetUpgradeApiFactoryForTesting(UpgradeApiFactory factory) {

@@ -63,6 +63,3 @@ class UpgradeManager {
   std::function<bool()> probe_;
   std::atomic<std::uint32_t> monitorRetryMs_{10000};
 };
-
-// Connected to the internet: a default route (IPv4 or IPv6) exists.
-bool InternetGetConnectedState();

@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <deque>
-#include <fstream>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <thread>
 
 #include "config/ConfigRefresh.h"
@@ -50,12 +48,7 @@ class Refresh : public tarn::test::ConfigFixture {
   }
 
   std::string RequestLog() const { return root.At("cloud/received/requests.log"); }
-  std::string Cached() const {
-    std::ifstream in(install + "config/cache/remoteConfig.json", std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
+  std::string Cached() const { return root.ReadFile(kInstall + "/config/cache/remoteConfig.json"); }
 
   std::unique_ptr<tarn::test::Cloud> cloud;
   std::set<std::string> loaded;
@@ -96,17 +89,10 @@ TEST_F(Refresh, CloudCopyIsSavedAndAppliedUnlessItEqualsTheCachedOne) {
   EXPECT_EQ(cm.kitApiDispathMap.count("Zero.Request"), 1u);
   EXPECT_TRUE(log.Has(Level::Info, "Load remoteconfig complete, update kit and init ScopeService.(ConfigManager::GetConfigFromCloud)"));
 
-  // The same text again: nothing is written, read or loaded.
-  loads.clear();
-  log.Clear();
-  EXPECT_TRUE(cm.GetConfigFromCloud());
-  EXPECT_TRUE(log.Has(Level::Info, "Cloud remoteconfig is same with local one, no need save it.(ConfigManager::DownloadConfigFile)"));
-  EXPECT_TRUE(loads.empty());
-  EXPECT_FALSE(log.Contains("The current x64 TARNCORE version"));  // not read again
-
   // A body that isn't JSON is saved; the installed copy is read instead and
   // its kits are loaded.
   loaded.clear();
+  loads.clear();
   cloud->Serve("remoteConfig.json", "<html>maintenance</html>");
   EXPECT_TRUE(cm.GetConfigFromCloud());
   EXPECT_EQ(Cached(), "<html>maintenance</html>");
@@ -121,6 +107,30 @@ TEST_F(Refresh, CloudCopyIsSavedAndAppliedUnlessItEqualsTheCachedOne) {
   EXPECT_TRUE(cm.GetConfigFromCloud());
   EXPECT_EQ(service.stops, 1);
   EXPECT_TRUE(loads.empty());
+}
+
+// The body against the cached copy, line by line: only the same lines in the
+// same number are the same, and only those are neither written nor read.
+TEST_F(Refresh, BodyIsSavedAndReadUnlessItHasTheCachedCopysLines) {
+  const std::string cache = install + "config/cache/remoteConfig.json";
+  const struct {
+    const char *cached, *body;  // cached nullptr: none yet
+  } cases[] = {{nullptr, "{}"}, {"{\n1\n}\n", "{\n1\n}\n"}, {"{\n1\n}", "{\n2\n}"}, {"{\n1\n}", "{\n1\n}\n\n"}, {"{}", ""}};
+  for (const auto& c : cases) {
+    ::unlink(cache.c_str());
+    if (c.cached) WriteCached(c.cached);
+    cloud->Serve("remoteConfig.json", c.body);
+    log.Clear();
+    EXPECT_TRUE(cm.GetConfigFromCloud());
+    EXPECT_EQ(Cached(), c.body);
+    const bool same = c.cached && std::string(c.cached) == c.body;
+    EXPECT_EQ(log.Has(Level::Info, "Cloud remoteconfig is same with local one, no need save it."
+                                   "(ConfigManager::DownloadConfigFile)"), same) << c.body;
+    // Read means tried: there is no installed copy to fall back on.
+    EXPECT_EQ(log.Contains("Remoteconfig "), !same);
+    EXPECT_EQ(log.Has(Level::Error, "Failed Open config = " + cache + " error = 2(ConfigManager::CompareContent)"),
+              c.cached == nullptr);
+  }
 }
 
 // The worker, run on the test's thread, with a wait that plays a script.

@@ -48,7 +48,7 @@ TEST(SetPrivilege, RaisesPtraceWhenPermittedAndSucceedsWithoutIt) {
   Caps caps;
   ASSERT_TRUE(caps.Get());
   if (!caps.Has(false)) GTEST_SKIP() << "CAP_SYS_PTRACE is not permitted to this test";
-  EXPECT_TRUE(SetPrivilege());
+  EXPECT_TRUE(SetPrivilege(RaisePtraceCapability()));
 
   // In children: capabilities once dropped from the permitted set are gone for good.
   for (bool fromPermitted : {false, true}) {
@@ -59,7 +59,7 @@ TEST(SetPrivilege, RaisesPtraceWhenPermittedAndSucceedsWithoutIt) {
           c.Get();
           c.Drop(fromPermitted);
           if (!c.Set()) std::_Exit(2);
-          const bool ok = SetPrivilege();
+          const bool ok = SetPrivilege(RaisePtraceCapability());
           Caps after;
           after.Get();
           std::_Exit(ok && after.Has(true) != fromPermitted && capture.Records().empty() ? 0 : 1);

@@ -14,6 +14,7 @@
 
 #include "container/TarnContainerProcess.h"
 #include "container/pipe_message.h"
+#include "ipc/ipc_test_util.h"
 #include "platform/log/log_capture.h"
 #include "thread/ThreadManager.h"
 
@@ -26,15 +27,7 @@ namespace {
 
 constexpr const char* kWhere = "(TarnContainerProcess::Pipe_Listen)";
 
-template <class Pred>
-bool WaitUntil(Pred pred, std::chrono::milliseconds limit = 10s) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < end) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(2ms);
-  }
-  return pred();
-}
+using tarn::test::Eventually;
 
 class PipeListenTest : public ::testing::Test {
  protected:
@@ -50,7 +43,7 @@ class PipeListenTest : public ::testing::Test {
          [this] { ++logonChecks_; }});
     ASSERT_TRUE(ThreadManager::Instance().Create(TarnContainerProcess::Pipe_Listen, &fds_[0],
                                                  "TarnContainerProcess::Pipe_Listen", false));
-    ASSERT_TRUE(WaitUntil([&] { return capture_.Has(Level::Info,
+    ASSERT_TRUE(Eventually([&] { return capture_.Has(Level::Info,
         std::string("TarnContainerProcess.Pipe_Listen begin.") + kWhere); }));
   }
 
@@ -69,7 +62,7 @@ class PipeListenTest : public ::testing::Test {
   // Back only once the listener has taken all of it: each write is one read.
   void Send(const std::string& bytes) {
     ASSERT_EQ(::write(fds_[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    ASSERT_TRUE(WaitUntil([&] {
+    ASSERT_TRUE(Eventually([&] {
       int pending = 0;
       return ::ioctl(fds_[0], FIONREAD, &pending) == 0 && pending == 0;
     }));
@@ -90,14 +83,14 @@ class PipeListenTest : public ::testing::Test {
 
 TEST_F(PipeListenTest, EventsReachTheKitsOnlyLogonChecksTheNoticeAndBadInputIsDropped) {
   SendText("NotifyWinEvent5EventId2");
-  ASSERT_TRUE(WaitUntil([&] { return logonChecks_ == 1; }));
+  ASSERT_TRUE(Eventually([&] { return logonChecks_ == 1; }));
   bool tagged = false;
   for (const auto& r : capture_.Records()) {
     if (r.text == std::string("NotifyWinEvent 5luEventId 2") + kWhere) tagged = r.tag == "service" && r.level == Level::Info;
   }
   EXPECT_TRUE(tagged);
   SendText("NotifyWinEvent0EventId0");
-  ASSERT_TRUE(WaitUntil([&] { return capture_.Has(Level::Info, std::string("invalid notify") + kWhere); }));
+  ASSERT_TRUE(Eventually([&] { return capture_.Has(Level::Info, std::string("invalid notify") + kWhere); }));
   EXPECT_FALSE(capture_.Contains("NotifyWinEvent 0luEventId 0"));
   // Lock and unlock reach the kits but are no logon; one number zero is a real event.
   for (const char* text : {"NotifyWinEvent7EventId2", "NotifyWinEvent8EventId2", "NotifyWinEvent0EventId4"}) SendText(text);
@@ -122,11 +115,11 @@ TEST_F(PipeListenTest, EventsReachTheKitsOnlyLogonChecksTheNoticeAndBadInputIsDr
   SendText("NotifyWinEvent8EventId4" + std::string(3000, 'x'));  // the rest past 4096 bytes is dropped
   SendText("NotifyWinEvent4294967304EventId4294967301");  // the low 32 bits count
   SendText("NotifyWinEvent5EventId9");
-  ASSERT_TRUE(WaitUntil([&] { return Events().size() >= 10; }));
+  ASSERT_TRUE(Eventually([&] { return Events().size() >= 10; }));
   const std::vector<std::pair<std::uint32_t, std::uint32_t>> expected = {
       {5, 2}, {7, 2}, {8, 2}, {0, 4}, {8, 7777777}, {5, 9}, {6, 1}, {8, 4}, {8, 5}, {5, 9}};
   EXPECT_EQ(Events(), expected);
-  EXPECT_TRUE(WaitUntil([&] { return logonChecks_ == 3; }));
+  EXPECT_TRUE(Eventually([&] { return logonChecks_ == 3; }));
   EXPECT_EQ(1u, capture_.CountContaining("invalid notify"));
 }
 

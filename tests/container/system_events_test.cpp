@@ -1,91 +1,75 @@
+// Session and network events, fanned out to the test kits behind the
+// container's own gates, and the wake-up of a failed configuration check.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
+#include <mutex>
 #include <thread>
+#include <vector>
 
-#include "config/ConfigManager.h"
 #include "container/SystemEvents.h"
-#include "kit/KitManagerApi.h"
-#include "platform/log/log_capture.h"
+#include "kit/kit_fixture.h"
 #include "platform/os/event.h"
 
 using tarn::log::Level;
-using tarn::log::LogCapture;
+using tarn::test::Eventually;
+using tarn::test::ParseJson;
 
-// No kit is loaded here, so every delivery fails in the kit runtime and the
-// fan-out logs the uri it tried: which uris get that line shows who matched.
-class SystemEventsTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ConfigManager::GetInstance().ResetForTesting();
-    KitManagerApi::GetInstance().isInitComplete = true;
-  }
-  void TearDown() override { ConfigManager::GetInstance().ResetForTesting(); }
+using SystemEvents = tarn::test::KitRequestFixture;
 
-  void AddApi(const std::string& uri, const std::string& kitName) {
-    auto detail = std::make_shared<KitApiDetailInfo>();
-    detail->uri = uri;
-    detail->apiName = uri.substr(uri.find('.') + 1);
-    detail->kitName = kitName;
-    detail->packageName = "com.test." + kitName;
-    detail->invokeType = "DLL";
-    ConfigManager::GetInstance().kitApiDispathMap[uri] = detail;
-  }
-  bool Tried(const std::string& uri) const { return log_.Has(Level::Error, "apiName " + uri + "Invoke failed.(NotifytoKit)"); }
-
-  LogCapture log_;
-};
-
-TEST_F(SystemEventsTest, SessionAndNetworkChangesReachOnlyTheirSubscribersIgnoringCase) {
-  AddApi("account.onwinsessionchanged", "Account");
-  AddApi("Mail.OnWinSessionChanged", "Mail");
-  AddApi("Other.OnWinSessionChanged", "NotOther");  // kitName decides, not the uri
-  AddApi("Account.OnWinNetworkChanged", "Account");
-  AddApi("Account.Request", "Account");
-  ConfigManager::GetInstance().kitApiDispathMap["Broken.OnWinSessionChanged"] = nullptr;
-
-  EXPECT_TRUE(NotifyWinEventToKit(5, 2));
-  EXPECT_TRUE(log_.Has(Level::Info, "NotifyWinEventToKit start. strEventType5strSessionId 2(NotifyWinEventToKit)"));
-  EXPECT_TRUE(Tried("account.onwinsessionchanged"));
-  EXPECT_TRUE(Tried("mail.onwinsessionchanged"));
-  EXPECT_FALSE(Tried("other.onwinsessionchanged"));
-  EXPECT_FALSE(Tried("account.onwinnetworkchanged"));
-  EXPECT_FALSE(Tried("account.request"));
-  EXPECT_TRUE(log_.Has(Level::Error, "kitApiDetailInfoTemp nullptr(NotifytoKit)"));
-  EXPECT_TRUE(log_.Has(Level::Info, "NotifyWinEventToKit end. (NotifyWinEventToKit)"));
-
-  log_.Clear();
-  EXPECT_TRUE(NotifyNetworkChangeToKit(-1));
-  EXPECT_TRUE(log_.Has(Level::Info, "NotifyNetworkChangeToKit start. Network status-1(NotifyNetworkChangeToKit)"));
-  EXPECT_TRUE(Tried("account.onwinnetworkchanged"));
-  EXPECT_EQ(1u, log_.CountContaining("Invoke failed.(NotifytoKit)"));
-}
-
-TEST_F(SystemEventsTest, SessionEventWaitsForInitComplete) {
-  AddApi("Account.OnWinSessionChanged", "Account");
-  KitManagerApi::GetInstance().isInitComplete = false;
-  std::atomic<bool> done{false};
-  std::thread pipe([&] {
-    NotifyWinEventToKit(6, 3);
-    done = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_FALSE(done.load());
-  EXPECT_FALSE(Tried("account.onwinsessionchanged"));
-  KitManagerApi::GetInstance().isInitComplete = true;
+// Each loaded kit whose kitName and event name make the uri, whatever its case,
+// hears the event (the main kit broadcasts its two texts); one that declares it
+// without the export is only logged. An event at start-up waits for the kits.
+TEST_F(SystemEvents, ReachTheKitsThatDeclareThem) {
+  Setup({Main(), Lazy()});
+  std::thread pipe([] { NotifyWinEventToKit(6, 3); });
+  ASSERT_TRUE(Eventually([&] { return logs_.Contains("NotifyWinEventToKit start."); }));
+  EXPECT_FALSE(logs_.Contains("NotifytoKit"));  // past its first line it can only be waiting
+  ASSERT_TRUE(manager.Init());
   pipe.join();
-  EXPECT_TRUE(Tried("account.onwinsessionchanged"));
+  EXPECT_EQ(1u, Lines("LoadManger.NotifyWinEventToKit success.packageName = com.test.main"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "LoadManger.NotifyWinEventToKit failed. unload packageName = com.test.lazy"
+                                      "(LoadManger::NotifyWinEventToKit)"));
+
+  std::mutex mutex;
+  std::vector<Json::Value> notices;
+  client_.RegisterMessageCallback(IpcBroadcastMessageCode, [&](TagIPCMessageItem& item) {
+    std::lock_guard lock(mutex);
+    notices.push_back(ParseJson(item.body ? item.body : "")["notifyMsg"]);
+  });
+  ASSERT_EQ("0", Status(50, tarn::test::Request("Lazy.Echo")));  // loaded, without the event's export
+  // The main kit's event under another kit's uri, and an empty entry: neither is called.
+  config.kitApiDispathMap["Other.OnWinSessionChanged"] =
+      std::make_shared<KitApiDetailInfo>(*config.kitApiDispathMap.at("Main.OnWinSessionChanged"));
+  config.kitApiDispathMap["Broken.OnWinSessionChanged"] = nullptr;
+  logs_.Clear();
+  ServerManager::GetInstance().SendServiceStartBroadcast();  // the gates' notify, with version and kits
+  EXPECT_TRUE(NotifyWinEventToKit(5, 2));
+  EXPECT_TRUE(NotifyNetworkChangeToKit(-1));
+  ASSERT_TRUE(Eventually([&] {
+    std::lock_guard lock(mutex);
+    return notices.size() >= 3;
+  }));
+  std::lock_guard lock(mutex);
+  ASSERT_EQ(3u, notices.size());
+  EXPECT_EQ(kInstalledVersion, notices[0]["version"].asString());
+  EXPECT_EQ(2u, notices[0]["kits"].size());
+  EXPECT_EQ(ParseJson(R"({"session":["5","2"]})"), notices[1]);
+  EXPECT_EQ(ParseJson(R"({"network":["-1",""]})"), notices[2]);
+  EXPECT_TRUE(logs_.Has(Level::Error, "LoadManger.NotifyWinEventToKit failed.packageName = com.test.lazy127"
+                                      "(LoadManger::NotifyWinEventToKit)"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "apiName lazy.onwinsessionchangedInvoke failed.(NotifytoKit)"));
+  EXPECT_TRUE(logs_.Has(Level::Error, "kitApiDetailInfoTemp nullptr(NotifytoKit)"));
+  EXPECT_EQ(1u, Lines("Invoke failed.(NotifytoKit)"));
 }
 
-TEST_F(SystemEventsTest, NetworkUpWakesAFailedConfigurationCheckOnce) {
-  auto& config = ConfigManager::GetInstance();
+TEST_F(SystemEvents, NetworkUpWakesAFailedConfigurationCheckOnce) {
   config.configEvent = tarn::os::Event::Create(false, false);
   config.configCheckDone = false;
   NetworkConnectForUpdate();
   NetworkConnectForUpdate();
-  EXPECT_EQ(1u, log_.Count(Level::Info, "Check update not success after startup 1 minutes, check it "
-                                        "now.(NetworkConnectForUpdate)"));
+  EXPECT_EQ(1u, logs_.Count(Level::Info, "Check update not success after startup 1 minutes, check it "
+                                         "now.(NetworkConnectForUpdate)"));
   EXPECT_TRUE(config.configCheckDone);
   EXPECT_EQ(tarn::os::WaitForSingle(config.configEvent, 0), tarn::os::kWaitObject0);
 }

@@ -2,7 +2,7 @@
 // A machine under a temporary root with an install folder, the test kits
 // copied into it as the build laid them out, the build's signing key trusted,
 // and the kit runtime's singletons fresh. KitRequestFixture adds the
-// container's endpoint with gates that lead to the kit manager.
+// container's endpoint with the container's gates.
 #include <gtest/gtest.h>
 #include <json/value.h>
 #include <unistd.h>
@@ -13,8 +13,12 @@
 #include <string>
 #include <vector>
 
+#include "access/scope_proxy.h"
 #include "config/ConfigManager.h"
 #include "config/ConfigPlatform.h"
+#include "config/config_fixture.h"
+#include "container/ContainerRequestGates.h"
+#include "framework/FrameworkKitAPI.h"
 #include "kit/KitManagerApi.h"
 #include "kit/KitRuntimeHooks.h"
 #include "kit/LoadManger.h"
@@ -24,36 +28,12 @@
 
 namespace tarn::test {
 
-class CountingServiceControl : public tarn::config::ServiceControl {
- public:
-  void StopTarnCoreService() override { ++stops; }
-  std::atomic<int> stops{0};
-};
-
-// The update state and a built-in framework kit with one api, "Framework.Ping".
-class TestHooks : public tarn::kit::KitRuntimeHooks {
+// The framework kit as the container has it, with the update state set by the test.
+class TestHooks : public tarn::framework::FrameworkKitHooks {
  public:
   bool IsUpdating() override { return updating; }
   bool HasNewVersion() override { return newVersion; }
-  void RegisterFrameworkHandlers() override {
-    ++registrations;
-    auto api = std::make_shared<KitApiDetailInfo>();
-    api->uri = api->apiName = "Framework.Ping";
-    api->apiLevel = "1";
-    api->kitName = api->invokeType = "FRAMEWORK";
-    api->packageName = "com.vantrel.framework";
-    ConfigManager::GetInstance().kitApiDispathMap[api->uri] = api;
-  }
-  bool FrameworkInvoke(const std::string& uri, ServerResCallBack* item, ConvertedRequest&,
-                       ResponseStatus&) override {
-    ++frameworkCalls;
-    std::string answer = "{\"pong\":\"" + uri + "\"}";
-    item->Excute(answer);
-    return true;
-  }
-
   std::atomic<bool> updating{false}, newVersion{false};
-  std::atomic<int> registrations{0}, frameworkCalls{0};
 };
 
 struct Package {
@@ -83,6 +63,7 @@ class KitFixture : public EndpointTest {
   void TearDown() override {
     EndpointTest::TearDown();
     tarn::kit::SetKitRuntimeHooks(nullptr);
+    FrameworkKitAPI::GetInstance().ClearForTesting();
     tarn::config::SetServiceControlForTesting(nullptr);
     tarn::config::SetInstallDirectoryForTesting("");
     loader.ResetForTesting();
@@ -130,28 +111,31 @@ class KitFixture : public EndpointTest {
   KitManagerApi& manager = KitManagerApi::GetInstance();
 };
 
-// The pipeline's seam as the container fills it for the kit manager.
-class KitGates : public DefaultRequestGates {
- public:
-  bool IsInitComplete() override { return KitManagerApi::GetInstance().isInitComplete; }
-  void Invoke(const RequestHeader& header, const ConvertedRequest& request, ServerResCallBack* callback,
-              ResponseStatus& status) override {
-    RequestHeader ownHeader = header;
-    ConvertedRequest ownRequest = request;
-    KitManagerApi::GetInstance().Invoke(ownHeader, ownRequest, callback, status);
-  }
-};
-
-// Requests travel from a client through a real socket to the kits; the caller
-// is already verified, so the whitelist lets it through the pipeline's gates.
+// Requests travel from a client through a real socket and the container's own
+// gates to the kits. The caller "c1" is already verified, so the whitelist lets
+// it through; there is no scope service, so any other caller is refused.
 class KitRequestFixture : public KitFixture {
  protected:
   void SetUp() override {
     KitFixture::SetUp();
+    ScopeProxy::SetInstanceForTesting(&scope);
     StartEndpoint(&gates);
     SignatureManager::GetInstance()->AddSignatureWhiteList(static_cast<uint32_t>(::getpid()), "c1");
   }
-  KitGates gates;
+  void TearDown() override {
+    KitFixture::TearDown();
+    ScopeProxy::SetInstanceForTesting(nullptr);
+  }
+  static ScopeProxy::Platform NoScopeService() {
+    ScopeProxy::Platform platform = ScopeProxy::Platform::Default();
+    platform.initServiceManager = [] {};
+    platform.createInstance = [](const std::string&, const std::string&, std::shared_ptr<tarn::zbrf::ZObject>&) {
+      return false;
+    };
+    return platform;
+  }
+  ScopeProxy scope{NoScopeService()};
+  ContainerRequestGates gates;
 };
 
 }  // namespace tarn::test

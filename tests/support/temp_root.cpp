@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -40,6 +41,11 @@ void TempRoot::WriteFile(std::string_view relative, std::string_view content) co
   fs::create_directories(p.parent_path());
   std::ofstream out(p, std::ios::binary | std::ios::trunc);
   out.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+std::string TempRoot::ReadFile(std::string_view relative) const {
+  std::ifstream in(At(relative), std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 void TempRoot::MakeDir(std::string_view relative) const { fs::create_directories(At(relative)); }

@@ -18,6 +18,8 @@ class TempRoot {
   std::string At(std::string_view relative) const;
   // Writes a file under the root, creating its folders.
   void WriteFile(std::string_view relative, std::string_view content) const;
+  // What a file under the root holds; empty when it can't be read.
+  std::string ReadFile(std::string_view relative) const;
   void MakeDir(std::string_view relative) const;
 
  private:

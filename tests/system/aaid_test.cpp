@@ -1,18 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 #include "platform/commonutil/aaid.h"
 #include "support/temp_root.h"
 
 TEST(Aaid, WrittenFromTheMachineIdKeptAndRepaired) {
   tarn::test::TempRoot root;
   const std::string vtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID";
-  auto value = [&] {
-    std::string text;
-    std::getline(std::ifstream(root.At(vtid + "/AAID")), text);
-    return text;
-  };
+  auto value = [&] { return root.ReadFile(vtid + "/AAID"); };
   root.WriteFile("etc/machine-id", "0123456789abcdef0123456789abcdef\n");
   EXPECT_FALSE(AAID::HandleRegAAID());  // a write never makes the key
   root.MakeDir(vtid);

@@ -12,14 +12,15 @@
 #include <thread>
 #include <vector>
 
+#include "container/NetworkMonitor.h"
 #include "platform/log/log_capture.h"
 #include "platform/os/message_queue.h"
-#include "support/NetworkMonitor.h"
 #include "thread/ThreadManager.h"
 
 using tarn::log::Level;
 using tarn::log::LogCapture;
-using namespace tarn::support;
+using namespace tarn::container;
+using namespace tarn::os;
 
 namespace {
 
@@ -182,6 +183,7 @@ TEST(RtnetlinkConnectivitySource, ReadsTheMachine) {
   // Drains without blocking, whatever is pending.
   source.TakeChanges();
   source.Close();
+  EXPECT_EQ(InternetGetConnectedState(), (connectivity & kConnectivityInternet) != 0);
 }
 
 }  // namespace

@@ -11,6 +11,10 @@ namespace tarn::os {
 std::uint32_t GetLastError() noexcept;
 void SetLastError(std::uint32_t error) noexcept;
 
+// An errno in the shape of HRESULT_FROM_WIN32, as results of the system's COM
+// calls show in its log lines.
+std::int32_t HresultFromErrno(int error) noexcept;
+
 // Results of the waits.
 constexpr std::uint32_t kWaitObject0 = 0;
 constexpr std::uint32_t kWaitTimeout = 258;

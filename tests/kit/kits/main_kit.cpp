@@ -1,4 +1,5 @@
-// A kit for the tests: good answers, and the bad ones a kit can give.
+// A kit for the tests: good answers, the bad ones a kit can give, and the
+// system events.
 #include <chrono>
 #include <mutex>
 #include <stdexcept>
@@ -32,6 +33,16 @@ std::string LateAnswer(const std::string& id, const std::string& note) {
   return "{\"header\":{\"syncMessageId\":\"" + id +
          "\",\"status_code\":\"0\",\"error_code\":\"0\",\"error_reason\":\"success\"},"
          "\"body\":{\"late\":\"" + note + "\"}}";
+}
+
+// Broadcasts a notify message through the callback the entry function was given.
+void Tell(const std::string& notifyMsg) {
+  TarnKitCallback broadcast;
+  {
+    std::lock_guard lock(g_mutex);
+    broadcast = g_broadcast;
+  }
+  Answer(broadcast, "{\"header\":{\"action\":\"test\"},\"notifyMsg\":" + notifyMsg + "}");
 }
 
 // Answers from a thread of the kit's own once the api function has returned.
@@ -86,12 +97,14 @@ TARN_KIT_API void Throw(const char*, const char*, TarnKitCallback) {
   throw std::runtime_error("a kit that throws");
 }
 
-TARN_KIT_API void Broadcast(const char*, const char* body, TarnKitCallback callback) {
-  TarnKitCallback broadcast;
-  {
-    std::lock_guard lock(g_mutex);
-    broadcast = g_broadcast;
-  }
-  Answer(broadcast, std::string("{\"header\":{\"action\":\"test\"},\"notifyMsg\":") + body + "}");
-  Answer(callback, "{\"broadcast\":\"sent\"}");
+// System events, told to the test through the broadcast callback the entry
+// function was given, with their two texts.
+TARN_KIT_API void OnWinSessionChanged(const char* header, const char* body, TarnKitCallback notify) {
+  Tell(std::string("{\"session\":[\"") + header + "\",\"" + body + "\"]}");
+  Answer(notify, "{}");
+}
+
+TARN_KIT_API void OnWinNetworkChanged(const char* header, const char* body, TarnKitCallback notify) {
+  Tell(std::string("{\"network\":[\"") + header + "\",\"" + body + "\"]}");
+  Answer(notify, "{}");
 }

@@ -1,4 +1,4 @@
-#include "support/NetworkMonitor.h"
+#include "platform/os/connectivity.h"
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -7,41 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <memory>
-#include <mutex>
 #include <vector>
 
-#include "platform/log/tarn_log.h"
-#include "platform/os/message_queue.h"
-#include "thread/ThreadManager.h"
+#include "platform/os/last_error.h"
 
-namespace tarn::support {
+namespace tarn::os {
 
 namespace {
-
-// IsConnected's answers: a VARIANT_BOOL.
-constexpr std::int16_t kVariantTrue = -1;
-constexpr std::int16_t kVariantFalse = 0;
-
-std::mutex g_mutex;
-NetworkMonitorCallbacks g_callbacks;
-ConnectivitySource* g_testSource = nullptr;
-
-NetworkMonitorCallbacks Callbacks() {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  return g_callbacks;
-}
-
-void NotifyKits(std::int32_t status) {
-  auto callbacks = Callbacks();
-  if (callbacks.notifyNetworkChangeToKit) callbacks.notifyNetworkChangeToKit(status);
-}
-
-// An errno in the shape of HRESULT_FROM_WIN32, as the monitor's log lines show results.
-std::int32_t ErrnoResult(int error) {
-  return static_cast<std::int32_t>(0x80070000u | (static_cast<std::uint32_t>(error) & 0xFFFFu));
-}
 
 int OpenRouteSocket(std::uint32_t groups, bool nonBlocking) {
   int type = SOCK_RAW | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0);
@@ -123,8 +95,8 @@ RtnetlinkConnectivitySource::~RtnetlinkConnectivitySource() { Close(); }
 std::int32_t RtnetlinkConnectivitySource::Open() {
   Close();
   fd_ = OpenRouteSocket(RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE, true);
-  if (fd_ < 0) return ErrnoResult(errno);
-  signal_ = tarn::os::FdHandle(fd_);
+  if (fd_ < 0) return HresultFromErrno(errno);
+  signal_ = FdHandle(fd_);
   return 0;
 }
 
@@ -177,100 +149,13 @@ bool RtnetlinkConnectivitySource::TakeChanges() {
 void RtnetlinkConnectivitySource::Close() {
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
-  signal_ = tarn::os::FdHandle(-1);
+  signal_ = FdHandle(-1);
 }
 
-void SetNetworkMonitorCallbacks(NetworkMonitorCallbacks callbacks) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_callbacks = std::move(callbacks);
-}
-
-void SetConnectivitySourceForTesting(ConnectivitySource* source) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_testSource = source;
-}
-
-}  // namespace tarn::support
-
-std::int32_t NetworkManager::ConnectivityChanged(std::uint32_t newConnectivity) {
-  using namespace tarn::support;
-  if (newConnectivity == kConnectivityDisconnected) {
-    CLOGI("NetworkManager::ConnectivityChanged", "Network disconnect, newConnectivity = " << newConnectivity);
-    NotifyKits(-1);
-  } else if ((newConnectivity & kConnectivityInternet) != 0) {
-    CLOGI("NetworkManager::ConnectivityChanged", "Network connect, newConnectivity = " << newConnectivity);
-    NotifyKits(0);
-    auto callbacks = Callbacks();
-    if (callbacks.networkConnectForUpdate) callbacks.networkConnectForUpdate();
-  } else {
-    // A local network without the internet counts as not connected.
-    CLOGI("NetworkManager::ConnectivityChanged", "Network disconnect, newConnectivity = " << newConnectivity);
-    NotifyKits(-1);
-  }
-  return 0;
-}
-
-int InitNetworkMonitor() {
-  using namespace tarn::support;
-  std::unique_ptr<ConnectivitySource> own;
-  ConnectivitySource* source = nullptr;
-  {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    source = g_testSource;
-  }
-  if (!source) {
-    own = std::make_unique<RtnetlinkConnectivitySource>();
-    source = own.get();
-  }
-
-  const std::int32_t hr = source->Open();
-  if (hr != 0) {
-    CLOGI("InitNetworkMonitor", "CLSID_NetworkListManager: " << hr);
-    return 0;
-  }
-
+bool InternetGetConnectedState() {
+  RtnetlinkConnectivitySource source;
   std::uint32_t connectivity = kConnectivityDisconnected;
-  const bool failed = !source->Current(connectivity);
-  const std::int16_t isConnected =
-      !failed && (connectivity & kConnectivityInternet) != 0 ? kVariantTrue : kVariantFalse;
-  if (isConnected == kVariantFalse) {
-    NotifyKits(-1);
-  } else if (isConnected == kVariantTrue) {
-    NotifyKits(0);
-  }
-  CLOGI("InitNetworkMonitor", "is Connected: " << isConnected << ", " << failed);
-
-  auto manager = std::make_shared<NetworkManager>();
-  // The value last passed on: the kernel reports many route changes that leave
-  // the connectivity as it was, and those are not changes of the network.
-  std::uint32_t last = connectivity;
-  const std::shared_ptr<tarn::os::Event> exitEvent = VantrelThread::ThreadManager::Instance().processExitEvent;
-  const std::vector<tarn::os::Waitable*> handles = {exitEvent.get(), source->ChangeSignal()};
-  const auto messageIndex = static_cast<std::uint32_t>(handles.size());
-
-  for (;;) {
-    const std::uint32_t result = tarn::os::MsgWaitForMultipleObjects(handles, tarn::os::kInfinite);
-    if (result == tarn::os::kWaitObject0) break;
-    if (result == tarn::os::kWaitObject0 + 1) {
-      std::uint32_t now = 0;
-      if (source->TakeChanges() && source->Current(now) && now != last) {
-        last = now;
-        manager->ConnectivityChanged(now);
-      }
-      continue;
-    }
-    if (result == tarn::os::kWaitObject0 + messageIndex) {
-      tarn::os::Msg msg;
-      // The quit message comes back as 0 and doesn't end the loop: the exit event does.
-      if (tarn::os::GetMessage(&msg) == 0) continue;
-      tarn::os::DispatchMessage(msg);
-      if (msg.message == tarn::os::kWmQuit) break;
-      continue;
-    }
-    // Other results go round again.
-  }
-
-  source->Close();
-  manager.reset();
-  return 0;
+  return source.Current(connectivity) && (connectivity & kConnectivityInternet) != 0;
 }
+
+}  // namespace tarn::os

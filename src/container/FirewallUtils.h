@@ -17,7 +17,7 @@
 #include <memory>
 #include <string>
 
-namespace tarn::support {
+namespace tarn::container {
 
 // A rule as the firewall stores it.
 struct FirewallRule {
@@ -58,15 +58,15 @@ class FirewallPolicy {
 // Text of a rule's file.
 std::string RenderFirewallRule(const FirewallRule& rule);
 
-}  // namespace tarn::support
+}  // namespace tarn::container
 
 // Opens the firewall's policy under the machine root. 0 or the error.
-std::int32_t WFCOMInitialize(std::unique_ptr<tarn::support::FirewallPolicy>* policy);
+std::int32_t WFCOMInitialize(std::unique_ptr<tarn::container::FirewallPolicy>* policy);
 
 // Adds the rule unless one of that name exists. False only when no rule could be made.
 bool AddFwRule(const std::wstring& ruleName, const std::wstring& ruleDescription,
                const std::wstring& ruleGroup, const std::wstring& programPath,
-               tarn::support::FirewallRules& rules);
+               tarn::container::FirewallRules& rules);
 
 class FirewallUtils {
  public:

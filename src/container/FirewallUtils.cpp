@@ -1,4 +1,4 @@
-#include "support/FirewallUtils.h"
+#include "container/FirewallUtils.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,23 +9,26 @@
 #include <sstream>
 
 #include "platform/log/tarn_log.h"
+#include "platform/os/last_error.h"
 #include "platform/os/places.h"
 #include "platform/os/text.h"
 
-namespace tarn::support {
+namespace tarn::container {
 
 namespace {
 
 constexpr const char* kRuleSuffix = ".rule";
 
-// An errno in the shape of HRESULT_FROM_WIN32, as the log lines show results.
-std::int32_t ErrnoResult(int error) {
-  return static_cast<std::int32_t>(0x80070000u | (static_cast<std::uint32_t>(error) & 0xFFFFu));
-}
-
 bool IsDirectory(const std::string& path) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// Joins with a separator only where the directory doesn't end in one already
+// (the root, or a path that had two), so no "//" comes into a rule.
+std::wstring PathAppend(const std::wstring& directory, const std::wstring& name) {
+  if (!directory.empty() && directory.back() == L'/') return directory + name;
+  return directory + L"/" + name;
 }
 
 }  // namespace
@@ -44,7 +47,9 @@ std::string RenderFirewallRule(const FirewallRule& rule) {
 
 std::int32_t FirewallRules::Item(const std::string& name) const {
   struct stat st {};
-  if (::stat((directory_ + "/" + name + kRuleSuffix).c_str(), &st) != 0) return ErrnoResult(errno);
+  if (::stat((directory_ + "/" + name + kRuleSuffix).c_str(), &st) != 0) {
+    return tarn::os::HresultFromErrno(errno);
+  }
   return 0;
 }
 
@@ -52,7 +57,7 @@ std::int32_t FirewallRules::Add(const FirewallRule& rule) const {
   const std::string path = directory_ + "/" + rule.name + kRuleSuffix;
   const std::string temporary = path + ".tmp." + std::to_string(::getpid());
   const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return ErrnoResult(errno);
+  if (fd < 0) return tarn::os::HresultFromErrno(errno);
   const std::string text = RenderFirewallRule(rule);
   std::size_t done = 0;
   int error = 0;
@@ -70,35 +75,35 @@ std::int32_t FirewallRules::Add(const FirewallRule& rule) const {
   if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) error = errno;
   if (error != 0) {
     ::unlink(temporary.c_str());
-    return ErrnoResult(error);
+    return tarn::os::HresultFromErrno(error);
   }
   return 0;
 }
 
 std::int32_t FirewallPolicy::get_Rules(std::unique_ptr<FirewallRules>* rules) const {
   const int fd = ::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return ErrnoResult(errno);
+  if (fd < 0) return tarn::os::HresultFromErrno(errno);
   ::close(fd);
   *rules = std::make_unique<FirewallRules>(directory_);
   return 0;
 }
 
-}  // namespace tarn::support
+}  // namespace tarn::container
 
-std::int32_t WFCOMInitialize(std::unique_ptr<tarn::support::FirewallPolicy>* policy) {
+std::int32_t WFCOMInitialize(std::unique_ptr<tarn::container::FirewallPolicy>* policy) {
   const std::string directory = tarn::os::FirewallDir();
   if (!tarn::os::MakeDirectories(directory)) {
-    const std::int32_t hr = tarn::support::ErrnoResult(errno != 0 ? errno : ENOTDIR);
+    const std::int32_t hr = tarn::os::HresultFromErrno(errno != 0 ? errno : ENOTDIR);
     CLOGE("WFCOMInitialize", "CoCreateInstance for INetFwPolicy2 failed: " << hr);
     return hr;
   }
-  *policy = std::make_unique<tarn::support::FirewallPolicy>(directory);
+  *policy = std::make_unique<tarn::container::FirewallPolicy>(directory);
   return 0;
 }
 
 bool AddFwRule(const std::wstring& ruleName, const std::wstring& ruleDescription,
                const std::wstring& ruleGroup, const std::wstring& programPath,
-               tarn::support::FirewallRules& rules) {
+               tarn::container::FirewallRules& rules) {
   const std::string name = tarn::os::WideToUtf8(ruleName);
   const std::int32_t item = rules.Item(name);
   if (item == 0) {
@@ -108,7 +113,7 @@ bool AddFwRule(const std::wstring& ruleName, const std::wstring& ruleDescription
   }
   CLOGI("AddFwRule", "Windows firewall not have ruleName: " << name << ", errorcode: " << item);
 
-  tarn::support::FirewallRule rule;
+  tarn::container::FirewallRule rule;
   rule.name = name;
   rule.description = tarn::os::WideToUtf8(ruleDescription);
   rule.grouping = tarn::os::WideToUtf8(ruleGroup);
@@ -123,26 +128,26 @@ bool AddFwRule(const std::wstring& ruleName, const std::wstring& ruleDescription
 }
 
 bool FirewallUtils::AddContainerUIRule(std::wstring& installDirectory) {
-  std::unique_ptr<tarn::support::FirewallPolicy> policy;
+  std::unique_ptr<tarn::container::FirewallPolicy> policy;
   std::int32_t hr = WFCOMInitialize(&policy);
   if (hr != 0) {
     CLOGE("FirewallUtils::AddContainerUIRule", "WFCOMInitialize failed: " << hr);
     return false;
   }
-  std::unique_ptr<tarn::support::FirewallRules> rules;
+  std::unique_ptr<tarn::container::FirewallRules> rules;
   hr = policy->get_Rules(&rules);
   if (hr != 0) {
     CLOGE("FirewallUtils::AddContainerUIRule", "get_Rules failed: " << hr);
     return false;
   }
 
-  if (tarn::support::IsDirectory(tarn::os::WideToUtf8(installDirectory))) {
+  if (tarn::container::IsDirectory(tarn::os::WideToUtf8(installDirectory))) {
     // One trailing separator goes, as long as something is left of the path.
     if (installDirectory.size() > 1 && installDirectory.back() == L'/') installDirectory.pop_back();
-    const std::wstring base = installDirectory == L"/" ? L"" : installDirectory;
     AddFwRule(L"TarnCoreContainerRule", L"TarnCoreContainerRule", L"TarnCoreContainerRuleGroup",
-              base + L"/TarnCoreContainer", *rules);
-    AddFwRule(L"TarnCoreUIRule", L"TarnCoreUIRule", L"TarnCoreUIRuleGroup", base + L"/TarnCoreUI", *rules);
+              tarn::container::PathAppend(installDirectory, L"TarnCoreContainer"), *rules);
+    AddFwRule(L"TarnCoreUIRule", L"TarnCoreUIRule", L"TarnCoreUIRuleGroup",
+              tarn::container::PathAppend(installDirectory, L"TarnCoreUI"), *rules);
   }
   return true;
 }

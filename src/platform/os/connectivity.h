@@ -1,19 +1,14 @@
 #pragma once
-// The network monitor: an initial connectivity answer to the kits, then every
-// change of connectivity to the kits and to the update logic. On Linux the
-// connectivity comes from rtnetlink: a default route is the internet, a link
-// that is up without one is a local network only.
-//
-// The container's fan-out (NotifyNetworkChangeToKit, NetworkConnectForUpdate)
-// builds on this library's users, so it comes in as callbacks that the
-// process installs before InitNetworkMonitor.
+// The machine's connectivity, read from the kernel's routing tables and links
+// through rtnetlink: a default route is the internet of its family, a link that
+// is up without one is a local network only. The network monitor follows its
+// changes; the silent upgrade asks it once before each check.
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 
 #include "platform/os/event.h"
 
-namespace tarn::support {
+namespace tarn::os {
 
 // Connectivity bits, as the system's network list reports them.
 inline constexpr std::uint32_t kConnectivityDisconnected = 0;
@@ -22,26 +17,17 @@ inline constexpr std::uint32_t kConnectivityIpv4Internet = 0x40;
 inline constexpr std::uint32_t kConnectivityIpv6Internet = 0x400;
 inline constexpr std::uint32_t kConnectivityInternet = kConnectivityIpv4Internet | kConnectivityIpv6Internet;
 
-struct NetworkMonitorCallbacks {
-  // NotifyNetworkChangeToKit: 0 connected, -1 not connected.
-  std::function<bool(std::int32_t status)> notifyNetworkChangeToKit;
-  // NetworkConnectForUpdate: the network has come up.
-  std::function<void()> networkConnectForUpdate;
-};
-
-// Installed by the process before InitNetworkMonitor; an empty member calls nothing.
-void SetNetworkMonitorCallbacks(NetworkMonitorCallbacks callbacks);
-
-// Where connectivity comes from: an initial answer and a signal of changes.
+// Where connectivity comes from: an answer now and a signal of changes.
 class ConnectivitySource {
  public:
   virtual ~ConnectivitySource() = default;
-  // 0 when the source is ready, otherwise an error code (the monitor then ends).
+  // 0 when the change signal is ready, otherwise an error code.
   virtual std::int32_t Open() = 0;
   // The connectivity now, in the bits above. False when it can't be read.
+  // Needs no Open.
   virtual bool Current(std::uint32_t& connectivity) = 0;
   // Turns ready when routes or links may have changed. Valid after Open.
-  virtual tarn::os::Waitable* ChangeSignal() = 0;
+  virtual Waitable* ChangeSignal() = 0;
   // Takes what made the signal ready; true when routes or links changed.
   virtual bool TakeChanges() = 0;
   virtual void Close() = 0;
@@ -59,13 +45,13 @@ class RtnetlinkConnectivitySource : public ConnectivitySource {
   std::int32_t Open() override;
   // Dumps the routes and links.
   bool Current(std::uint32_t& connectivity) override;
-  tarn::os::Waitable* ChangeSignal() override { return &signal_; }
+  Waitable* ChangeSignal() override { return &signal_; }
   bool TakeChanges() override;
   void Close() override;
 
  private:
   int fd_ = -1;
-  tarn::os::FdHandle signal_{-1};
+  FdHandle signal_{-1};
 };
 
 // Folds a buffer of rtnetlink messages into connectivity bits: a unicast
@@ -73,19 +59,7 @@ class RtnetlinkConnectivitySource : public ConnectivitySource {
 // that is up and running, other than the loopback, is a local network.
 std::uint32_t ConnectivityFromNetlink(const void* data, std::size_t length, std::uint32_t connectivity);
 
-// The source InitNetworkMonitor uses; nullptr restores rtnetlink. Not owned.
-void SetConnectivitySourceForTesting(ConnectivitySource* source);
+// Connected to the internet: a default route (IPv4 or IPv6) exists now.
+bool InternetGetConnectedState();
 
-}  // namespace tarn::support
-
-// Receives the changes of connectivity on the monitor's thread.
-class NetworkManager {
- public:
-  // Always 0. Tells the kits 0 when an internet bit is set, and then the update
-  // logic; anything else, a local network included, is -1 to the kits.
-  std::int32_t ConnectivityChanged(std::uint32_t newConnectivity);
-};
-
-// Tells the kits the connectivity now, then dispatches changes and the
-// thread's messages until the process-exit event of ThreadManager. Always 0.
-int InitNetworkMonitor();
+}  // namespace tarn::os
