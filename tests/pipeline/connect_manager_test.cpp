@@ -53,9 +53,10 @@ TEST(ConvertRequest, RendersHeaderWithTheItemsSyncMessageIdAndBody) {
 TEST(ConvertRequest, NotJsonIsDataFormatErrorAndNonStringKeysThrow) {
   tarn::log::LogCapture logs;
   const struct {
-    const char* text;
+    std::string text;
     bool throws;
   } cases[] = {{"this is not json", false}, {"", false}, {"{\"header\":", false},
+               {"{\"header\":" + std::string(1001, '['), false},  // deeper than the reader goes
                {"{\"header\":{\"apiLevel\":3}}", true}, {"{\"header\":{\"api_name\":null}}", true},
                // api_name quoted only inside the body reads a missing member.
                {"{\"header\":{\"x\":\"1\"},\"body\":{\"api_name\":\"y\"}}", true}};
@@ -71,7 +72,7 @@ TEST(ConvertRequest, NotJsonIsDataFormatErrorAndNonStringKeysThrow) {
     EXPECT_EQ("907135000/907135000/data format is error.",
               status.status_code + "/" + status.error_code + "/" + status.error_reason);
   }
-  EXPECT_EQ(3u, logs.Count(Level::Error, "req mgs error.(ConnectManager::ConvertRequest)"));
+  EXPECT_EQ(4u, logs.Count(Level::Error, "req mgs error.(ConnectManager::ConvertRequest)"));
 
   ResponseStatus status;
   EXPECT_THROW(ConnectManager::GetReqHeader("{\"client_id\":7}", status), Json::LogicError);
