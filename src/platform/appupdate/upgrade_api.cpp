@@ -101,7 +101,11 @@ bool UpgradeAPI::TarnCoreAppSilentUpgrade(bool force) {
   Json::Value root;
   std::string errors;
   std::istringstream in(answer);
-  if (!Json::parseFromStream(builder, in, &root, &errors) || !root.isObject()) return false;
+  try {
+    if (!Json::parseFromStream(builder, in, &root, &errors) || !root.isObject()) return false;
+  } catch (const Json::RuntimeError&) {
+    return false;  // nested deeper than the reader goes: no announcement
+  }
   const Json::Value* info = root.find("updateAppInfo", "updateAppInfo" + std::strlen("updateAppInfo"));
   if (!info || !info->isObject()) return false;  // nothing newer
 
