@@ -84,8 +84,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Check(treeStatus.status_code == textStatus.status_code, "same status either way");
   Check(treeStatus.status_code == (request.header.empty() ? "907135000" : "0"), "header status");
 
-  const std::string response = ConnectManager::GetResHeader(header, ResponseStatus{});
-  Check(response == ConnectManager::GetResHeaderFromTemplate(header, ResponseStatus{}),
+  // Status texts with any bytes, zeros included, besides the request's values.
+  ResponseStatus outcome;
+  outcome.error_reason = text.substr(0, 64);
+  outcome.resolution = header.app_id;
+  const std::string response = ConnectManager::GetResHeader(header, outcome);
+  Check(response == ConnectManager::GetResHeaderFromTemplate(header, outcome),
         "response header equals the template's rendering");
   Json::Value rendered;
   Check(ConnectManager::Parse(response.data(), response.data() + response.size(), rendered),
