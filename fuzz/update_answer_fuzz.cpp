@@ -4,6 +4,8 @@
 // (transfers, signatures and process starts replaced). An installer may start
 // only from the download folder, named by a plain file name, when the
 // package's digest is the announced one; nothing may leave the library.
+#include <unistd.h>
+
 #include <algorithm>
 #include <fstream>
 #include <string>
@@ -45,7 +47,10 @@ class CannedHttp : public tarn::http::HttpClient {
 class RecordedStarts : public tarn::os::Processes {
  public:
   std::vector<pid_t> FindByName(const std::string&) override { return {}; }
-  bool StartProcess(const std::string& path, const std::string&) override {
+  bool StartFile(int fd, const std::string& path, const std::string&, const tarn::os::StartAs*) override {
+    char content[64] = {};
+    const ssize_t n = ::pread(fd, content, sizeof(content), 0);
+    Check(std::string(content, n > 0 ? static_cast<std::size_t>(n) : 0) == kPackage, "what starts is the package");
     started.push_back(path);
     return true;
   }
