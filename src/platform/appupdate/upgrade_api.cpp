@@ -106,7 +106,8 @@ bool UpgradeAPI::TarnCoreAppSilentUpgrade(bool force) {
   } catch (const Json::RuntimeError&) {
     return false;  // nested deeper than the reader goes: no announcement
   }
-  const Json::Value* info = root.find("updateAppInfo", "updateAppInfo" + std::strlen("updateAppInfo"));
+  static constexpr char kInfoKey[] = "updateAppInfo";
+  const Json::Value* info = root.find(kInfoKey, kInfoKey + sizeof(kInfoKey) - 1);
   if (!info || !info->isObject()) return false;  // nothing newer
 
   const std::string packageUrl = Member(*info, "packageUrl");
