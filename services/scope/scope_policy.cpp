@@ -64,7 +64,12 @@ bool ParsePolicy(const std::string& text, std::map<std::string, PolicyClient>& c
   Json::CharReaderBuilder builder;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, &error)) return false;
+  try {
+    if (!reader->parse(text.data(), text.data() + text.size(), &root, &error)) return false;
+  } catch (const Json::RuntimeError& e) {
+    error = e.what();  // nested deeper than the reader goes
+    return false;
+  }
   if (!root.isObject() || !root["clients"].isObject()) {
     error = "no \"clients\" object at the top";
     return false;

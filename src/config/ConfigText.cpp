@@ -34,7 +34,12 @@ bool ParseConfigFile(const std::string& path, Json::Value& root, bool& opened, i
   Json::CharReaderBuilder builder;
   builder["collectComments"] = true;
   std::string found;
-  const bool parsed = Json::parseFromStream(builder, in, &root, &found);
+  bool parsed = false;
+  try {
+    parsed = Json::parseFromStream(builder, in, &root, &found);
+  } catch (const Json::RuntimeError& e) {
+    found = e.what();  // nested deeper than the reader goes: not a file it can read
+  }
   if (errors) *errors = found;
   return parsed;
 }

@@ -90,8 +90,12 @@ bool ConnectManager::Parse(const char* begin, const char* end, Json::Value& root
   // What Json::parseFromStream does, without copying the text into a stream.
   thread_local std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   std::string errs;
-  bool ok = reader->parse(begin, end, &root, &errs);
-  return ok && errs.empty();
+  try {
+    return reader->parse(begin, end, &root, &errs) && errs.empty();
+  } catch (const Json::RuntimeError&) {
+    // Nested deeper than the reader goes: a text it can't read, like any other.
+    return false;
+  }
 }
 
 // FastWriter is what the system renders with (one line, a line feed at the

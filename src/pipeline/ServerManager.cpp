@@ -35,9 +35,13 @@ ServerManager::~ServerManager() {
     delete g_tarnCoreIpcSender;
     g_tarnCoreIpcSender = nullptr;
   }
-  for (auto& [id, callback] : *callbackTable) delete callback;
-  delete callbackTable;
-  callbackTable = nullptr;
+  {
+    // Kits' threads run on through the exit; a late answer finds no table.
+    std::lock_guard lock(callbackTableLock);
+    for (auto& [id, callback] : *callbackTable) delete callback;
+    delete callbackTable;
+    callbackTable = nullptr;
+  }
   broadcastSendHandle = nullptr;
   // The server object is never destroyed: its threads may still be delivering.
 }
@@ -104,6 +108,7 @@ void ServerManager::OnMsgCallback(TagIPCMessageItem& item) {
 void ServerManager::RemoveCallBack(ServerResCallBack* callback) {
   try {
     std::lock_guard lock(callbackTableLock);
+    if (!callbackTable) return;  // the destructor freed every callback
     callbackTable->erase(callback->msgIdentify);
     delete callback;
   } catch (...) {
@@ -201,6 +206,7 @@ void ServerManager::SendUpdateFailedBroadcast(std::string result) {
 ServerResCallBack* ServerManager::GetServerResCallBackByMessageId(const std::string& msgIdentify) {
   // Taken briefly so the read never races an insertion's rebalancing.
   std::lock_guard lock(callbackTableLock);
+  if (!callbackTable) return nullptr;
   auto it = callbackTable->find(msgIdentify);
   return it == callbackTable->end() ? nullptr : it->second;
 }

@@ -22,8 +22,8 @@ TEST(LineSplitter, SplitsJoinsAndDropsOverlongLines) {
   EXPECT_TRUE(s.Feed("Notify").empty());
   EXPECT_EQ(s.Feed("A\r\n\nB\nC"), (std::vector<std::string>{"NotifyA", "B"}));
   EXPECT_EQ(s.Feed("\n123456789012\nok\n"), (std::vector<std::string>{"C", "ok"}));
-  // Exactly the limit passes, with or without a '\r'.
-  EXPECT_EQ(s.Feed("12345678\n12345678\r\n"), (std::vector<std::string>{"12345678", "12345678"}));
+  // Exactly the limit passes, with or without a '\r'; one more character doesn't.
+  EXPECT_EQ(s.Feed("12345678\n12345678\r\n123456789\n"), (std::vector<std::string>{"12345678", "12345678"}));
 }
 
 TEST(SessionChanges, NewSessionsLogOnGoneOnesLogOff) {

@@ -16,7 +16,8 @@ std::vector<std::string> LineSplitter::Feed(std::string_view bytes) {
     if (c == '\n') {
       if (!discarding_) {
         if (!partial_.empty() && partial_.back() == '\r') partial_.pop_back();
-        if (!partial_.empty()) lines.push_back(std::move(partial_));
+        // A line of the limit and one more character without a '\r' is too long.
+        if (!partial_.empty() && partial_.size() <= maxLine_) lines.push_back(std::move(partial_));
       }
       partial_.clear();
       discarding_ = false;

@@ -101,8 +101,13 @@ bool UpgradeAPI::TarnCoreAppSilentUpgrade(bool force) {
   Json::Value root;
   std::string errors;
   std::istringstream in(answer);
-  if (!Json::parseFromStream(builder, in, &root, &errors) || !root.isObject()) return false;
-  const Json::Value* info = root.find("updateAppInfo", "updateAppInfo" + std::strlen("updateAppInfo"));
+  try {
+    if (!Json::parseFromStream(builder, in, &root, &errors) || !root.isObject()) return false;
+  } catch (const Json::RuntimeError&) {
+    return false;  // nested deeper than the reader goes: no announcement
+  }
+  static constexpr char kInfoKey[] = "updateAppInfo";
+  const Json::Value* info = root.find(kInfoKey, kInfoKey + sizeof(kInfoKey) - 1);
   if (!info || !info->isObject()) return false;  // nothing newer
 
   const std::string packageUrl = Member(*info, "packageUrl");

@@ -359,6 +359,9 @@ void ServerCore::ReaderLoop(const std::shared_ptr<Connection>& conn) {
     }
     if (!keep) {
       Close(conn);
+      // Frames that came whole before the end or a bad header run, as they do
+      // when the pool reads the connection.
+      DeliverAll(frames);
       break;
     }
     if (frames.empty()) continue;

@@ -160,7 +160,6 @@ int HighFd(int fd) {
 
 std::shared_ptr<ZObject> StartSandbox(int execFd, const std::string& name, const std::string& method,
                                       std::chrono::milliseconds timeout) {
-  if (timeout > kMaxSandboxTimeout || timeout.count() <= 0) timeout = kMaxSandboxTimeout;
   int sv[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
     ZBRF_LOG(Error, "sandbox " << name << " socketpair failed, errno " << errno);
@@ -207,7 +206,13 @@ std::shared_ptr<ZObject> StartSandbox(int execFd, const std::string& name, const
     return nullptr;
   }
   ZBRF_LOG(Info, "sandbox " << name << " started, pid " << pid);
-  return std::make_shared<SandboxObject>(pid, hostEnd, timeout, name);
+  return SandboxOverChannel(hostEnd, pid, name, timeout);
+}
+
+std::shared_ptr<ZObject> SandboxOverChannel(int fd, pid_t pid, const std::string& name,
+                                            std::chrono::milliseconds timeout) {
+  if (timeout > kMaxSandboxTimeout || timeout.count() <= 0) timeout = kMaxSandboxTimeout;
+  return std::make_shared<SandboxObject>(pid, fd, timeout, name);
 }
 
 pid_t SandboxPid(const ZObject& object) {

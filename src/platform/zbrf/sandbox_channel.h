@@ -22,6 +22,11 @@ inline constexpr std::chrono::milliseconds kMaxSandboxTimeout{2000};
 std::shared_ptr<ZObject> StartSandbox(int execFd, const std::string& name, const std::string& method,
                                       std::chrono::milliseconds timeout);
 
+// The object over one end of a channel to a child already started (pid 0:
+// none to end), which takes the descriptor. StartSandbox ends with this.
+std::shared_ptr<ZObject> SandboxOverChannel(int fd, pid_t pid, const std::string& name,
+                                            std::chrono::milliseconds timeout);
+
 // Pid of the child behind a sandboxed object, 0 for any other object or once
 // the child has been ended.
 pid_t SandboxPid(const ZObject& object);
