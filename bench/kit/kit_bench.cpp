@@ -16,7 +16,6 @@
 // microseconds over all its clients, and throughput as items per second.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,7 +41,6 @@
 #include "platform/log/tarn_log.h"
 #include "platform/security/signature.h"
 #include "round_trip_stats.h"
-#include "raw_socket.h"
 
 namespace {
 
@@ -181,13 +179,8 @@ int main(int argc, char** argv) {
   }
 
   g_rawPath = g_root + "/raw.sock";
-  int listenFd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, g_rawPath.c_str(), sizeof(addr.sun_path) - 1);
-  if (::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || ::listen(listenFd, 64) != 0) {
-    return 1;
-  }
+  const int listenFd = tarn::bench::Listen(g_rawPath);
+  if (listenFd < 0) return 1;
   std::thread(tarn::bench::ServeRawPingPong, listenFd, g_requestFrame, g_responseFrame).detach();
 
   // The container's side is up with its kits loaded and nobody asking.
