@@ -2,10 +2,13 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/log/log_capture.h"
@@ -73,6 +76,90 @@ TEST(Log, FileUnderMachineRootReceivesLinesAndDirectoriesAreMade) {
   EXPECT_TRUE(TarnCreateDirbyLev(root.At("a/b/c"), 0));
   root.WriteFile("file", "x");
   EXPECT_FALSE(TarnCreateDirbyLev(root.At("file/sub"), 0));
+}
+
+std::vector<std::string> FileLines(const std::string& path) {
+  std::ifstream file(path);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(file, line);) lines.push_back(line);
+  return lines;
+}
+
+// Threads log at once, with lines far longer than most now and then, through
+// rotations: every line arrives once and whole, each thread's in its order,
+// and every file ends with a whole line within its size.
+TEST(Log, LinesOfManyThreadsArriveWholeAndInOrderAcrossRotations) {
+  tarn::test::TempRoot root;
+  tarn::log::Open("LogOrder", 10, 1);
+  constexpr int kThreads = 4, kLines = 12000;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kLines; ++i) {
+        const std::size_t filler = i % 2000 == 1999 ? 100000 : static_cast<std::size_t>(i % 97);
+        CLOGI("LogTest::Order", "t" << t << " n" << i << " " << std::string(filler, 'x'));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  FlushTarnLogFile();
+
+  namespace fs = std::filesystem;
+  std::vector<std::string> lines;
+  for (int file = 9; file >= 0; --file) {
+    const fs::path path = root.At("var/lib/Vantrel/TARNCORE/log/LogOrder" +
+                                  (file ? "." + std::to_string(file) : std::string()) + ".log");
+    if (!fs::exists(path)) continue;
+    EXPECT_LE(fs::file_size(path), 1024u * 1024u) << path;
+    const auto more = FileLines(path);
+    lines.insert(lines.end(), more.begin(), more.end());
+  }
+  // std::regex would recurse through a long line: the text is taken apart by hand.
+  const std::regex head(R"(\[.{23}\] \[\d+:\d+\] \[I\] \[container\] )");
+  const std::string tail = "(LogTest::Order)";
+  std::vector<int> next(kThreads, 0);
+  for (const auto& line : lines) {
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(line, m, head, std::regex_constants::match_continuous)) << line.substr(0, 200);
+    int t = -1, i = -1, used = 0;
+    ASSERT_EQ(std::sscanf(line.c_str() + m.length(), "t%d n%d %n", &t, &i, &used), 2) << line.substr(0, 200);
+    ASSERT_TRUE(t >= 0 && t < kThreads && line.ends_with(tail)) << line.substr(0, 200);
+    ASSERT_EQ(i, next[t]) << "thread " << t;
+    const std::string filler = line.substr(m.length() + used, line.size() - m.length() - used - tail.size());
+    EXPECT_EQ(filler, std::string(i % 2000 == 1999 ? 100000 : i % 97, 'x'));
+    ++next[t];
+  }
+  EXPECT_EQ(next, std::vector<int>(kThreads, kLines));
+}
+
+// A warning takes everything before it to the disk at once; lines still on
+// their way when the program ends are written at its exit.
+TEST(Log, WarningsAndTheProgramsExitWriteOutWhatWasLogged) {
+  tarn::test::TempRoot root;
+  tarn::log::Open("LogFlush", 2, 1);
+  CLOGI("LogTest::Flush", "before the warning");
+  CLOGW("LogTest::Flush", "the warning");
+  const auto lines = FileLines(tarn::log::LogFilePath());
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_TRUE(lines[0].ends_with("before the warning(LogTest::Flush)")) << lines[0];
+  EXPECT_TRUE(lines[1].ends_with("the warning(LogTest::Flush)")) << lines[1];
+
+  // The child runs this test again from its start, in a root of its own; it
+  // is told the parent's.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  ::setenv("TARN_LOG_TEST_ROOT", root.path().c_str(), 0);
+  EXPECT_EXIT(
+      {
+        ::setenv("TARNCORE_ROOT", std::getenv("TARN_LOG_TEST_ROOT"), 1);
+        tarn::log::Open("LogExit", 2, 1);
+        for (int i = 0; i < 100; ++i) CLOGI("LogTest::Exit", "line " << i);
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "");
+  ::unsetenv("TARN_LOG_TEST_ROOT");
+  const auto written = FileLines(root.At("var/lib/Vantrel/TARNCORE/log/LogExit.log"));
+  ASSERT_EQ(written.size(), 100u);
+  EXPECT_TRUE(written.back().ends_with("line 99(LogTest::Exit)")) << written.back();
 }
 
 }  // namespace
