@@ -217,6 +217,12 @@ class LineRing {
     const std::uint64_t start = tail_.load(std::memory_order_relaxed);
     std::uint64_t tail = start, zeroed = start;
     while (tail < until) {
+      // Drained room not yet handed back still holds its lines, and a record
+      // a ring's length further on lies in it: hand room back in halves.
+      if (tail - zeroed >= kSize / 2) {
+        Release(zeroed, tail);
+        zeroed = tail;
+      }
       std::uint64_t word = Word(tail).load(std::memory_order_acquire);
       if (word == 0) {
         // Its writer may be waiting for the room drained so far.
