@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
+#include <json/writer.h>
 
 #include <string>
 #include <vector>
@@ -157,6 +158,19 @@ TEST(ResponseBuilders, ErrorMessageTextAndHeadersAsTheTemplateRendersThem) {
     ResponseStatus st;
     st.resolution = st.error_reason = v;
     EXPECT_EQ(ConnectManager::GetResHeaderFromTemplate(any, st), ConnectManager::GetResHeader(any, st));
+    // And every rendering is the library writer's, for names as for texts.
+    Json::Value flat(Json::objectValue);
+    flat[v] = v;
+    flat["k" + v] = "x";
+    flat["z"] = v + v;
+    Json::Value mixed = flat;
+    mixed["n"] = 1;
+    for (const Json::Value& value : {flat, mixed, Json::Value(Json::objectValue), Json::Value(v)}) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+      EXPECT_EQ(ConnectManager::Render(value), Json::FastWriter().write(value));
+#pragma GCC diagnostic pop
+    }
   }
 }
 
