@@ -42,8 +42,7 @@ const std::string kGoodRequest =
 // Answers every request at once with an empty result, as the cheapest kit would.
 class AnsweringGates : public DefaultRequestGates {
  public:
-  void Invoke(const RequestHeader&, const ConvertedRequest&, ServerResCallBack* callback,
-              ResponseStatus&) override {
+  void Invoke(RequestHeader&, ConvertedRequest&, ServerResCallBack* callback, ResponseStatus&) override {
     std::string result = "{}";
     callback->Excute(result);
   }

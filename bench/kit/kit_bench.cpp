@@ -60,16 +60,14 @@ const std::string kEchoRequest =
 class KitGates : public DefaultRequestGates {
  public:
   bool IsInitComplete() override { return KitManagerApi::GetInstance().isInitComplete; }
-  void Invoke(const RequestHeader& header, const ConvertedRequest& request, ServerResCallBack* callback,
+  void Invoke(RequestHeader& header, ConvertedRequest& request, ServerResCallBack* callback,
               ResponseStatus& status) override {
     if (direct.load(std::memory_order_relaxed)) {
       std::string answer = "{\"echo\":" + request.body + "}";
       callback->Excute(answer);
       return;
     }
-    RequestHeader ownHeader = header;
-    ConvertedRequest ownRequest = request;
-    KitManagerApi::GetInstance().Invoke(ownHeader, ownRequest, callback, status);
+    KitManagerApi::GetInstance().Invoke(header, request, callback, status);
   }
   std::atomic<bool> direct{false};
 };

@@ -307,8 +307,9 @@ RequestHeader ConnectManager::GetReqHeader(const std::string& headerText, const 
 std::string ConnectManager::GetResHeader(const RequestHeader& header,
                                          const ResponseStatus& status) {
   // The template's keys are exactly the eleven set here, so the rendered
-  // object is these members in the library's key order, each value quoted by
-  // the library. A text with a zero byte inside takes the library's whole way.
+  // object is these members in the library's key order, each value quoted as
+  // the library quotes it. A text with a zero byte inside takes the library's
+  // whole way.
   const std::pair<const char*, const std::string*> members[] = {
       {"{\"api_name\":", &header.api_name},
       {",\"app_id\":", &header.app_id},
@@ -333,7 +334,7 @@ std::string ConnectManager::GetResHeader(const RequestHeader& header,
   out.reserve(size + 16);
   for (const auto& [prefix, value] : members) {
     out += prefix;
-    out += Json::valueToQuotedString(value->c_str());
+    AppendQuoted(out, value->data(), value->data() + value->size());
   }
   out += "}\n";
   return out;

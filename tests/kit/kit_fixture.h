@@ -134,11 +134,9 @@ class KitFixture : public EndpointTest {
 class KitGates : public DefaultRequestGates {
  public:
   bool IsInitComplete() override { return KitManagerApi::GetInstance().isInitComplete; }
-  void Invoke(const RequestHeader& header, const ConvertedRequest& request, ServerResCallBack* callback,
+  void Invoke(RequestHeader& header, ConvertedRequest& request, ServerResCallBack* callback,
               ResponseStatus& status) override {
-    RequestHeader ownHeader = header;
-    ConvertedRequest ownRequest = request;
-    KitManagerApi::GetInstance().Invoke(ownHeader, ownRequest, callback, status);
+    KitManagerApi::GetInstance().Invoke(header, request, callback, status);
   }
 };
 
