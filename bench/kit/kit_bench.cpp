@@ -9,7 +9,8 @@
 //   kit_bench [--benchmark_filter=...]
 //
 // Every log line of the container is written (info threshold, each line
-// formatted by its request thread into the file's buffer; KIT_BENCH_LOG=off
+// formatted by its request thread into the log's ring, written out in batches
+// by the log's thread; KIT_BENCH_LOG=off
 // turns the log off, for comparison only).
 // BM_PipelineOnlyEcho answers in the pipeline's seam without the kit runtime,
 // to tell the kit runtime's share from the endpoint's. Each variant reports p50 and p99 round-trip latency in

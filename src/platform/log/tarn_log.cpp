@@ -21,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <streambuf>
 #include <thread>
 
@@ -193,7 +194,11 @@ class LineRing {
   // Longer lines don't go through the ring.
   static constexpr std::size_t kMaxLine = kSize / 4;
 
-  LineRing() : words_(new std::uint64_t[kSize / kWord]()) {}
+  // Zeroed by calloc, which leaves the fresh pages untouched: a ring costs
+  // memory only as far as lines have reached.
+  LineRing() : words_(static_cast<std::uint64_t*>(std::calloc(kSize / kWord, kWord))) {
+    if (!words_) throw std::bad_alloc();
+  }
 
   // Reserves room, copies the line in and marks it complete. Returns the
   // position just past it.
@@ -256,7 +261,7 @@ class LineRing {
 
   char* Bytes() { return reinterpret_cast<char*>(words_.get()); }
   std::atomic_ref<std::uint64_t> Word(std::uint64_t position) {
-    return std::atomic_ref<std::uint64_t>(words_[Offset(position) / kWord]);
+    return std::atomic_ref<std::uint64_t>(words_.get()[Offset(position) / kWord]);
   }
 
   // Zeroes [from, to) and hands it back to writers.
@@ -285,7 +290,10 @@ class LineRing {
     }
   }
 
-  std::unique_ptr<std::uint64_t[]> words_;
+  struct Free {
+    void operator()(std::uint64_t* p) const { std::free(p); }
+  };
+  std::unique_ptr<std::uint64_t, Free> words_;
   std::atomic<std::uint64_t> head_{0};
   std::atomic<std::uint64_t> tail_{0};
   std::atomic<int> waiting_{0};
@@ -501,12 +509,9 @@ Line::~Line() {
 
 std::string_view Line::Text() const noexcept { return buffer_->text; }
 
-Line& Line::operator<<(const char* text) {
-  if (!text) {
-    *stream_ << text;  // what a stream does with a null text: it fails from here on
-    return *this;
-  }
-  return Append(std::string_view(text));
+Line& Line::AppendNull() {
+  *stream_ << static_cast<const char*>(nullptr);  // what a stream does with a null text: it fails from here on
+  return *this;
 }
 
 Line& Line::Append(std::string_view text) {

@@ -71,7 +71,8 @@ class Line {
   std::ostream& Stream() noexcept { return *stream_; }
   std::string_view Text() const noexcept;
 
-  Line& operator<<(const char* text);
+  // Inline, so that a literal's length is known where it is written.
+  Line& operator<<(const char* text) { return text ? Append(std::string_view(text)) : AppendNull(); }
   Line& operator<<(const std::string& text) { return Append(text); }
   Line& operator<<(std::string_view text) { return Append(text); }
   Line& operator<<(int value) { return Integer(value); }
@@ -96,6 +97,7 @@ class Line {
 
  private:
   Line& Append(std::string_view text);
+  Line& AppendNull();
   template <typename I>
   Line& Integer(I value) {
     char digits[24];
