@@ -9,7 +9,6 @@
 // writing to a log file.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -30,7 +29,6 @@
 #include "platform/log/tarn_log.h"
 #include "platform/security/security.h"
 #include "round_trip_stats.h"
-#include "raw_socket.h"
 
 namespace {
 
@@ -44,8 +42,7 @@ const std::string kGoodRequest =
 // Answers every request at once with an empty result, as the cheapest kit would.
 class AnsweringGates : public DefaultRequestGates {
  public:
-  void Invoke(const RequestHeader&, const ConvertedRequest&, ServerResCallBack* callback,
-              ResponseStatus&) override {
+  void Invoke(RequestHeader&, ConvertedRequest&, ServerResCallBack* callback, ResponseStatus&) override {
     std::string result = "{}";
     callback->Excute(result);
   }
@@ -144,14 +141,8 @@ int main(int argc, char** argv) {
   g_pongSize = 32 + answer.size() + 1;
 
   g_rawPath = g_root + "/raw.sock";
-  int listenFd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, g_rawPath.c_str(), sizeof(addr.sun_path) - 1);
-  if (::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-      ::listen(listenFd, 64) != 0) {
-    return 1;
-  }
+  const int listenFd = tarn::bench::Listen(g_rawPath);
+  if (listenFd < 0) return 1;
   std::thread(tarn::bench::ServeRawPingPong, listenFd, 32 + kEmptyRequest.size() + 1, g_pongSize).detach();
 
   benchmark::Initialize(&argc, argv);

@@ -8,12 +8,15 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <string>
 #include <mutex>
 #include <vector>
+
+#include "raw_socket.h"
 
 namespace tarn::bench {
 
@@ -96,5 +99,32 @@ class RoundTrips {
   double switchesAtStart_ = 0;
   std::uint64_t requests_ = 0;
 };
+
+// The raw ping-pong's client side: each iteration writes a request frame and
+// reads the answer.
+inline void RawPingPongClient(benchmark::State& state, const std::string& path, std::size_t requestSize,
+                              std::size_t responseSize, RoundTrips& samples) {
+  int fd = Connect(path);
+  if (fd < 0) {
+    state.SkipWithError("connect failed");
+    return;
+  }
+  std::vector<char> out(requestSize, 'r');
+  std::vector<char> in(responseSize);
+  samples.Start();
+  std::vector<double> micros;
+  micros.reserve(1 << 16);
+  for (auto _ : state) {
+    const auto start = std::chrono::steady_clock::now();
+    if (!WriteAll(fd, out.data(), out.size()) || !ReadAll(fd, in.data(), in.size())) {
+      state.SkipWithError("ping-pong broke");
+      break;
+    }
+    micros.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
+  }
+  ::close(fd);
+  state.SetItemsProcessed(state.iterations());
+  samples.Report(state, micros);
+}
 
 }  // namespace tarn::bench

@@ -4,6 +4,7 @@
 // the envelope: the pipeline catches it and leaves the caller without an
 // answer. Each shortcut must give what its long way gives.
 #include <json/value.h>
+#include <json/writer.h>
 
 #include <cstdint>
 #include <string>
@@ -42,6 +43,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)quiet;
 
   std::string text(tarn::fuzz::Bytes(data, size));
+
+  // The system's own renderer writes what the library's writer writes.
+  Json::Value any;
+  if (ConnectManager::Parse(text.data(), text.data() + text.size(), any)) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    Check(ConnectManager::Render(any) == Json::FastWriter().write(any), "rendering equals FastWriter's");
+#pragma GCC diagnostic pop
+  }
   TagIPCMessageItem item;
   item.messageCode = IpcRequestMessageCode;
   item.syncMessageId = -123;

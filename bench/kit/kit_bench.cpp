@@ -9,14 +9,14 @@
 //   kit_bench [--benchmark_filter=...]
 //
 // Every log line of the container is written (info threshold, each line
-// formatted by its request thread into the file's buffer; KIT_BENCH_LOG=off
+// formatted by its request thread into the log's ring, written out in batches
+// by the log's thread; KIT_BENCH_LOG=off
 // turns the log off, for comparison only).
 // BM_PipelineOnlyEcho answers in the pipeline's seam without the kit runtime,
 // to tell the kit runtime's share from the endpoint's. Each variant reports p50 and p99 round-trip latency in
 // microseconds over all its clients, and throughput as items per second.
 #include <benchmark/benchmark.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,7 +42,6 @@
 #include "platform/log/tarn_log.h"
 #include "platform/security/signature.h"
 #include "round_trip_stats.h"
-#include "raw_socket.h"
 
 namespace {
 
@@ -62,16 +61,14 @@ const std::string kEchoRequest =
 class KitGates : public DefaultRequestGates {
  public:
   bool IsInitComplete() override { return KitManagerApi::GetInstance().isInitComplete; }
-  void Invoke(const RequestHeader& header, const ConvertedRequest& request, ServerResCallBack* callback,
+  void Invoke(RequestHeader& header, ConvertedRequest& request, ServerResCallBack* callback,
               ResponseStatus& status) override {
     if (direct.load(std::memory_order_relaxed)) {
       std::string answer = "{\"echo\":" + request.body + "}";
       callback->Excute(answer);
       return;
     }
-    RequestHeader ownHeader = header;
-    ConvertedRequest ownRequest = request;
-    KitManagerApi::GetInstance().Invoke(ownHeader, ownRequest, callback, status);
+    KitManagerApi::GetInstance().Invoke(header, request, callback, status);
   }
   std::atomic<bool> direct{false};
 };
@@ -181,13 +178,8 @@ int main(int argc, char** argv) {
   }
 
   g_rawPath = g_root + "/raw.sock";
-  int listenFd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, g_rawPath.c_str(), sizeof(addr.sun_path) - 1);
-  if (::bind(listenFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || ::listen(listenFd, 64) != 0) {
-    return 1;
-  }
+  const int listenFd = tarn::bench::Listen(g_rawPath);
+  if (listenFd < 0) return 1;
   std::thread(tarn::bench::ServeRawPingPong, listenFd, g_requestFrame, g_responseFrame).detach();
 
   // The container's side is up with its kits loaded and nobody asking.

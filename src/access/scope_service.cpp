@@ -45,12 +45,12 @@ namespace {
 
 // One exchange: a fresh pair of parcels, the header and the caller's fields.
 template <class Fill>
-std::shared_ptr<ZParcel> Exchange(ZObject& remote, uint32_t code, Fill fill) {
+std::shared_ptr<ZParcel> Exchange(ZObject& remote, uint32_t code, Fill fill, uint32_t flags = 0) {
   auto data = ZParcel::CreateInstance();
   auto reply = ZParcel::CreateInstance();
   data->WriteHeader();
   fill(*data);
-  if (!remote.Transact(code, data, reply, 0)) return nullptr;
+  if (!remote.Transact(code, data, reply, flags)) return nullptr;
   return reply;
 }
 
@@ -114,9 +114,12 @@ bool ZpScopeService::CheckPermission(const std::string& appId, const std::string
   return true;
 }
 
+// Its reply is never read, so it is sent one-way: a request thread does not
+// wait for the service.
 bool ZpScopeService::SetLastCheckTime(const std::string& appId) {
   if (!remote_) return false;
-  return Exchange(*remote_, kSetLastCheckTime, [&](ZParcel& p) { p.WriteString(1, appId); }) != nullptr;
+  return Exchange(*remote_, kSetLastCheckTime, [&](ZParcel& p) { p.WriteString(1, appId); },
+                  tarn::zbrf::kFlagOneWay) != nullptr;
 }
 
 bool ZpScopeService::GetScopeByAppId(const std::string& appId, std::vector<std::shared_ptr<ScopeItem>>& items) {
@@ -133,7 +136,8 @@ bool ZpScopeService::GetScopeByAppId(const std::string& appId, std::vector<std::
 
 bool ZpScopeService::InvokeOpenGateway(const std::string& appId) {
   if (!remote_) return false;
-  return Exchange(*remote_, kInvokeOpenGateway, [&](ZParcel& p) { p.WriteString(1, appId); }) != nullptr;
+  return Exchange(*remote_, kInvokeOpenGateway, [&](ZParcel& p) { p.WriteString(1, appId); },
+                  tarn::zbrf::kFlagOneWay) != nullptr;
 }
 
 }  // namespace service

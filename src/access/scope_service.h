@@ -7,9 +7,9 @@
 //   1 CheckCertFingerprint  1 appId, 2 packageFingerprint      -> 1 int32 code
 //   2 CheckApiPermission    1 appId, 2 permission, 3 scopeUri  -> 1 bool
 //   3 CheckPermission       1 appId, 2 permission              -> 1 bool
-//   4 SetLastCheckTime      1 appId                            -> (not read)
+//   4 SetLastCheckTime      1 appId                            -> none (one-way)
 //   5 GetScopeByAppId       1 appId                            -> 1 ScopeItem, repeated
-//   6 InvokeOpenGateway     1 appId                            -> (not read)
+//   6 InvokeOpenGateway     1 appId                            -> none (one-way)
 #include <cstdint>
 #include <memory>
 #include <string>

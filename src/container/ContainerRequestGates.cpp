@@ -9,12 +9,9 @@
 
 bool ContainerRequestGates::IsInitComplete() { return KitManagerApi::GetInstance().isInitComplete; }
 
-void ContainerRequestGates::Invoke(const RequestHeader& header, const ConvertedRequest& request,
-                                   ServerResCallBack* callback, ResponseStatus& status) {
-  // The kit manager works on its own copies (it lower-cases the api name).
-  RequestHeader headerCopy = header;
-  ConvertedRequest requestCopy = request;
-  KitManagerApi::GetInstance().Invoke(headerCopy, requestCopy, callback, status);
+void ContainerRequestGates::Invoke(RequestHeader& header, ConvertedRequest& request, ServerResCallBack* callback,
+                                   ResponseStatus& status) {
+  KitManagerApi::GetInstance().Invoke(header, request, callback, status);
 }
 
 bool ContainerRequestGates::VerifyEnabled() { return ConfigManager::GetInstance().verifyEnabled; }

@@ -16,8 +16,8 @@ class ContainerRequestGates : public AccessRequestGates {
   // KitManagerApi's "init complete".
   bool IsInitComplete() override;
   // KitManagerApi::Invoke.
-  void Invoke(const RequestHeader& header, const ConvertedRequest& request,
-              ServerResCallBack* callback, ResponseStatus& status) override;
+  void Invoke(RequestHeader& header, ConvertedRequest& request, ServerResCallBack* callback,
+              ResponseStatus& status) override;
   // ConfigManager::verifyEnabled.
   bool VerifyEnabled() override;
   // EvManager::RecordApiCall.

@@ -3,12 +3,16 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <functional>
 #include <memory>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "pipeline/ServerResCallBack.h"
 #include "platform/log/tarn_log.h"
@@ -26,30 +30,45 @@ bool HasKey(const std::string& text, const char* quotedKey) {
   return ::memmem(text.data(), text.size(), quotedKey, std::strlen(quotedKey)) != nullptr;
 }
 
-// Which of up to 32 quoted keys occur in text, as bits in their order: the
-// same answers as HasKey for each, from one pass over the text's quote marks,
-// since every occurrence of a quoted key starts at one.
-template <std::size_t N>
-std::uint32_t PresentKeys(const std::string& text, const char* const (&quotedKeys)[N]) {
-  static_assert(N > 0 && N < 32);
-  std::size_t lengths[N];
-  for (std::size_t i = 0; i < N; ++i) lengths[i] = std::strlen(quotedKeys[i]);
-  const std::uint32_t all = (1u << N) - 1;
-  std::uint32_t found = 0;
-  const char* p = text.data();
-  const char* const end = p + text.size();
-  while (found != all && p < end) {
-    const char* q = static_cast<const char*>(std::memchr(p, '"', static_cast<std::size_t>(end - p)));
-    if (!q) break;
-    const std::size_t left = static_cast<std::size_t>(end - q);
+// Which of a few quoted keys occur in a text, as bits in their order: the same
+// answers as HasKey for each, from one pass over the text's quote marks, since
+// every occurrence of a quoted key starts at one. At each mark only the keys
+// whose name starts with the character after it are compared.
+class KeyTest {
+ public:
+  template <std::size_t N>
+  explicit KeyTest(const char* const (&quotedKeys)[N]) : keys_(quotedKeys, quotedKeys + N) {
+    static_assert(N > 0 && N < 32);
     for (std::size_t i = 0; i < N; ++i) {
-      if ((found & (1u << i)) || lengths[i] > left || q[1] != quotedKeys[i][1]) continue;
-      if (std::memcmp(q, quotedKeys[i], lengths[i]) == 0) found |= 1u << i;
+      lengths_[i] = std::strlen(quotedKeys[i]);
+      byFirst_[static_cast<unsigned char>(quotedKeys[i][1])] |= 1u << i;
     }
-    p = q + 1;
   }
-  return found;
-}
+
+  std::uint32_t Present(const std::string& text) const {
+    const std::uint32_t all = (1u << keys_.size()) - 1;
+    std::uint32_t found = 0;
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    while (found != all && p < end) {
+      const char* q = static_cast<const char*>(std::memchr(p, '"', static_cast<std::size_t>(end - p)));
+      if (!q || q + 1 == end) break;
+      const std::size_t left = static_cast<std::size_t>(end - q);
+      for (std::uint32_t candidates = byFirst_[static_cast<unsigned char>(q[1])] & ~found; candidates;
+           candidates &= candidates - 1) {
+        const int i = std::countr_zero(candidates);
+        if (lengths_[i] <= left && std::memcmp(q, keys_[i], lengths_[i]) == 0) found |= 1u << i;
+      }
+      p = q + 1;
+    }
+    return found;
+  }
+
+ private:
+  std::vector<const char*> keys_;
+  std::size_t lengths_[32] = {};
+  std::uint32_t byFirst_[256] = {};
+};
 
 bool ParseText(const std::string& text, Json::Value& root) {
   return ConnectManager::Parse(text.data(), text.data() + text.size(), root);
@@ -98,11 +117,58 @@ bool ConnectManager::Parse(const char* begin, const char* end, Json::Value& root
   }
 }
 
+namespace {
+
+// Appends a text (no zero byte inside) quoted as the library quotes it. Text
+// that needs no escape is quoted as it is; the library does the rest.
+void AppendQuoted(std::string& out, const char* begin, const char* end) {
+  const bool plain = std::all_of(begin, end, [](unsigned char c) {
+    return c >= 0x20 && c <= 0x7F && c != '"' && c != '\\';
+  });
+  if (plain) {
+    out += '"';
+    out.append(begin, end);
+    out += '"';
+  } else {
+    out += Json::valueToQuotedString(std::string(begin, end).c_str());
+  }
+}
+
+// FastWriter's text of an object whose members are all strings (a request's
+// header, most bodies, every answer's header), made without the writer's copy
+// of each member's name and look-up by it: the members in the map's order,
+// which is the order the writer takes them in. False for any other value and
+// for a zero byte inside a name or a text; the writer itself renders those.
+bool RenderFlatObject(const Json::Value& value, std::string& out) {
+  if (!value.isObject()) return false;
+  out = "{";
+  for (auto it = value.begin(); it != value.end(); ++it) {
+    const char* keyEnd = nullptr;
+    const char* key = it.memberName(&keyEnd);
+    const char* text = nullptr;
+    const char* textEnd = nullptr;
+    if (!it->isString() || !it->getString(&text, &textEnd) || std::memchr(key, 0, keyEnd - key) ||
+        std::memchr(text, 0, textEnd - text)) {
+      return false;
+    }
+    if (it != value.begin()) out += ',';
+    AppendQuoted(out, key, keyEnd);
+    out += ':';
+    AppendQuoted(out, text, textEnd);
+  }
+  out += "}\n";
+  return true;
+}
+
+}  // namespace
+
 // FastWriter is what the system renders with (one line, a line feed at the
 // end); jsoncpp marks it deprecated in favour of StreamWriterBuilder.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 std::string ConnectManager::Render(const Json::Value& value) {
+  std::string text;
+  if (RenderFlatObject(value, text)) return text;
   thread_local Json::FastWriter writer;
   return writer.write(value);
 }
@@ -127,7 +193,8 @@ ConvertedRequest ConnectManager::ConvertRequest(ServerResCallBack& callback, Res
   }
   static constexpr const char* kKeys[] = {"\"header\"",   "\"api_name\"",    "\"apiLevel\"",
                                           "\"srv_name\"", "\"sdk_version\"", "\"body\""};
-  const std::uint32_t present = PresentKeys(text, kKeys);
+  static const KeyTest keyTest(kKeys);
+  const std::uint32_t present = keyTest.Present(text);
   auto has = [present](int index) { return (present & (1u << index)) != 0; };
   if (has(0)) {
     Json::Value& header = root["header"];
@@ -212,14 +279,28 @@ RequestHeader ConnectManager::GetReqHeader(const std::string& headerText, const 
       kHeaderFields[6].quotedKey, kHeaderFields[7].quotedKey, kHeaderFields[8].quotedKey,
       kHeaderFields[9].quotedKey, kHeaderFields[10].quotedKey};
   static_assert(std::size(kQuotedKeys) == std::size(kHeaderFields));
-  const std::uint32_t present = PresentKeys(headerText, kQuotedKeys);
-  RequestHeader header;
+  static const KeyTest keyTest(kQuotedKeys);
+  const std::uint32_t present = keyTest.Present(headerText);
+  // The members, found in one walk over the object instead of a look-up each.
   const Json::Value& root = parsed.header;
+  const Json::Value* members[std::size(kHeaderFields)] = {};
+  for (auto it = root.begin(); it != root.end(); ++it) {
+    const char* nameEnd = nullptr;
+    const char* nameBegin = it.memberName(&nameEnd);
+    const std::string_view name(nameBegin, static_cast<std::size_t>(nameEnd - nameBegin));
+    for (std::size_t i = 0; i < std::size(kHeaderFields); ++i) {
+      if (name == kHeaderFields[i].key) {
+        members[i] = &*it;
+        break;
+      }
+    }
+  }
+  RequestHeader header;
   for (std::size_t i = 0; i < std::size(kHeaderFields); ++i) {
     // A present key with a missing or non-string member throws, as it would
     // from the text: the types survive the round trip.
     const HeaderField& f = kHeaderFields[i];
-    if (present & (1u << i)) header.*f.field = root[f.key].asCString();
+    if (present & (1u << i)) header.*f.field = (members[i] ? *members[i] : root[f.key]).asCString();
   }
   for (const HeaderField& f : kHeaderFields) {
     if (!IsAscii(header.*f.field)) return GetReqHeader(headerText, status);
@@ -230,8 +311,9 @@ RequestHeader ConnectManager::GetReqHeader(const std::string& headerText, const 
 std::string ConnectManager::GetResHeader(const RequestHeader& header,
                                          const ResponseStatus& status) {
   // The template's keys are exactly the eleven set here, so the rendered
-  // object is these members in the library's key order, each value quoted by
-  // the library. A text with a zero byte inside takes the library's whole way.
+  // object is these members in the library's key order, each value quoted as
+  // the library quotes it. A text with a zero byte inside takes the library's
+  // whole way.
   const std::pair<const char*, const std::string*> members[] = {
       {"{\"api_name\":", &header.api_name},
       {",\"app_id\":", &header.app_id},
@@ -256,7 +338,7 @@ std::string ConnectManager::GetResHeader(const RequestHeader& header,
   out.reserve(size + 16);
   for (const auto& [prefix, value] : members) {
     out += prefix;
-    out += Json::valueToQuotedString(value->c_str());
+    AppendQuoted(out, value->data(), value->data() + value->size());
   }
   out += "}\n";
   return out;

@@ -44,8 +44,7 @@ void RequestGates::Install(RequestGates* gates) {
 
 bool DefaultRequestGates::IsInitComplete() { return true; }
 
-void DefaultRequestGates::Invoke(const RequestHeader&, const ConvertedRequest&, ServerResCallBack*,
-                                 ResponseStatus& status) {
+void DefaultRequestGates::Invoke(RequestHeader&, ConvertedRequest&, ServerResCallBack*, ResponseStatus& status) {
   SetResponseStatus(status, TarnStatus::kApiNotSupported);
 }
 

@@ -41,9 +41,11 @@ class RequestGates {
   virtual bool IsInitComplete() = 0;
   // KitManagerApi::Invoke: leaves status at "0" when it has taken the request
   // (the answer may already have gone and callback may be deleted); otherwise
-  // writes the failure to status and must not have answered the client.
-  virtual void Invoke(const RequestHeader& header, const ConvertedRequest& request,
-                      ServerResCallBack* callback, ResponseStatus& status) = 0;
+  // writes the failure to status and must not have answered the client. The
+  // records are the caller's own, which it doesn't read afterwards: the kit
+  // manager works on them (it lower-cases the api name) instead of copies.
+  virtual void Invoke(RequestHeader& header, ConvertedRequest& request, ServerResCallBack* callback,
+                      ResponseStatus& status) = 0;
   // KitManagerApi::IsTarnCorerequest: a call from the platform's own executables.
   virtual bool IsTarnCorerequest(uint32_t processId, const RequestHeader& header) = 0;
   // ConfigManager::verifyEnabled.
@@ -65,8 +67,8 @@ class RequestGates {
 class DefaultRequestGates : public RequestGates {
  public:
   bool IsInitComplete() override;
-  void Invoke(const RequestHeader& header, const ConvertedRequest& request,
-              ServerResCallBack* callback, ResponseStatus& status) override;
+  void Invoke(RequestHeader& header, ConvertedRequest& request, ServerResCallBack* callback,
+              ResponseStatus& status) override;
   bool IsTarnCorerequest(uint32_t processId, const RequestHeader& header) override;
   bool VerifyEnabled() override;
   int CheckCertFingerprint(const std::string& clientId, uint32_t processId,

@@ -70,11 +70,9 @@ class RecordingServices : public tarn::framework::FrameworkServices {
 
 class KitManagerGates : public DefaultRequestGates {
  public:
-  void Invoke(const RequestHeader& header, const ConvertedRequest& request, ServerResCallBack* callback,
+  void Invoke(RequestHeader& header, ConvertedRequest& request, ServerResCallBack* callback,
               ResponseStatus& status) override {
-    RequestHeader ownHeader = header;
-    ConvertedRequest ownRequest = request;
-    KitManagerApi::GetInstance().Invoke(ownHeader, ownRequest, callback, status);
+    KitManagerApi::GetInstance().Invoke(header, request, callback, status);
   }
 };
 

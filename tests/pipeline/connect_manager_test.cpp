@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <json/value.h>
+#include <json/writer.h>
 
 #include <string>
 #include <vector>

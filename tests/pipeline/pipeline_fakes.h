@@ -42,8 +42,8 @@ class FakeGates : public DefaultRequestGates {
                                       ServerResCallBack*, ResponseStatus&)>;
 
   bool IsInitComplete() override { return initComplete(); }
-  void Invoke(const RequestHeader& header, const ConvertedRequest& request,
-              ServerResCallBack* callback, ResponseStatus& status) override {
+  void Invoke(RequestHeader& header, ConvertedRequest& request, ServerResCallBack* callback,
+              ResponseStatus& status) override {
     InvokeFn fn;
     {
       std::lock_guard lock(mutex);

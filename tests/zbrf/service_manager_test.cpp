@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -34,7 +35,7 @@ const char* kInfo = R"({ "services": [
 // A test service's reply: field 1 is a text (echo) or a number (a probe's errno).
 struct Answer {
   bool ok = false;
-  std::string text;
+  std::string text, previous;
   int32_t number = -1, pid = 0, flags = -1;
 };
 
@@ -54,6 +55,7 @@ Answer Call(ZObject& object, uint32_t code, const std::string& text = "", uint32
       case 1: (tag & 7) == 2 ? reply->ReadString(a.text) : reply->ReadInt32(a.number); break;
       case 2: reply->ReadInt32(a.pid); break;
       case 3: reply->ReadInt32(a.flags); break;
+      case 4: reply->ReadString(a.previous); break;
       default: reply->SkipField(tag);
     }
   }
@@ -151,9 +153,16 @@ TEST_F(ServiceManagerTest, ASandboxedServiceAnswersFromItsOwnProcess) {
   ASSERT_TRUE(object);
   const pid_t child = SandboxPid(*object);
   EXPECT_GT(child, 0);
-  Answer a = Call(*object, kEcho, "hello", 77);
+  Answer a = Call(*object, kEcho, "hello", 76);
   EXPECT_TRUE(a.ok);
-  EXPECT_EQ(std::tuple(a.text, a.pid, a.flags), std::tuple("hello", child, 77));
+  EXPECT_EQ(std::tuple(a.text, a.pid, a.flags), std::tuple("hello", child, 76));
+  // A one-way request is served in its turn and answers nothing: the next
+  // call gets its own reply.
+  a = Call(*object, kEcho, "one-way", tarn::zbrf::kFlagOneWay);
+  EXPECT_TRUE(a.ok);
+  EXPECT_EQ(a.text, "");
+  a = Call(*object, kEcho, "after");
+  EXPECT_EQ(std::tuple(a.text, a.previous), std::tuple("after", "one-way"));
   // A refusal by the service is an answer like any other: the next call works.
   EXPECT_FALSE(Call(*object, kRefuse).ok);
   EXPECT_EQ(Call(*object, kEcho, std::string(100000, 'x')).text.size(), 100000u);
@@ -183,6 +192,18 @@ TEST_F(ServiceManagerTest, AServiceThatDiesHangsOrTalksGarbageIsEndedForGood) {
        [](ZObject& o) {
          ASSERT_EQ(::kill(SandboxPid(o), SIGKILL), 0);
          EXPECT_FALSE(Call(o, kEcho, "x").ok);
+       },
+       0ms, 1500ms},
+      {"killed, then asked one-way",
+       [](ZObject& o) {
+         const pid_t pid = SandboxPid(o);
+         ASSERT_EQ(::kill(pid, SIGKILL), 0);
+         siginfo_t info{};
+         do {  // until it has died (and closed its end), without reaping it
+           std::this_thread::sleep_for(1ms);
+           ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT | WNOHANG), 0);
+         } while (info.si_pid == 0);
+         EXPECT_FALSE(Call(o, kEcho, "x", tarn::zbrf::kFlagOneWay).ok);
        },
        0ms, 1500ms},
       {"garbage", [](ZObject& o) { EXPECT_FALSE(Call(o, kGarbage).ok); }, 0ms, 1500ms},

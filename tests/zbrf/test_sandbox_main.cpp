@@ -46,12 +46,16 @@ class TestService : public tarn::zbrf::ZObject {
                   uint32_t flags) override {
     using namespace zbrf_test;
     switch (code) {
-      case kEcho:
+      case kEcho: {
+        std::string text = FirstString(*data);
         reply->WriteStatus(0);
-        reply->WriteString(1, FirstString(*data));
+        reply->WriteString(1, text);
         reply->WriteInt32(2, static_cast<int32_t>(::getpid()));
         reply->WriteInt32(3, static_cast<int32_t>(flags));
+        reply->WriteString(4, previous_);
+        previous_ = std::move(text);
         return true;
+      }
       case kHang: HangForever(); return false;
       case kGarbage: WriteRaw("\x07garbage that is no frame"); return true;
       case kTrailingGarbage: WriteRaw(frame::EncodeReply(true, "ok") + "unasked"); return true;
@@ -73,6 +77,9 @@ class TestService : public tarn::zbrf::ZObject {
       default: return false;
     }
   }
+
+ private:
+  std::string previous_;  // the text of the echo before
 };
 
 // Makes a process, which the sandbox forbids, then refuses whatever it is asked.

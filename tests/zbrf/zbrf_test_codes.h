@@ -5,7 +5,8 @@
 namespace zbrf_test {
 
 enum : uint32_t {
-  kEcho = 1,             // reply: 1 the request's field 1, 2 the server's pid, 3 the flags
+  kEcho = 1,             // reply: 1 the request's field 1, 2 the server's pid, 3 the flags,
+                         //        4 the field 1 of the echo before
   kHang = 2,             // never answers
   kGarbage = 3,          // writes bytes that are no frame
   kTrailingGarbage = 4,  // a good reply followed by unasked bytes

@@ -1,25 +1,29 @@
 #include "platform/log/tarn_log.h"
 
-#include <spdlog/details/fmt_helper.h>
+#include <poll.h>
+#include <pthread.h>
 #include <spdlog/details/os.h>
-#include <spdlog/sinks/base_sink-inl.h>  // the templates, for a lock of our own
-#include <spdlog/sinks/rotating_file_sink-inl.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/spdlog.h>
-#include <pthread.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <streambuf>
 #include <thread>
-#include <vector>
 
 #include "platform/os/places.h"
 
@@ -93,6 +97,57 @@ class Line::Buffer : public std::streambuf {
 
 namespace {
 
+// A line as the file has it: "[%Y-%m-%d %H:%M:%S.%e] [<pid>:%t] [%L] [<tag>] ",
+// the text and a line feed, formed in one pass. The date part is kept per
+// second of a thread's lines; the pid is text made once, as asking the kernel
+// per line would cost a system call.
+class LineFormat {
+ public:
+  void Format(const spdlog::details::log_msg& msg, std::string_view pidPart, spdlog::memory_buf_t& dest) {
+    const auto sinceEpoch = msg.time.time_since_epoch();
+    const auto second = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
+    if (second != second_ || dateSize_ == 0) {
+      const std::tm tm = spdlog::details::os::localtime(spdlog::log_clock::to_time_t(msg.time));
+      int n = std::snprintf(date_, sizeof(date_), "[%d-%02d-%02d %02d:%02d:%02d.", tm.tm_year + 1900,
+                            tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+      dateSize_ = n > 0 ? std::min(static_cast<std::size_t>(n), sizeof(date_) - 1) : 0;
+      second_ = second;
+    }
+    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch - second).count();
+    char thread[24];
+    const std::size_t threadSize =
+        static_cast<std::size_t>(std::to_chars(thread, thread + sizeof(thread), msg.thread_id).ptr - thread);
+    const std::string_view level = spdlog::level::to_short_c_str(msg.level);
+    const std::string_view eol = spdlog::details::os::default_eol;
+
+    dest.resize(dateSize_ + 3 + pidPart.size() + threadSize + 3 + level.size() + 3 + msg.logger_name.size() + 2 +
+                msg.payload.size() + eol.size());
+    char* p = dest.data();
+    auto put = [&p](const char* text, std::size_t size) {
+      std::memcpy(p, text, size);
+      p += size;
+    };
+    put(date_, dateSize_);
+    *p++ = static_cast<char>('0' + millis / 100);
+    *p++ = static_cast<char>('0' + millis / 10 % 10);
+    *p++ = static_cast<char>('0' + millis % 10);
+    put(pidPart.data(), pidPart.size());
+    put(thread, threadSize);
+    put("] [", 3);
+    put(level.data(), level.size());
+    put("] [", 3);
+    put(msg.logger_name.data(), msg.logger_name.size());  // the tag
+    put("] ", 2);
+    put(msg.payload.data(), msg.payload.size());
+    put(eol.data(), eol.size());
+  }
+
+ private:
+  std::chrono::seconds second_{0};
+  char date_[64] = {};
+  std::size_t dateSize_ = 0;
+};
+
 // What a thread reuses from line to line. Threads may log from the destructors
 // of other thread-local objects, after this one is gone: `t_scratchGone` (with
 // no destructor of its own) tells them to make do with locals then.
@@ -100,16 +155,13 @@ struct Scratch {
   ~Scratch() {
     delete line;
     line = nullptr;
-    formatter.reset();
     t_scratchGone = true;
   }
   static thread_local bool t_scratchGone;
 
   Line::Buffer* line = nullptr;
-  std::string payload;
   spdlog::memory_buf_t formatted;
-  std::unique_ptr<spdlog::formatter> formatter;
-  std::uint64_t formatterOwner = 0;
+  LineFormat format;
 };
 thread_local bool Scratch::t_scratchGone = false;
 
@@ -126,72 +178,130 @@ Scratch* ThreadScratch() {
   return &scratch;
 }
 
-// The file's lock. Its holders only copy a line (now and then they write the
-// buffer out), so a thread that finds it taken spins a little before it
-// sleeps: on two cores that saves a futex wait and wake per collision.
-class SpinThenSleepMutex {
+// Lines on their way to the file, in the order their writers reserved room.
+// A writer reserves room with one atomic add, copies its line in and marks it
+// complete; whoever drains (the log's own thread, or the writer of a warning)
+// takes complete lines from the tail in that order. So a thread that logs
+// waits neither for a lock nor for the disk; only a full ring (the disk that
+// far behind) makes it wait for room.
+//
+// A record is an 8-byte word, 0 until the line is complete and then its length
+// plus one, followed by the line, padded to 8 bytes. Drained room is zeroed
+// before it is handed back, so a record's word reads 0 until its writer is done.
+class LineRing {
  public:
-  SpinThenSleepMutex() {
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ADAPTIVE_NP);
-    pthread_mutex_init(&mutex_, &attr);
-    pthread_mutexattr_destroy(&attr);
+  static constexpr std::uint64_t kSize = 256 * 1024;  // a power of two
+  // Longer lines don't go through the ring.
+  static constexpr std::size_t kMaxLine = kSize / 4;
+
+  // Zeroed by calloc, which leaves the fresh pages untouched: a ring costs
+  // memory only as far as lines have reached.
+  LineRing() : words_(static_cast<std::uint64_t*>(std::calloc(kSize / kWord, kWord))) {
+    if (!words_) throw std::bad_alloc();
   }
-  ~SpinThenSleepMutex() { pthread_mutex_destroy(&mutex_); }
-  SpinThenSleepMutex(const SpinThenSleepMutex&) = delete;
-  SpinThenSleepMutex& operator=(const SpinThenSleepMutex&) = delete;
-  void lock() { pthread_mutex_lock(&mutex_); }
-  void unlock() { pthread_mutex_unlock(&mutex_); }
 
- private:
-  pthread_mutex_t mutex_;
-};
+  // Reserves room, copies the line in and marks it complete. Returns the
+  // position just past it.
+  std::uint64_t Put(const char* line, std::size_t size) {
+    const std::uint64_t length = Padded(size);
+    const std::uint64_t at = head_.fetch_add(length, std::memory_order_relaxed);
+    WaitForRoom(at + length);
+    const std::size_t body = Offset(at + kWord);
+    const std::size_t first = std::min<std::size_t>(size, kSize - body);
+    std::memcpy(Bytes() + body, line, first);
+    std::memcpy(Bytes(), line + first, size - first);
+    Word(at).store(size + 1, std::memory_order_release);
+    return at + length;
+  }
 
-using RotatingFile = spdlog::sinks::rotating_file_sink<SpinThenSleepMutex>;
-
-// The file's line: "[%Y-%m-%d %H:%M:%S.%e] [<pid>:%t] [%L] %v" and a line
-// feed, formed directly. The container writes over a dozen lines per request,
-// and spdlog's general pattern engine spent most of a line's cost walking its
-// list of flags; the date part is kept per second of a thread's lines. The pid
-// is text made once: asking the kernel per line would cost a system call.
-class LineFormatter final : public spdlog::formatter {
- public:
-  explicit LineFormatter(std::string pid) : pid_(std::move(pid)), pidPart_("] [" + pid_ + ":") {}
-
-  void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override {
-    using spdlog::details::fmt_helper::append_string_view;
-    const auto sinceEpoch = msg.time.time_since_epoch();
-    const auto second = std::chrono::duration_cast<std::chrono::seconds>(sinceEpoch);
-    if (second != second_ || dateSize_ == 0) {
-      const std::tm tm = spdlog::details::os::localtime(spdlog::log_clock::to_time_t(msg.time));
-      int n = std::snprintf(date_, sizeof(date_), "[%d-%02d-%02d %02d:%02d:%02d.", tm.tm_year + 1900,
-                            tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-      dateSize_ = n > 0 ? std::min(static_cast<std::size_t>(n), sizeof(date_) - 1) : 0;
-      second_ = second;
+  // Appends the lines from the tail up to `until` (a position Put returned, or
+  // the head) to out, in order, and hands their room back. A line reserved
+  // before `until` whose writer is still copying it in is waited for. One
+  // thread drains at a time.
+  void Take(std::uint64_t until, std::string& out) {
+    const std::uint64_t start = tail_.load(std::memory_order_relaxed);
+    std::uint64_t tail = start, zeroed = start;
+    while (tail < until) {
+      // Drained room not yet handed back still holds its lines, and a record
+      // a ring's length further on lies in it: hand room back in halves.
+      if (tail - zeroed >= kSize / 2) {
+        Release(zeroed, tail);
+        zeroed = tail;
+      }
+      std::uint64_t word = Word(tail).load(std::memory_order_acquire);
+      if (word == 0) {
+        // Its writer may be waiting for the room drained so far.
+        Release(zeroed, tail);
+        zeroed = tail;
+        while ((word = Word(tail).load(std::memory_order_acquire)) == 0) std::this_thread::yield();
+      }
+      const std::size_t size = static_cast<std::size_t>(word - 1);
+      const std::size_t body = Offset(tail + kWord);
+      const std::size_t first = std::min<std::size_t>(size, kSize - body);
+      out.append(Bytes() + body, first);
+      out.append(Bytes(), size - first);
+      tail += Padded(size);
     }
-    dest.append(date_, date_ + dateSize_);
-    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(sinceEpoch - second).count();
-    spdlog::details::fmt_helper::pad3(static_cast<std::uint32_t>(millis), dest);
-    append_string_view(pidPart_, dest);
-    spdlog::details::fmt_helper::append_int(msg.thread_id, dest);
-    append_string_view("] [", dest);
-    append_string_view(spdlog::level::to_short_c_str(msg.level), dest);
-    append_string_view("] ", dest);
-    dest.append(msg.payload.begin(), msg.payload.end());
-    append_string_view(spdlog::details::os::default_eol, dest);
+    Release(zeroed, tail);
   }
-  std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<LineFormatter>(pid_); }
+
+  std::uint64_t Head() const { return head_.load(std::memory_order_acquire); }
+  // Bytes reserved and not yet drained.
+  std::uint64_t Pending() const {
+    return head_.load(std::memory_order_relaxed) - tail_.load(std::memory_order_relaxed);
+  }
+
+  // Called when a writer has to wait for room, to wake the drainer.
+  std::function<void()> needRoom;
 
  private:
-  const std::string pid_;
-  const std::string pidPart_;
-  std::chrono::seconds second_{0};
-  char date_[64] = {};
-  std::size_t dateSize_ = 0;
+  static constexpr std::uint64_t kWord = 8;
+  static std::uint64_t Padded(std::size_t size) { return kWord + ((size + kWord - 1) & ~(kWord - 1)); }
+  static std::size_t Offset(std::uint64_t position) { return static_cast<std::size_t>(position & (kSize - 1)); }
+
+  char* Bytes() { return reinterpret_cast<char*>(words_.get()); }
+  std::atomic_ref<std::uint64_t> Word(std::uint64_t position) {
+    return std::atomic_ref<std::uint64_t>(words_.get()[Offset(position) / kWord]);
+  }
+
+  // Zeroes [from, to) and hands it back to writers.
+  void Release(std::uint64_t from, std::uint64_t to) {
+    if (from == to) return;
+    const std::size_t at = Offset(from);
+    const std::size_t first = static_cast<std::size_t>(std::min<std::uint64_t>(to - from, kSize - at));
+    std::memset(Bytes() + at, 0, first);
+    std::memset(Bytes(), 0, static_cast<std::size_t>(to - from - first));
+    tail_.store(to, std::memory_order_seq_cst);
+    if (waiting_.load(std::memory_order_seq_cst) > 0) tail_.notify_all();
+  }
+
+  void WaitForRoom(std::uint64_t end) {
+    for (int spins = 0;; ++spins) {
+      const std::uint64_t tail = tail_.load(std::memory_order_seq_cst);
+      if (end - tail <= kSize) return;
+      if (spins < 64) {
+        std::this_thread::yield();
+        continue;
+      }
+      waiting_.fetch_add(1, std::memory_order_seq_cst);
+      if (needRoom) needRoom();
+      tail_.wait(tail, std::memory_order_seq_cst);
+      waiting_.fetch_sub(1, std::memory_order_seq_cst);
+    }
+  }
+
+  struct Free {
+    void operator()(std::uint64_t* p) const { std::free(p); }
+  };
+  std::unique_ptr<std::uint64_t, Free> words_;
+  std::atomic<std::uint64_t> head_{0};
+  std::atomic<std::uint64_t> tail_{0};
+  std::atomic<int> waiting_{0};
 };
 
-// Hands the rotating file a line that is already formatted.
+using RotatingFile = spdlog::sinks::rotating_file_sink_st;
+
+// Hands the rotating file text that is already formatted.
 class Verbatim final : public spdlog::formatter {
  public:
   void format(const spdlog::details::log_msg& msg, spdlog::memory_buf_t& dest) override {
@@ -200,75 +310,23 @@ class Verbatim final : public spdlog::formatter {
   std::unique_ptr<spdlog::formatter> clone() const override { return std::make_unique<Verbatim>(); }
 };
 
-// The log file. Each thread formats its lines with its own copy of the
-// pattern before it takes the file's lock, so the lock covers only the copy
-// into the file's buffer (and, now and then, a write or a rotation). Lines of
-// one thread stay in their order, and a line is in the file's buffer before
-// its Write returns.
-class FileSink final : public spdlog::sinks::sink {
- public:
-  FileSink(const std::string& path, std::size_t maxSize, std::size_t maxFiles,
-           std::unique_ptr<spdlog::formatter> line)
-      : id_(NextId()), pattern_(std::move(line)) {
-    // A larger buffer than stdio's own means one write(2) per many lines.
-    auto buffer = std::make_shared<std::vector<char>>(64 * 1024);
-    spdlog::file_event_handlers handlers;
-    handlers.after_open = [buffer](const spdlog::filename_t&, std::FILE* file) {
-      std::setvbuf(file, buffer->data(), _IOFBF, buffer->size());
-    };
-    file_ = std::make_shared<RotatingFile>(path, maxSize, maxFiles, false, handlers);
-    file_->set_formatter(std::make_unique<Verbatim>());
-  }
-
-  void log(const spdlog::details::log_msg& msg) override {
-    Scratch* scratch = ThreadScratch();
-    std::unique_ptr<spdlog::formatter> ownFormatter;
-    spdlog::memory_buf_t ownBuffer;
-    spdlog::formatter* formatter;
-    spdlog::memory_buf_t* out;
-    if (scratch) {
-      if (scratch->formatterOwner != id_) {
-        scratch->formatter = pattern_->clone();
-        scratch->formatterOwner = id_;
-      }
-      formatter = scratch->formatter.get();
-      out = &scratch->formatted;
-    } else {
-      ownFormatter = pattern_->clone();
-      formatter = ownFormatter.get();
-      out = &ownBuffer;
-    }
-    out->clear();
-    formatter->format(msg, *out);
-    spdlog::details::log_msg line(msg.time, msg.source, msg.logger_name, msg.level,
-                                  spdlog::string_view_t(out->data(), out->size()));
-    file_->log(line);
-  }
-
-  void flush() override { file_->flush(); }
-  // The pattern is fixed when the sink is made.
-  void set_pattern(const std::string&) override {}
-  void set_formatter(std::unique_ptr<spdlog::formatter>) override {}
-
- private:
-  static std::uint64_t NextId() {
-    static std::atomic<std::uint64_t> next{1};
-    return next.fetch_add(1, std::memory_order_relaxed);
-  }
-
-  const std::uint64_t id_;  // tells a thread's copy of the pattern which sink it is for
-  const std::unique_ptr<spdlog::formatter> pattern_;
-  std::shared_ptr<RotatingFile> file_;
-};
-
 struct State {
-  std::mutex mutex;  // guards logger replacement and the hook table
-  std::vector<std::shared_ptr<spdlog::logger>> loggers;  // kept alive: writers hold raw pointers
-  std::atomic<spdlog::logger*> current{nullptr};
+  std::mutex mutex;  // guards the path and the hook table
   std::string path;
   std::map<int, Hook> hooks;
   int nextHook = 1;
   std::atomic<bool> hasHooks{false};
+
+  std::string pidPart;  // "] [<pid>:"
+  LineRing ring;
+  std::atomic<bool> hasFile{false};
+  // Drains the ring into the file; the file (rotation included) is touched
+  // only under it.
+  std::mutex drainMutex;
+  std::shared_ptr<RotatingFile> file;
+  std::string batch;
+  int wakeFd = -1;  // eventfd: the log's thread has lines to write
+  std::atomic<bool> wakeSent{false};
 };
 
 State& GetState() {
@@ -276,21 +334,58 @@ State& GetState() {
   return *state;
 }
 
-spdlog::logger* CurrentLogger() {
-  return GetState().current.load(std::memory_order_acquire);
+// Batches the lines that are in, up to `until`, into the file. Drain lock held.
+void DrainLocked(State& s, std::uint64_t until) {
+  s.batch.clear();
+  s.ring.Take(until, s.batch);
+  if (s.file && !s.batch.empty()) {
+    s.file->log(spdlog::details::log_msg(spdlog::string_view_t(), spdlog::level::info,
+                                         spdlog::string_view_t(s.batch.data(), s.batch.size())));
+  }
+  KeepSmall(s.batch);
 }
 
-// Flushing every line costs the writer a write(2) per line; a short period
-// keeps the file current for readers without that.
-void StartPeriodicFlush() {
+void DrainAndFlush(State& s, std::uint64_t until) {
+  std::lock_guard lock(s.drainMutex);
+  DrainLocked(s, until);
+  if (s.file) s.file->flush();
+}
+
+// The log's own thread writes the ring out once a good part of it is used,
+// and every 200 ms, which keeps the file current for its readers. So the disk
+// sees one write per batch, and a thread that logs never does that write.
+constexpr std::uint64_t kWakeBytes = LineRing::kSize / 4;
+
+void WakeWriter(State& s) {
+  if (!s.wakeSent.exchange(true, std::memory_order_acq_rel)) {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = ::write(s.wakeFd, &one, sizeof(one));
+  }
+}
+
+void StartWriter() {
   static std::once_flag once;
   std::call_once(once, [] {
-    std::thread([] {
+    State& s = GetState();
+    s.wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    s.ring.needRoom = [&s] { WakeWriter(s); };
+    std::thread([&s] {
+      ::pthread_setname_np(::pthread_self(), "tarn-log");
       for (;;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        if (auto* logger = CurrentLogger()) logger->flush();
+        pollfd p{s.wakeFd, POLLIN, 0};
+        if (::poll(&p, 1, 200) > 0) {
+          std::uint64_t count;
+          [[maybe_unused]] ssize_t n = ::read(s.wakeFd, &count, sizeof(count));
+        }
+        s.wakeSent.store(false, std::memory_order_release);
+        DrainAndFlush(s, s.ring.Head());
       }
     }).detach();
+    // Lines still in the ring reach the file when the program exits.
+    std::atexit([] {
+      State& state = GetState();
+      DrainAndFlush(state, state.ring.Head());
+    });
   });
 }
 
@@ -321,28 +416,30 @@ void Open(const std::string& baseName, int fileCount, int fileSizeMiB) {
   const std::string dir = LogDirectory();
   os::MakeDirectories(dir);
   const std::string path = dir + baseName + ".log";
-  std::shared_ptr<spdlog::logger> logger;
+  std::shared_ptr<RotatingFile> file;
   try {
-    // Callers format their line and copy it into the file's buffer; the disk
-    // sees a write when the buffer fills, on a warning, or from the periodic
-    // flush. That costs a request thread far less than waking a writer thread
-    // per line.
-    auto sink = std::make_shared<FileSink>(
-        path, static_cast<std::size_t>(std::max(1, fileSizeMiB)) * 1024 * 1024,
-        static_cast<std::size_t>(std::max(1, fileCount) - 1),
-        std::make_unique<LineFormatter>(std::to_string(::getpid())));
-    logger = std::make_shared<spdlog::logger>(baseName, std::move(sink));
-    logger->set_level(spdlog::level::trace);  // the threshold is tested before formatting
-    logger->flush_on(spdlog::level::warn);    // failures reach the disk at once
+    // Unbuffered: each batch the ring hands over is one write.
+    spdlog::file_event_handlers handlers;
+    handlers.after_open = [](const spdlog::filename_t&, std::FILE* f) { std::setvbuf(f, nullptr, _IONBF, 0); };
+    file = std::make_shared<RotatingFile>(path, static_cast<std::size_t>(std::max(1, fileSizeMiB)) * 1024 * 1024,
+                                          static_cast<std::size_t>(std::max(1, fileCount) - 1), false, handlers);
+    file->set_formatter(std::make_unique<Verbatim>());
   } catch (const spdlog::spdlog_ex&) {
     return;  // no file: lines still reach the hooks
   }
   State& s = GetState();
+  StartWriter();
+  {
+    // What was logged before goes to the file it was logged for.
+    std::lock_guard lock(s.drainMutex);
+    DrainLocked(s, s.ring.Head());
+    if (s.file) s.file->flush();
+    s.file = std::move(file);
+    if (s.pidPart.empty()) s.pidPart = "] [" + std::to_string(::getpid()) + ":";
+  }
+  s.hasFile.store(true, std::memory_order_release);
   std::lock_guard lock(s.mutex);
-  s.loggers.push_back(logger);
-  s.current.store(logger.get(), std::memory_order_release);
   s.path = path;
-  StartPeriodicFlush();
 }
 
 void Write(Level level, std::string_view tag, std::string_view text) {
@@ -353,22 +450,32 @@ void Write(Level level, std::string_view tag, std::string_view text) {
     std::lock_guard lock(s.mutex);
     for (auto& [id, hook] : s.hooks) hook(record);
   }
-  if (auto logger = CurrentLogger()) {
-    Scratch* scratch = ThreadScratch();
-    std::string own;
-    std::string& payload = scratch ? scratch->payload : own;
-    payload.clear();
-    payload.reserve(tag.size() + text.size() + 3);
-    payload += '[';
-    payload += tag;
-    payload += "] ";
-    payload += text;
-    logger->log(ToSpd(level), spdlog::string_view_t(payload.data(), payload.size()));
-    if (scratch) {
-      KeepSmall(scratch->payload);
-      if (scratch->formatted.capacity() > kKeptCapacity) scratch->formatted = spdlog::memory_buf_t();
+  if (!s.hasFile.load(std::memory_order_acquire)) return;
+  Scratch* scratch = ThreadScratch();
+  spdlog::memory_buf_t ownBuffer;
+  LineFormat ownFormat;
+  spdlog::memory_buf_t& line = scratch ? scratch->formatted : ownBuffer;
+  line.clear();
+  const spdlog::details::log_msg msg(spdlog::string_view_t(tag.data(), tag.size()), ToSpd(level),
+                                     spdlog::string_view_t(text.data(), text.size()));
+  (scratch ? scratch->format : ownFormat).Format(msg, s.pidPart, line);
+  if (line.size() > LineRing::kMaxLine) {
+    // Too long for the ring: written at once, after everything before it.
+    std::lock_guard lock(s.drainMutex);
+    DrainLocked(s, s.ring.Head());
+    if (s.file) s.file->log(spdlog::details::log_msg(spdlog::string_view_t(), msg.level,
+                                                     spdlog::string_view_t(line.data(), line.size())));
+    if (level >= Level::Warn && s.file) s.file->flush();
+  } else {
+    const std::uint64_t end = s.ring.Put(line.data(), line.size());
+    // Failures reach the disk at once.
+    if (level >= Level::Warn) {
+      DrainAndFlush(s, end);
+    } else if (s.ring.Pending() >= kWakeBytes) {
+      WakeWriter(s);
     }
   }
+  if (scratch && scratch->formatted.capacity() > kKeptCapacity) scratch->formatted = spdlog::memory_buf_t();
 }
 
 Line::Line() {
@@ -402,12 +509,9 @@ Line::~Line() {
 
 std::string_view Line::Text() const noexcept { return buffer_->text; }
 
-Line& Line::operator<<(const char* text) {
-  if (!text) {
-    *stream_ << text;  // what a stream does with a null text: it fails from here on
-    return *this;
-  }
-  return Append(std::string_view(text));
+Line& Line::AppendNull() {
+  *stream_ << static_cast<const char*>(nullptr);  // what a stream does with a null text: it fails from here on
+  return *this;
 }
 
 Line& Line::Append(std::string_view text) {
@@ -463,7 +567,8 @@ void TARNLOGE(std::string tag, std::string text) {
 }
 
 void FlushTarnLogFile() {
-  if (auto* logger = tarn::log::CurrentLogger()) logger->flush();
+  tarn::log::State& s = tarn::log::GetState();
+  tarn::log::DrainAndFlush(s, s.ring.Head());
 }
 
 bool TarnCreateDirbyLev(const std::string& path, int /*level*/) {

@@ -1,7 +1,10 @@
 #pragma once
-// The container's log: the five functions the system calls by name, on spdlog
-// with a buffered rotating file, plus a level test so hot paths can skip
-// building text nobody will read.
+// The container's log: the five functions the system calls by name, on
+// spdlog's rotating file, plus a level test so hot paths can skip building
+// text nobody will read. A thread that logs formats its line and puts it in a
+// ring without taking a lock; the log's own thread writes the lines out in
+// batches, in the order they were put in. A warning or an error is written
+// out at once, with everything before it; what is left is written at exit.
 #include <charconv>
 #include <functional>
 #include <ostream>
@@ -16,7 +19,7 @@ void TARNLOGD(std::string tag, std::string text);
 void TARNLOGI(std::string tag, std::string text);
 void TARNLOGW(std::string tag, std::string text);
 void TARNLOGE(std::string tag, std::string text);
-// Writes out everything logged so far.
+// Writes out everything logged so far, and waits until it is written.
 void FlushTarnLogFile();
 // Creates a directory tree (mode 0755); true when it exists afterwards.
 bool TarnCreateDirbyLev(const std::string& path, int level);
@@ -68,7 +71,8 @@ class Line {
   std::ostream& Stream() noexcept { return *stream_; }
   std::string_view Text() const noexcept;
 
-  Line& operator<<(const char* text);
+  // Inline, so that a literal's length is known where it is written.
+  Line& operator<<(const char* text) { return text ? Append(std::string_view(text)) : AppendNull(); }
   Line& operator<<(const std::string& text) { return Append(text); }
   Line& operator<<(std::string_view text) { return Append(text); }
   Line& operator<<(int value) { return Integer(value); }
@@ -93,6 +97,7 @@ class Line {
 
  private:
   Line& Append(std::string_view text);
+  Line& AppendNull();
   template <typename I>
   Line& Integer(I value) {
     char digits[24];

@@ -45,26 +45,20 @@ bool WaitFor(int fd, short events, Clock::time_point deadline) {
   }
 }
 
-bool SendAll(int fd, const std::string& bytes, Clock::time_point deadline) {
+// The socket is nearly always ready, so the send comes first and a wait only
+// when it would block; `waited` tells whether one was needed.
+bool SendAll(int fd, const std::string& bytes, Clock::time_point deadline, bool* waited = nullptr) {
   std::size_t done = 0;
   while (done < bytes.size()) {
-    if (!WaitFor(fd, POLLOUT, deadline)) return false;
     ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n <= 0) return false;
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-bool RecvAll(int fd, char* out, std::size_t size, Clock::time_point deadline) {
-  std::size_t done = 0;
-  while (done < size) {
-    if (!WaitFor(fd, POLLIN, deadline)) return false;
-    ssize_t n = ::recv(fd, out + done, size - done, MSG_DONTWAIT);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-    if (n <= 0) return false;  // 0: the child closed its end
-    done += static_cast<std::size_t>(n);
+    if (n > 0) {
+      done += static_cast<std::size_t>(n);
+    } else if (n < 0 && errno == EAGAIN) {
+      if (waited) *waited = true;
+      if (!WaitFor(fd, POLLOUT, deadline)) return false;
+    } else if (n >= 0 || errno != EINTR) {
+      return false;
+    }
   }
   return true;
 }
@@ -72,7 +66,13 @@ bool RecvAll(int fd, char* out, std::size_t size, Clock::time_point deadline) {
 class SandboxObject : public ZObject {
  public:
   SandboxObject(pid_t pid, int fd, std::chrono::milliseconds timeout, std::string name)
-      : pid_(pid), fd_(fd), timeout_(timeout), name_(std::move(name)) {}
+      : pid_(pid), fd_(fd), timeout_(timeout), name_(std::move(name)) {
+    // A reply's first read waits in recv, for the time-out at most.
+    timeval tv{};
+    tv.tv_sec = static_cast<time_t>(timeout.count() / 1000);
+    tv.tv_usec = static_cast<suseconds_t>((timeout.count() % 1000) * 1000);
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+  }
 
   ~SandboxObject() override {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -89,42 +89,68 @@ class SandboxObject : public ZObject {
       ZBRF_LOG(Error, "sandbox " << name_ << " request too large: " << payload.size());
       return false;
     }
+    const bool oneWay = (flags & kFlagOneWay) != 0;
     // Anything readable before we ask is unsolicited output or a hang-up:
-    // the stream can't be trusted any more.
-    pollfd p{fd_, POLLIN, 0};
-    if (::poll(&p, 1, 0) != 0) {
-      End("sent unasked data or hung up");
-      return false;
+    // the stream can't be trusted any more. A one-way request reads nothing;
+    // the next call that waits for a reply looks.
+    if (!oneWay) {
+      pollfd p{fd_, POLLIN, 0};
+      if (!unasked_.empty() || ::poll(&p, 1, 0) != 0) {
+        End("sent unasked data or hung up");
+        return false;
+      }
     }
     const auto deadline = Clock::now() + timeout_;
-    if (!SendAll(fd_, frame::EncodeRequest(code, flags, payload), deadline)) {
+    bool waited = false;
+    if (!SendAll(fd_, frame::EncodeRequest(code, flags, payload), deadline, &waited)) {
       End("did not take the request");
       return false;
     }
-    unsigned char head[frame::kReplyHead];
-    if (!RecvAll(fd_, reinterpret_cast<char*>(head), sizeof(head), deadline)) {
+    if (oneWay) return true;  // a child that died is found by the next call
+    std::string got;
+    if (!Receive(frame::kReplyHead, got, deadline, !waited)) {
       End("did not answer in time");
       return false;
     }
+    const auto* head = reinterpret_cast<const unsigned char*>(got.data());
     const uint8_t ok = head[0];
     const uint32_t length = frame::GetU32(head + 1);
     if (ok > 1 || length > frame::kMaxPayload) {
       End("answered with a malformed frame");
       return false;
     }
-    std::string body(length, '\0');
-    if (length > 0 && !RecvAll(fd_, body.data(), length, deadline)) {
+    if (!Receive(frame::kReplyHead + length, got, deadline, false)) {
       End("sent a short answer");
       return false;
     }
+    // Bytes beyond the reply were never asked for: they spoil the next call.
+    unasked_ = got.substr(frame::kReplyHead + length);
     if (!ok) return false;
-    if (reply) reply->SetData(std::move(body));
+    if (reply) reply->SetData(got.substr(frame::kReplyHead, length));
     return true;
   }
 
   pid_t Pid() const { return pid_.load(); }
 
  private:
+  // Reads until `got` holds at least `size` bytes. The first read usually
+  // brings the whole reply. With `blockFirst` (the request went out at once,
+  // so the whole time-out is still ahead) it waits in recv, bounded by the
+  // socket's time-out; every other read waits for the rest of the deadline.
+  bool Receive(std::size_t size, std::string& got, Clock::time_point deadline, bool blockFirst) {
+    char chunk[16 * 1024];
+    bool first = blockFirst;
+    while (got.size() < size) {
+      if (!first && !WaitFor(fd_, POLLIN, deadline)) return false;
+      ssize_t n = ::recv(fd_, chunk, sizeof(chunk), first ? 0 : MSG_DONTWAIT);
+      if (n < 0 && (errno == EINTR || (!first && errno == EAGAIN))) continue;
+      if (n <= 0) return false;  // 0: the child closed its end; EAGAIN at first: the time-out
+      got.append(chunk, static_cast<std::size_t>(n));
+      first = false;
+    }
+    return true;
+  }
+
   // Ends the child for good; every later Transact fails at once.
   void End(const char* why) {
     if (fd_ >= 0) {
@@ -145,6 +171,7 @@ class SandboxObject : public ZObject {
   int fd_;
   std::chrono::milliseconds timeout_;
   std::string name_;
+  std::string unasked_;  // read past the last reply
 };
 
 // Moves fd to a number of at least 10, close-on-exec, so that the child's

@@ -2,7 +2,8 @@
 // The frames between a host and its sandboxed service, over one socketpair.
 //   request: u32 code, u32 flags, u32 length, data[length]
 //   reply:   u8 ok,   u32 length, reply[length]
-// All integers little-endian. One request is outstanding at a time.
+// All integers little-endian. One reply is awaited at a time; a request with
+// kFlagOneWay (zobject.h) among its flags gets no reply.
 #include <cstdint>
 #include <string>
 

@@ -122,17 +122,6 @@ bool ApplySeccomp(std::string& error) {
   return true;
 }
 
-bool ReadFull(int fd, char* out, std::size_t size) {
-  std::size_t done = 0;
-  while (done < size) {
-    ssize_t n = ::read(fd, out + done, size - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
 bool WriteFull(int fd, const std::string& bytes) {
   std::size_t done = 0;
   while (done < bytes.size()) {
@@ -186,25 +175,44 @@ int SandboxMain(int argc, char** argv, const SandboxSpec& spec) {
     return 3;
   }
 
-  for (;;) {
-    unsigned char head[frame::kRequestHead];
-    if (!ReadFull(frame::kChannelFd, reinterpret_cast<char*>(head), sizeof(head))) break;
-    const uint32_t code = frame::GetU32(head);
-    const uint32_t flags = frame::GetU32(head + 4);
-    const uint32_t length = frame::GetU32(head + 8);
-    if (length > frame::kMaxPayload) break;
-    std::string body(length, '\0');
-    if (length > 0 && !ReadFull(frame::kChannelFd, body.data(), length)) break;
-    auto data = ZParcel::FromBytes(std::move(body));
-    auto reply = ZParcel::CreateInstance();
-    bool ok = false;
-    try {
-      ok = service->OnTransact(code, data, reply, flags);
-    } catch (...) {
-      ok = false;
+  // Requests are read in chunks and served in order; one-way requests get
+  // no reply, and several of them often arrive in one read.
+  std::string in;
+  std::size_t at = 0;
+  char chunk[16 * 1024];
+  for (bool serving = true; serving;) {
+    while (in.size() - at >= frame::kRequestHead) {
+      const auto* head = reinterpret_cast<const unsigned char*>(in.data() + at);
+      const uint32_t code = frame::GetU32(head);
+      const uint32_t flags = frame::GetU32(head + 4);
+      const uint32_t length = frame::GetU32(head + 8);
+      if (length > frame::kMaxPayload) {
+        serving = false;
+        break;
+      }
+      if (in.size() - at - frame::kRequestHead < length) break;
+      auto data = ZParcel::FromBytes(in.substr(at + frame::kRequestHead, length));
+      at += frame::kRequestHead + length;
+      auto reply = ZParcel::CreateInstance();
+      bool ok = false;
+      try {
+        ok = service->OnTransact(code, data, reply, flags);
+      } catch (...) {
+        ok = false;
+      }
+      if (!(flags & kFlagOneWay) &&
+          !WriteFull(frame::kChannelFd, frame::EncodeReply(ok, ok ? reply->Data() : std::string()))) {
+        serving = false;
+        break;
+      }
     }
-    if (!WriteFull(frame::kChannelFd, frame::EncodeReply(ok, ok ? reply->Data() : std::string())))
-      break;
+    in.erase(0, at);
+    at = 0;
+    if (!serving) break;
+    ssize_t n = ::read(frame::kChannelFd, chunk, sizeof(chunk));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    in.append(chunk, static_cast<std::size_t>(n));
   }
   // Past the filter, exit handlers (leak checkers among them) could only fail.
   _exit(0);

@@ -9,6 +9,10 @@
 
 namespace tarn::zbrf {
 
+// Transact flag: the caller reads no reply. A transport may then return once
+// the request is on its way, and the service sends no reply back.
+inline constexpr uint32_t kFlagOneWay = 0x1;
+
 class ZObject {
  public:
   virtual ~ZObject();
