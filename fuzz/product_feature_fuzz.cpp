@@ -28,7 +28,7 @@ constexpr Getter kGetters[] = {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto& root = tarn::fuzz::Machine();
   static const bool prepared = [&] {
-    ProductAdapt::ProductFeature::SetConfigPathForTesting(root.At("opt/ProductFeature.xml"));
+    ProductAdapt::SetProductFeatureConfigPathForTesting(root.At("opt/ProductFeature.xml"));
     return true;
   }();
   (void)prepared;
