@@ -118,6 +118,10 @@ TEST_F(ServiceTest, RestartsAContainerEndedByAMistypedCloudCopyAndTheContainerEn
   // The platform's own client: signed by a trusted maker key, in the installation.
   std::filesystem::copy_file(BuildDir() + "/tools/cli/tarncore", install_ + "tarncore");
   root_.WriteFile("etc/tarncore/trusted-keys/maker/tarn-dev.pub", ReadText(TARN_DEV_PUBLIC_KEY));
+  // Installed as the package installs it, so that diagnose finds the installation.
+  const std::string vtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
+  root_.WriteFile(vtid + "Install_Path", "/opt/tarncore/");
+  root_.WriteFile(vtid + "Version", "5.3.0");
   StartService();
   WaitReady();
   const pid_t first = ContainerPids().at(0);
@@ -138,6 +142,18 @@ TEST_F(ServiceTest, RestartsAContainerEndedByAMistypedCloudCopyAndTheContainerEn
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadText(ContainerLog(root_));
   Inject("NotifyWinEvent6EventId4");
   EXPECT_TRUE(WaitForText(ContainerLog(root_), "NotifyWinEvent 6luEventId 4(", 10s));
+
+  // diagnose names the cached copy as the cause, without the log.
+  const std::string report = root_.At("diagnose.txt");
+  const int out = ::open(report.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  ASSERT_GE(out, 0);
+  ASSERT_TRUE(WaitExit(Spawn({install_ + "tarncore", "diagnose", "--offline"}, {.stdoutFd = out}), 20s, &status));
+  ::close(out);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 0);
+  EXPECT_NE(ReadText(report).find("ERROR   remote configuration: " + install_ +
+                                  "config/cache/remoteConfig.json has a value of the wrong JSON type"),
+            std::string::npos)
+      << ReadText(report);
 
   KillAndReap(service_);
   service_ = -1;
