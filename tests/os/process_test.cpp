@@ -147,6 +147,34 @@ TEST(NamedMutexTest, OpenSucceedsOnlyWhileSomeoneHoldsTheLockFile) {
   EXPECT_NE(NamedMutex::Open(name), nullptr);
   held->Release();
   EXPECT_EQ(NamedMutex::Open(name), nullptr);
+
+  // A program of another user holds it too, on the file root made and on one
+  // of its own (the notice runs as the person at the desktop).
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a child as another user";
+  fs::permissions(root.At(""), fs::perms(0755));
+  for (const char* mutexName : {name, "Global\\MadeByTheUser"}) {
+    SCOPED_TRACE(mutexName);
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      if (::setgid(65534) != 0 || ::setuid(65534) != 0) _exit(2);
+      auto mine = NamedMutex::Create(mutexName);
+      const char owned = mine && mine->owned() ? '1' : '0';
+      if (::write(ready[1], &owned, 1) != 1) _exit(3);
+      ::pause();
+      _exit(0);
+    }
+    ::close(ready[1]);
+    char owned = 0;
+    EXPECT_EQ(::read(ready[0], &owned, 1), 1);
+    ::close(ready[0]);
+    EXPECT_EQ(owned, '1');
+    EXPECT_NE(NamedMutex::Open(mutexName), nullptr);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    EXPECT_EQ(NamedMutex::Open(mutexName), nullptr);
+  }
 }
 
 TEST(ClockTest, TickCountIsMonotonicMillisecondsAndReplaceable) {

@@ -1,6 +1,7 @@
 #include "platform/os/named_mutex.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -12,7 +13,18 @@
 namespace tarn::os {
 
 namespace {
+
 std::string LocksDirectory() { return RuntimeDir() + "/locks"; }
+
+// Programs of any user hold mutexes here (the privacy notice runs as the
+// person at the desktop), so the folder is shared as /run/lock is. Only its
+// owner can set the mode, and only the owner needs to.
+void MakeLocksDirectory() {
+  const std::string dir = LocksDirectory();
+  MakeDirectories(dir);
+  ::chmod(dir.c_str(), 01777);
+}
+
 }  // namespace
 
 std::string NamedMutex::PathFor(const std::string& name) {
@@ -28,8 +40,9 @@ NamedMutex::~NamedMutex() {
 }
 
 std::unique_ptr<NamedMutex> NamedMutex::Create(const std::string& name) {
-  MakeDirectories(LocksDirectory());
-  int fd = ::open(PathFor(name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  MakeLocksDirectory();
+  // flock needs no write access: a lock file another user made serves too.
+  int fd = ::open(PathFor(name).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) {
     SetLastError(static_cast<std::uint32_t>(errno));
     return nullptr;
