@@ -225,6 +225,10 @@ TEST_F(Framework, AnswersAndServiceCallsOverTheWire) {
   // The client's sdk version reaches the update switch.
   EXPECT_EQ("907135008", Code(Ask("Framework.Updatekit", "{}", "5.2.0.1")));
   EXPECT_EQ("start 5.2.0.1", services.Calls());
+  // The api look-up folds case, and the handler is found by the record's own
+  // uri: a request in another case reaches the same handler.
+  EXPECT_EQ("907135008", Code(Ask("Framework.UpdateKit", "{}", "5.2.0.1")));
+  EXPECT_EQ("start 5.2.0.1", services.Calls());
 
   // An unknown uri is only logged: the status stays "0", so no answer goes out.
   ResponseStatus status;
