@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "programs.h"
+#include "support/eventually.h"
 
 using namespace std::chrono_literals;
 using namespace tarn::test;
@@ -38,14 +39,6 @@ std::string Shell(const std::string& command) {
 
 std::string Built(const std::string& relative) { return BuildDir() + "/" + relative; }
 
-bool Eventually(const std::function<bool()>& done, std::chrono::seconds limit = 30s) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!done()) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(50ms);
-  }
-  return true;
-}
 
 // An Xvfb on a display number nobody uses, which it names once it takes
 // connections, and xdotool on it.
@@ -186,10 +179,10 @@ TEST_F(DesktopTest, NoticeAndUpdateDialogsOnTheDisplayAnsweredByKeyboard) {
   ASSERT_FALSE(notice.empty()) << ReadText(ContainerLog(root_));
   EXPECT_EQ(Count("start PrivacyNoticeUI succes(NoticeManager::ShowPrivacyNoticeTray)"), 1);
   x.Keys(notice, "Return");
-  ASSERT_TRUE(Eventually([&] { return Registry("PrivacyNotice") == "true"; }))
+  ASSERT_TRUE(Eventually([&] { return Registry("PrivacyNotice") == "true"; }, 30s))
       << ReadText(root_.At("var/lib/Vantrel/TARNCORE/log/TarnCoreNotice.log"));
   EXPECT_EQ(Registry("PrivacyAgree"), "64000000");
-  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("Tarn Core privacy notice"); }));
+  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("Tarn Core privacy notice"); }, 30s));
 
   // The next container start finds the notice done and shows nothing.
   const std::string serviceLog = ReadText(ServiceLog(root_));
@@ -223,7 +216,7 @@ TEST_F(DesktopTest, NoticeAndUpdateDialogsOnTheDisplayAnsweredByKeyboard) {
   const std::string outcome = x.Window("prompting");
   ASSERT_FALSE(outcome.empty());
   x.Keys(outcome, "Return");
-  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("prompting"); }));
+  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("prompting"); }, 30s));
 
   // A UI that dies mid-question leaves the update to the container's expiry:
   // until then a new request is told the update is running.

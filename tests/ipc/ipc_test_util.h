@@ -14,19 +14,11 @@
 
 #include "platform/ipc/ipc_client.h"
 #include "platform/ipc/ipc_message.h"
+#include "support/eventually.h"
 
 namespace tarn::test {
 
 constexpr int kLong = 10000;  // ms: an upper bound for liveness only
-
-inline bool Eventually(const std::function<bool()>& done) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLong);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 // Reads on this connection give up after the liveness bound.
 inline int RawConnect(const std::string& path) {

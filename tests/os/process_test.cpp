@@ -18,6 +18,7 @@
 #include "platform/os/last_error.h"
 #include "platform/os/named_mutex.h"
 #include "platform/os/pinned_file.h"
+#include "support/eventually.h"
 #include "support/temp_root.h"
 
 namespace fs = std::filesystem;
@@ -30,10 +31,7 @@ std::string Read(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-bool Eventually(const std::function<bool()>& condition) {
-  for (int i = 0; i < 500 && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return condition();
-}
+using tarn::test::Eventually;
 
 constexpr uid_t kNobody = 65534;
 

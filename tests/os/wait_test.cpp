@@ -13,6 +13,7 @@
 #include "platform/os/cancellable_io.h"
 #include "platform/os/message_queue.h"
 #include "platform/os/thread.h"
+#include "support/eventually.h"
 
 using namespace tarn::os;
 using namespace std::chrono_literals;
@@ -25,10 +26,7 @@ void Drain() {
   }
 }
 
-bool Eventually(const std::function<bool()>& condition) {
-  for (int i = 0; i < 500 && !condition(); ++i) std::this_thread::sleep_for(10ms);
-  return condition();
-}
+using tarn::test::Eventually;
 
 TEST(EventTest, ManualStaysSetUntilResetAutoReleasesOneWaitPerSignal) {
   auto manual = Event::Create(true, false);

@@ -11,6 +11,7 @@
 #include "platform/log/log_capture.h"
 #include "platform/os/cancellable_io.h"
 #include "platform/os/message_queue.h"
+#include "support/eventually.h"
 
 using namespace VantrelThread;
 using tarn::log::Level;
@@ -29,10 +30,7 @@ struct Probe {
 };
 using ProbePtr = std::shared_ptr<Probe>;
 
-bool Eventually(const std::function<bool()>& condition) {
-  for (int i = 0; i < 500 && !condition(); ++i) std::this_thread::sleep_for(10ms);
-  return condition();
-}
+using tarn::test::Eventually;
 
 // Loops until running is cleared; result 2 when no message was waiting then.
 ThreadFunction Cooperative(ProbePtr probe) {

@@ -5,7 +5,6 @@
 #include <json/json.h>
 
 #include <cstdio>
-#include <mutex>
 #include <thread>
 
 #include "config/ConfigManager.h"
@@ -18,6 +17,7 @@
 #include "platform/os/named_mutex.h"
 #include "platform/os/process.h"
 #include "platform/security/security.h"
+#include "support/fake_launch.h"
 #include "support/temp_root.h"
 #include "thread/ThreadManager.h"
 #include "update/KitStoreManager.h"
@@ -26,43 +26,10 @@
 
 using tarn::log::Level;
 using tarn::test::Eventually;
+using tarn::test::FakeProcesses;
+using tarn::test::FakeSignatures;
 
 namespace {
-
-class FakeProcesses : public tarn::os::Processes {
- public:
-  std::vector<pid_t> FindByName(const std::string& name) override {
-    std::lock_guard<std::mutex> lock(mutex);
-    lookups.push_back(name);
-    return uiRunning && name.rfind("TarnCoreUI", 0) == 0 ? std::vector<pid_t>{42} : std::vector<pid_t>{};
-  }
-  bool StartFile(int fd, const std::string& path, const std::string& arguments, const tarn::os::StartAs*) override {
-    std::lock_guard<std::mutex> lock(mutex);
-    // What runs is the open file's content, whatever the path names now.
-    char content[16] = {};
-    starts.push_back(path + " " + arguments + " " + std::string(content, ::pread(fd, content, sizeof(content), 0)));
-    return startSucceeds;
-  }
-  bool RemoveTreeDetached(const std::string& directory) override {
-    std::lock_guard<std::mutex> lock(mutex);
-    removed.push_back(directory);
-    return true;
-  }
-  std::mutex mutex;
-  bool uiRunning = false, startSucceeds = true;
-  std::vector<std::string> lookups, starts, removed;
-};
-
-class FakeSignatures : public tarn::security::FileSignatureChecker {
- public:
-  bool VerifyEmbedded(const std::string&) override { return embedded; }
-  bool VerifyMaker(const std::string&) override {
-    if (duringTest) duringTest();
-    return maker;
-  }
-  bool embedded = true, maker = true;
-  std::function<void()> duringTest;
-};
 
 // A person at the desktop, so the UI has somewhere to start.
 class FakeSessions : public tarn::desktop::Sessions {
@@ -145,7 +112,7 @@ TEST_F(UpdateTest, StartChoosesTheUiBySdkAndASecondStartIsNoNewUpdate) {
     ResponseStatus status;
     EXPECT_TRUE(store_.StartSelfUpdate(status, sdk));
     EXPECT_EQ(status.status_code, "907135009");
-    EXPECT_EQ(processes_.starts, std::vector<std::string>{root_.path() + "/opt/tarncore/TarnCoreUI " + args + " ui"});
+    EXPECT_EQ(processes_.starts, std::vector<std::string>{root_.path() + "/opt/tarncore/TarnCoreUI|" + args + "|ui"});
     EXPECT_EQ(store_.updateStartTick, 1000u);
 
     ResponseStatus second;
@@ -170,14 +137,14 @@ TEST_F(UpdateTest, FailedStartsLeaveTheSwitchIdle) {
       {"answer without announcement", [&] { library_.answer = R"({"code":0})"; }, "907135008", false},
       {"unsigned UI", [&] { signatures_.embedded = false; }, "907135007", false},
       {"UI not by maker", [&] { signatures_.maker = false; }, "907135007", false},
-      {"UI does not start", [&] { processes_.startSucceeds = false; }, "907135007", true},
+      {"UI does not start", [&] { processes_.startWorks = false; }, "907135007", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     library_.checkResult = true;
     library_.answer = R"({"updateAppInfo":{}})";
-    signatures_.embedded = signatures_.maker = processes_.startSucceeds = true;
-    signatures_.duringTest = nullptr;
+    signatures_.embedded = signatures_.maker = processes_.startWorks = true;
+    signatures_.whileVerifying = nullptr;
     processes_.starts.clear();
     c.arrange();
     ResponseStatus status;
@@ -191,15 +158,15 @@ TEST_F(UpdateTest, FailedStartsLeaveTheSwitchIdle) {
   EXPECT_FALSE(store_.IsUpdating());
 
   // Another file put at the UI's path after its test doesn't run: the tested one does.
-  signatures_.duringTest = [&] {
+  signatures_.whileVerifying = [&] {
     root_.WriteFile("opt/tarncore/other", "swapped");
     std::rename(root_.At("opt/tarncore/other").c_str(), root_.At("opt/tarncore/TarnCoreUI").c_str());
   };
   processes_.starts.clear();
-  processes_.startSucceeds = true;
+  processes_.startWorks = true;
   ResponseStatus status;
   EXPECT_TRUE(store_.StartSelfUpdate(status, ""));
-  EXPECT_EQ(processes_.starts, std::vector<std::string>{root_.path() + "/opt/tarncore/TarnCoreUI Upgrade ui"});
+  EXPECT_EQ(processes_.starts, std::vector<std::string>{root_.path() + "/opt/tarncore/TarnCoreUI|Upgrade|ui"});
 }
 
 TEST_F(UpdateTest, AnUpdateExpiresOnlyAfterAMinuteWithoutTheUi) {
@@ -212,12 +179,12 @@ TEST_F(UpdateTest, AnUpdateExpiresOnlyAfterAMinuteWithoutTheUi) {
   EXPECT_TRUE(processes_.lookups.empty()) << "a fresh update needs no process look-up";
 
   clock_.Advance(1);
-  processes_.uiRunning = true;
+  processes_.running = "TarnCoreUI";
   EXPECT_TRUE(store_.IsUpdating());
   EXPECT_FALSE(processes_.lookups.empty());
   EXPECT_TRUE(log_.Has(Level::Info, "KitStoreManager.IsUpdating end, kit is updating.(KitStoreManager::IsUpdating)"));
 
-  processes_.uiRunning = false;
+  processes_.running.clear();
   EXPECT_FALSE(store_.IsUpdating());
   EXPECT_TRUE(store_.updatingKits.empty());
   EXPECT_TRUE(log_.Has(Level::Info,
