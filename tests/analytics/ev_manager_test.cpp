@@ -8,7 +8,6 @@
 #include <chrono>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "analytics/EvManager.h"
@@ -16,6 +15,7 @@
 #include "config/ConfigManager.h"
 #include "pipeline/ServerResCallBack.h"
 #include "platform/log/log_capture.h"
+#include "support/eventually.h"
 #include "support/temp_root.h"
 #include "thread/ThreadManager.h"
 
@@ -213,9 +213,7 @@ TEST_F(EvManagerTest, ThreadFlushesOnItsTimerAndReleasesTheLibraryAtExit) {
     auto calls = library_.Calls();
     return std::find(calls.begin(), calls.end(), "ReportLocalToServer()") != calls.end();
   };
-  // A bound for liveness only: the first timer tick flushes.
-  for (int i = 0; i < 3000 && !flushed(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_TRUE(flushed());
+  EXPECT_TRUE(tarn::test::Eventually(flushed, std::chrono::seconds(30))) << "the first timer tick flushes";
   threads.WaitAll();
   VantrelThread::ThreadManager::ResetInstanceForTesting();
   ConfigManager::GetInstance().evReportTimePeriod = 600000;

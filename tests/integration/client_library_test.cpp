@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "programs.h"
+#include "support/eventually.h"
 #include "tarncore/client.h"
 
 using namespace std::chrono_literals;
@@ -30,12 +31,10 @@ TEST(ClientLibrary, CallsAndBroadcastsThenTheContainerGoingAwayMidCall) {
   std::promise<std::string> broadcast;
   std::once_flag first;
   auto heard = broadcast.get_future();
-  const auto until = std::chrono::steady_clock::now() + 15s;
-  while (client.Listen([&](const std::string& text) { std::call_once(first, [&] { broadcast.set_value(text); }); }) !=
-         tarncore::kOk) {
-    ASSERT_LT(std::chrono::steady_clock::now(), until) << "the container's socket never took a connection";
-    std::this_thread::sleep_for(10ms);
-  }
+  ASSERT_TRUE(Eventually([&] {
+    return client.Listen([&](const std::string& text) { std::call_once(first, [&] { broadcast.set_value(text); }); }) ==
+           tarncore::kOk;
+  }, 15s)) << "the container's socket never took a connection";
   ASSERT_EQ(heard.wait_for(15s), std::future_status::ready);
   EXPECT_NE(heard.get().find("com.vantrel.tarn.updateKit"), std::string::npos);
 

@@ -16,6 +16,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "support/eventually.h"
+
 extern char** environ;
 
 namespace tarn::test {
@@ -118,12 +120,7 @@ int CountText(const std::string& path, const std::string& text) {
 
 bool WaitForText(const std::string& path, const std::string& text, std::chrono::milliseconds limit,
                  int times) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (CountText(path, text) < times) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
+  return Eventually([&] { return CountText(path, text) >= times; }, limit);
 }
 
 Cloud::Cloud(const TempRoot& root, const std::string& addressBook, const std::vector<std::string>& options)

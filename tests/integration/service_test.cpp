@@ -10,6 +10,8 @@
 #include <thread>
 
 #include "programs.h"
+#include "support/eventually.h"
+#include "support/run_program.h"
 
 using namespace std::chrono_literals;
 using namespace tarn::test;
@@ -92,10 +94,8 @@ TEST_F(ServiceTest, StartsTheContainerForwardsEventsAndStopsItOnSigterm) {
 
   const auto pids = ContainerPids();
   ASSERT_EQ(pids.size(), 1u);
-  const auto stopAt = std::chrono::steady_clock::now();
   status = StopService();
-  // Ended through the exit pipe, well inside the grace period, not killed.
-  EXPECT_LT(std::chrono::steady_clock::now() - stopAt, 4s);
+  // Ended through the exit pipe, not killed after the grace period.
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_FALSE(ProcessAlive(pids[0]));
   const std::string serviceLog = ReadText(ServiceLog(root_));
@@ -135,33 +135,25 @@ TEST_F(ServiceTest, RestartsAContainerEndedByAMistypedCloudCopyAndTheContainerEn
   EXPECT_TRUE(ProcessAlive(pids[1]));
   EXPECT_EQ(ReadText(install_ + "config/cache/remoteConfig.json"), mistyped);
   EXPECT_EQ(CountText(ContainerLog(root_), "KitManagerApi.Init faield.(KitManagerApi::Init)"), 1);
-  int status = -1;
-  ASSERT_TRUE(WaitExit(Spawn({install_ + "tarncore", "call", "Framework.EVReport", "--header",
-                              "client_id=204518762", "--body", "{}"}),
-                       20s, &status));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << ReadText(ContainerLog(root_));
+  const std::string tarncore = install_ + "tarncore";
+  const RunResult call =
+      RunProgram(tarncore, {"call", "Framework.EVReport", "--header", "client_id=204518762", "--body", "{}"});
+  EXPECT_EQ(call.exitCode, 0) << call.output << ReadText(ContainerLog(root_));
   Inject("NotifyWinEvent6EventId4");
   EXPECT_TRUE(WaitForText(ContainerLog(root_), "NotifyWinEvent 6luEventId 4(", 10s));
 
   // diagnose names the cached copy as the cause, without the log.
-  const std::string report = root_.At("diagnose.txt");
-  const int out = ::open(report.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  ASSERT_GE(out, 0);
-  ASSERT_TRUE(WaitExit(Spawn({install_ + "tarncore", "diagnose", "--offline"}, {.stdoutFd = out}), 20s, &status));
-  ::close(out);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 0);
-  EXPECT_NE(ReadText(report).find("ERROR   remote configuration: " + install_ +
-                                  "config/cache/remoteConfig.json has a value of the wrong JSON type"),
-            std::string::npos)
-      << ReadText(report);
+  const RunResult diagnosis = RunProgram(tarncore, {"diagnose", "--offline"});
+  EXPECT_NE(diagnosis.exitCode, 0);
+  EXPECT_TRUE(diagnosis.Has("ERROR   remote configuration: " + install_ +
+                            "config/cache/remoteConfig.json has a value of the wrong JSON type"))
+      << diagnosis.output;
 
   KillAndReap(service_);
   service_ = -1;
   EXPECT_TRUE(WaitForText(ContainerLog(root_), "Main, TarnCoreService stop, TarnCoreContainer exit(main)", 10s));
   EXPECT_TRUE(WaitForText(ContainerLog(root_), "Main, flush log and TarnCoreContainer end.(main)", 10s));
-  const auto end = std::chrono::steady_clock::now() + 10s;
-  while (ProcessAlive(pids[1]) && std::chrono::steady_clock::now() < end) std::this_thread::sleep_for(10ms);
-  EXPECT_FALSE(ProcessAlive(pids[1]));
+  EXPECT_TRUE(Eventually([&] { return !ProcessAlive(pids[1]); }, 10s));
 }
 
 TEST_F(ServiceTest, KillsAContainerThatIgnoresTheExitPipeAfterTheGracePeriod) {

@@ -20,6 +20,7 @@
 #include "platform/os/named_mutex.h"
 #include "platform/os/process.h"
 #include "platform/security/security.h"
+#include "support/eventually.h"
 #include "support/temp_root.h"
 #include "thread/ThreadManager.h"
 
@@ -205,11 +206,8 @@ TEST_F(NoticeManagerTest, DesktopWaitEndedByExitIsRetriedAtLogon) {
   processes_.desktop = true;
   NoticeManager::LogonToCheckPrivacyNotice();
   EXPECT_TRUE(log_.Has(Level::Info, "After start, notice UI check not finish, so start it now.(NoticeManager::LogonToCheckPrivacyNotice)"));
-  // A bound for liveness only: the thread finds the desktop at its first look.
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!log_.Contains("StartPrivacyNoticeThreadFun end.") && std::chrono::steady_clock::now() < limit) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  // The thread finds the desktop at its first look.
+  tarn::test::Eventually([&] { return log_.Contains("StartPrivacyNoticeThreadFun end."); }, std::chrono::seconds(30));
   ASSERT_EQ(processes_.Started().size(), 1u);
   EXPECT_EQ(processes_.Started()[0].second, "PrivacyNotice");
   EXPECT_TRUE(NoticeManager::noticeAttempted);

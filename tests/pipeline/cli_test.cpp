@@ -1,9 +1,7 @@
 // The tarncore program against the container's endpoint in this process, and
 // its diagnose over a machine root.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -12,6 +10,7 @@
 
 #include "pipeline/pipeline_fakes.h"
 #include "platform/security/signature.h"
+#include "support/run_program.h"
 
 #ifdef TARN_CLI
 
@@ -19,29 +18,10 @@ namespace {
 
 using tarn::test::ParseJson;
 
-struct CliRun {
-  int exitCode = -1;
-  std::string output;  // standard output and error together
-  bool Has(const std::string& part) const { return output.find(part) != std::string::npos; }
-};
+using CliRun = tarn::test::RunResult;
 
 // Runs tarncore with the machine root of this test (inherited from the environment).
-CliRun Tarncore(const std::vector<std::string>& args) {
-  std::string command = "'" TARN_CLI "'";
-  for (const auto& a : args) {
-    command += " '";
-    for (char c : a) command += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    command += "'";
-  }
-  CliRun run;
-  FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
-  if (!pipe) return run;
-  char buf[4096];
-  for (std::size_t n; (n = std::fread(buf, 1, sizeof(buf), pipe)) > 0;) run.output.append(buf, n);
-  int status = ::pclose(pipe);
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
+CliRun Tarncore(const std::vector<std::string>& args) { return tarn::test::RunProgram(TARN_CLI, args); }
 
 using Cli = tarn::test::PipelineFixture;
 
@@ -114,12 +94,6 @@ TEST_F(Cli, ListenPrintsBroadcastsAsTheyCome) {
 
 namespace fs = std::filesystem;
 
-std::string ReadAll(const std::string& path) {
-  std::stringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
 // A machine laid out as the demo's: the build's kits and scope service, the
 // demo's remote configuration, the development key trusted as a maker key and
 // a policy that knows the CLI by that key.
@@ -170,7 +144,7 @@ TEST(CliDiagnose, AHealthyMachinePassesAndEachFaultIsNamedWithItsCause) {
   fs::copy(tarn::test::BuildDir() + "/tests/kit/kits/com.test.noentry", kits + "com.test.noentry");
   root.WriteFile("etc/tarncore/scope-policy.json", "{ \"clients\": [ }");
   // A refresh cached a copy that lists them all and ends in a value of the wrong type.
-  std::string cached = ReadAll(root.At("opt/tarncore/config/remoteConfig.json"));
+  std::string cached = root.ReadFile("opt/tarncore/config/remoteConfig.json");
   std::string added;
   for (const char* package : {"com.bad.digest", "com.bad.unsigned", "com.bad.untrusted", "com.bad.manifest"}) {
     added += std::string(R"(,{"packageName": ")") + package + R"(", "subKits": [{"kitName": "Demo"}]})";

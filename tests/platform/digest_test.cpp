@@ -1,24 +1,19 @@
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
+#include <memory>
 #include <string>
 
 #include "platform/commonutil/de.h"
 #include "platform/os/text.h"
 #include "support/temp_root.h"
 
-TEST(Digest, MatchesSha256sumInUpperCaseAndUnreadableGivesEmpty) {
+TEST(Digest, IsSha256InUpperCaseAndUnreadableGivesEmpty) {
   tarn::test::TempRoot root;
-  std::string content;
+  std::string content;  // every byte value, zero too, over more than one read
   for (int i = 0; i < 100000; ++i) content += static_cast<char>(i * 7);
   root.WriteFile("blob", content);
-  std::unique_ptr<FILE, int (*)(FILE*)> p(::popen(("sha256sum '" + root.At("blob") + "'").c_str(), "r"), &::pclose);
-  std::array<char, 128> buf{};
-  ASSERT_TRUE(p && std::fgets(buf.data(), buf.size(), p.get()));
-  std::string expected(buf.data(), 64);
-  for (auto& c : expected) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  EXPECT_EQ(DE::GetFileSha256Hex(root.At("blob")), expected);
+  EXPECT_EQ(DE::GetFileSha256Hex(root.At("blob")),
+            "931030B89F42C06DCDDA12A43DFCD601D745D11BBB5FCD1A00FEA442E8405157");
   root.WriteFile("empty", "");
   EXPECT_EQ(DE::GetFileSha256Hex(root.At("empty")),
             "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855");

@@ -3,16 +3,14 @@
 // reaped with the integration tests' helpers.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <fstream>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "integration/programs.h"
 #include "platform/security/signature.h"
+#include "support/run_program.h"
 #include "support/temp_root.h"
 
 namespace tarn::test {
@@ -40,24 +38,5 @@ class TrustedKeysTest : public ::testing::Test {
   TempRoot root;
   security::SigningKey maker = NewKey(), platform = NewKey();
 };
-
-struct RunResult {
-  int exitCode = -1;
-  std::string output;  // standard output and error together
-};
-
-// Runs a program through the shell; the tests' paths and arguments hold no quotes.
-inline RunResult RunProgram(const std::string& path, const std::vector<std::string>& args) {
-  std::string command = "'" + path + "'";
-  for (const auto& a : args) command += " '" + a + "'";
-  RunResult result;
-  FILE* pipe = ::popen((command + " </dev/null 2>&1").c_str(), "r");
-  if (!pipe) return result;
-  char buf[4096];
-  for (std::size_t n; (n = std::fread(buf, 1, sizeof(buf), pipe)) > 0;) result.output.append(buf, n);
-  int status = ::pclose(pipe);
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
 
 }  // namespace tarn::test
