@@ -39,7 +39,6 @@ std::string Shell(const std::string& command) {
 
 std::string Built(const std::string& relative) { return BuildDir() + "/" + relative; }
 
-
 // An Xvfb on a display number nobody uses, which it names once it takes
 // connections, and xdotool on it.
 class Xvfb {

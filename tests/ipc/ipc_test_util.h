@@ -67,6 +67,18 @@ inline TagIPCMessageItem RequestItem(int32_t id) {
   return item;
 }
 
+// The container's answer to request `id`, as it posts it.
+inline TagIPCMessageItem ResponseItem(int32_t id) {
+  TagIPCMessageItem item;
+  item.target = IpcAddressClientSide;
+  item.source = IpcAddressContainer;
+  item.messageCode = IpcResponseMessageCode;
+  item.reserved = -1;
+  item.syncMessageId = id;
+  item.bodyIsHeld = 1;
+  return item;
+}
+
 // A request frame as a client writes it; the body goes without a terminator.
 inline std::string EncodeFrame(TagIPCMessageItem item, const std::string& body) {
   unsigned char header[ipc::kFrameHeaderSize];

@@ -48,18 +48,8 @@ class IpcServerTest : public ::testing::TestWithParam<int> {
     });
   }
 
-  static TagIPCMessageItem Response(int32_t id) {
-    TagIPCMessageItem out;
-    out.target = IpcAddressClientSide;
-    out.source = IpcAddressContainer;
-    out.messageCode = IpcResponseMessageCode;
-    out.reserved = -1;
-    out.syncMessageId = id;
-    out.bodyIsHeld = 1;
-    return out;
-  }
   bool Answer(int32_t id, std::string text) {
-    TagIPCMessageItem out = Response(id);
+    TagIPCMessageItem out = ResponseItem(id);
     out.body = text.data();
     out.bodySize = static_cast<uint32_t>(text.size() + 1);
     return host_->PostIPCMessage(out);
@@ -385,7 +375,7 @@ TEST_P(IpcServerTest, AnIdSentAgainTakesTheAnswerButNotTheCaller) {
 
   // Another process sends the same id; the answer of the first goes to it.
   const pid_t other = SendFromChild(server_->SocketPathInUse(), EncodeFrame(RequestItem(9), "also mine"),
-                                    EncodeFrame(Response(9), std::string("first", 6)));
+                                    EncodeFrame(ResponseItem(9), std::string("first", 6)));
   ASSERT_GT(other, 0);
   EXPECT_TRUE(Eventually([&] { return server_->GetCallerPidByMsgId(9) == static_cast<uint32_t>(other); }));
   releaseFirst.set_value();

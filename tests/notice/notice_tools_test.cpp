@@ -4,7 +4,6 @@
 #include <json/reader.h>
 #include <json/value.h>
 
-#include <chrono>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -12,9 +11,10 @@
 #include <vector>
 
 #include "integration/programs.h"
-#include "platform/ipc/ipc_client.h"
+#include "ipc/ipc_test_util.h"
 #include "platform/ipc/ipc_server.h"
 #include "platform/os/named_mutex.h"
+#include "support/run_program.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -41,11 +41,7 @@ class StandInContainer {
         std::lock_guard<std::mutex> lock(mutex_);
         requests_.push_back(Parse(item.body));
       }
-      TagIPCMessageItem reply;
-      reply.target = IpcAddressClientSide;
-      reply.source = IpcAddressContainer;
-      reply.messageCode = IpcResponseMessageCode;
-      reply.syncMessageId = item.syncMessageId;
+      TagIPCMessageItem reply = tarn::test::ResponseItem(item.syncMessageId);
       reply.body = answer_.data();
       reply.bodySize = static_cast<uint32_t>(answer_.size() + 1);
       sender_->PostIPCMessage(reply);
@@ -69,13 +65,7 @@ class StandInContainer {
 };
 
 int RunTool(const std::vector<std::string>& argv) {
-  const pid_t pid = tarn::test::Spawn(argv);
-  int status = -1;
-  if (!tarn::test::WaitExit(pid, std::chrono::seconds(60), &status)) {
-    tarn::test::KillAndReap(pid);
-    return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return tarn::test::RunProgram(argv[0], {argv.begin() + 1, argv.end()}).exitCode;
 }
 
 std::string Notice() { return tarn::test::BuildDir() + "/tools/notice/TarnCoreNotice"; }
