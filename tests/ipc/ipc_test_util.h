@@ -50,6 +50,14 @@ inline bool ReadExact(int fd, std::string& out, std::size_t n) {
   return ::recv(fd, out.data(), n, MSG_WAITALL) == static_cast<ssize_t>(n);
 }
 
+// Reads one whole frame; false on end, error, time-out or bytes that are no frame.
+inline bool ReadFrame(int fd, TagIPCMessageItem& item, std::string& body) {
+  std::string header;
+  return ReadExact(fd, header, ipc::kFrameHeaderSize) &&
+         ipc::DecodeFrameHeader(reinterpret_cast<const unsigned char*>(header.data()), item) == ipc::HeaderCheck::Ok &&
+         ReadExact(fd, body, item.bodySize);
+}
+
 // True when the peer closed the connection within the time.
 inline bool WaitClosed(int fd) {
   char c;
@@ -79,12 +87,17 @@ inline TagIPCMessageItem ResponseItem(int32_t id) {
   return item;
 }
 
+// A frame header that announces bodySize bytes, whatever follows it.
+inline std::string EncodeHeader(TagIPCMessageItem item, uint32_t bodySize) {
+  unsigned char header[ipc::kFrameHeaderSize];
+  item.bodySize = bodySize;
+  ipc::EncodeFrameHeader(item, header);
+  return std::string(reinterpret_cast<char*>(header), sizeof(header));
+}
+
 // A request frame as a client writes it; the body goes without a terminator.
 inline std::string EncodeFrame(TagIPCMessageItem item, const std::string& body) {
-  unsigned char header[ipc::kFrameHeaderSize];
-  item.bodySize = static_cast<uint32_t>(body.size());
-  ipc::EncodeFrameHeader(item, header);
-  return std::string(reinterpret_cast<char*>(header), sizeof(header)) + body;
+  return EncodeHeader(item, static_cast<uint32_t>(body.size())) + body;
 }
 
 // Forks a process that connects, sends `bytes`, then reads as many bytes as

@@ -152,12 +152,9 @@ TEST_P(IpcServerTest, RequestsFromOneConnectionRunAtOnce) {
     }
     std::set<int32_t> answered;
     for (int i = 0; i < kRequests; ++i) {
-      std::string header, body;
-      ASSERT_TRUE(ReadExact(fd, header, 32));
       TagIPCMessageItem item;
-      ASSERT_EQ(tarn::ipc::HeaderCheck::Ok,
-                tarn::ipc::DecodeFrameHeader(reinterpret_cast<const unsigned char*>(header.data()), item));
-      ASSERT_TRUE(ReadExact(fd, body, item.bodySize));
+      std::string body;
+      ASSERT_TRUE(ReadFrame(fd, item, body));
       answered.insert(item.syncMessageId);
     }
     EXPECT_EQ(static_cast<std::size_t>(kRequests), answered.size());
@@ -186,11 +183,7 @@ TEST_P(IpcServerTest, SixteenMiBCrossWholeWhileALargerFrameOrGarbageClosesOnlyIt
   ASSERT_GE(big, 0);
   ASSERT_GE(junk, 0);
   ASSERT_TRUE(Eventually([&] { return server_->ConnectionCount() == 3; }));
-  TagIPCMessageItem huge = RequestItem(2);
-  unsigned char header[32];
-  huge.bodySize = 16u * 1024 * 1024 + 1;
-  tarn::ipc::EncodeFrameHeader(huge, header);
-  ASSERT_TRUE(WriteAll(big, std::string(reinterpret_cast<char*>(header), 32)));
+  ASSERT_TRUE(WriteAll(big, EncodeHeader(RequestItem(2), 16u * 1024 * 1024 + 1)));
   ASSERT_TRUE(WriteAll(junk, "GET / HTTP/1.1\r\nHost: tarncore\r\nAccept: */*\r\n\r\n"));
   EXPECT_TRUE(WaitClosed(big));
   EXPECT_TRUE(WaitClosed(junk));
@@ -402,13 +395,12 @@ TEST_P(IpcServerTest, PastItsBoundsTheServerMakesClientsWaitOrCutsThemOff) {
   int waiting = Connect();  // the kernel takes it into the listen queue
   ASSERT_GE(waiting, 0);
   ASSERT_TRUE(WriteAll(waiting, EncodeFrame(RequestItem(3), "waited")));
-  std::string header, body;
-  std::string frames;
+  std::string frames, body;
   for (int id = 1; id <= 3; ++id) frames += EncodeFrame(RequestItem(id), "burst");
   ASSERT_TRUE(WriteAll(first, frames));
+  TagIPCMessageItem item;
   for (int id = 1; id <= 3; ++id) {
-    ASSERT_TRUE(ReadExact(first, header, 32));
-    ASSERT_TRUE(ReadExact(first, body, 11));
+    ASSERT_TRUE(ReadFrame(first, item, body));
     EXPECT_EQ(std::string("echo:burst", 11), body);
   }
   EXPECT_TRUE(logs_.Has(Level::Warn, "ipc requests waiting for a worker at their limit of 0, readers run theirs"));
@@ -416,16 +408,11 @@ TEST_P(IpcServerTest, PastItsBoundsTheServerMakesClientsWaitOrCutsThemOff) {
   EXPECT_EQ(2u, server_->ConnectionCount());
 
   // More than the bound, sent in part: the connection is cut off, nothing else.
-  TagIPCMessageItem large = RequestItem(4);
-  large.bodySize = 1024 * 1024;
-  unsigned char head[32];
-  tarn::ipc::EncodeFrameHeader(large, head);
-  ASSERT_TRUE(WriteAll(second, std::string(reinterpret_cast<char*>(head), 32) + std::string(100 * 1024, 'x')));
+  ASSERT_TRUE(WriteAll(second, EncodeHeader(RequestItem(4), 1024 * 1024) + std::string(100 * 1024, 'x')));
   EXPECT_TRUE(WaitClosed(second));
   EXPECT_TRUE(logs_.Has(Level::Warn, "ipc connection closed: requests hold the input bound, pid " +
                                          std::to_string(::getpid())));
-  ASSERT_TRUE(ReadExact(waiting, header, 32));  // accepted now, and answered
-  ASSERT_TRUE(ReadExact(waiting, body, 12));
+  ASSERT_TRUE(ReadFrame(waiting, item, body));  // accepted now, and answered
   EXPECT_EQ(std::string("echo:waited", 12), body);
   for (int fd : {first, second, waiting}) ::close(fd);
 }

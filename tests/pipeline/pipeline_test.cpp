@@ -181,11 +181,9 @@ TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
   ASSERT_TRUE(tarn::test::WriteAll(fd, tarn::test::EncodeFrame(tarn::test::RequestItem(-70), Request())));
   // The decoder reads the bytes as the wire format has them (the IPC suite
   // checks it byte for byte), and refuses padding that isn't zero.
-  std::string frame, body;
-  ASSERT_TRUE(tarn::test::ReadExact(fd, frame, tarn::ipc::kFrameHeaderSize));
   TagIPCMessageItem got;
-  ASSERT_EQ(tarn::ipc::HeaderCheck::Ok,
-            tarn::ipc::DecodeFrameHeader(reinterpret_cast<const unsigned char*>(frame.data()), got));
+  std::string body;
+  ASSERT_TRUE(tarn::test::ReadFrame(fd, got, body));
   const std::string expected =
       "{\"header\":{\"api_name\":\"Demo.Echo\",\"app_id\":\"app\",\"error_code\":\"0\","
       "\"error_reason\":\"success\",\"pkg_name\":\"pkg\",\"resolution\":\"\",\"session_id\":\"s1\","
@@ -195,7 +193,6 @@ TEST_F(Pipeline, BareResultIsWrappedInTheRequestsHeaderWithoutTheId) {
                                   static_cast<int64_t>(expected.size() + 1)}),
             (std::vector<int64_t>{got.target, got.source, got.messageCode, got.subCode, got.reserved,
                                   got.syncMessageId, got.bodyIsHeld, got.bodySize}));
-  ASSERT_TRUE(tarn::test::ReadExact(fd, body, got.bodySize));
   ::close(fd);
   EXPECT_EQ(expected + '\0', body);
   EXPECT_NE(std::string::npos, seenHeader.find("\"syncMessageId\":\"-70\""));
