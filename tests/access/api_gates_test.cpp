@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <tuple>
 
 #include "access/scope_proxy.h"
@@ -16,7 +15,6 @@
 #include "platform/log/log_capture.h"
 #include "platform/os/places.h"
 #include "platform/security/security.h"
-#include "security/security_test_util.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -215,26 +213,6 @@ TEST_F(GatesTest, TheCacheRefreshOpensTheGatewayForEachCachedClient) {
   EXPECT_FALSE(log_.Contains("folder.d"));
   ScopeUtil::ListFiles(root.At(cache) + "*.json");  // the pattern selects
   EXPECT_THAT(AskedAppIds(6), UnorderedElementsAre("104", "a", "plain", "", "104"));
-}
-
-// With the real verifier: the fingerprint is that of the executable the
-// process runs, whatever has taken its path since the signature check.
-class CallerFingerprintTest : public tarn::test::TrustedKeysTest {
- protected:
-  void TearDown() override { tarn::test::KillAndReap(client_); }
-  pid_t client_ = -1;
-};
-
-TEST_F(CallerFingerprintTest, IsTakenFromTheExecutableThatWasChecked) {
-  const std::string path = root.At("client"), other = root.At("other");
-  for (auto [file, key] : {std::pair{path, &maker}, std::pair{other, &platform}}) {
-    tarn::test::CopyExecutable(TARN_SECURITY_HELPER, file);
-    ASSERT_TRUE(tarn::security::SignFile(file, *key));
-  }
-  client_ = tarn::test::Spawn({path, "wait"});
-  ASSERT_EQ(SignatureVerifyer::GetInstance()->Verify(client_), 0);
-  ASSERT_EQ(std::rename(other.c_str(), path.c_str()), 0);
-  EXPECT_EQ(ScopeUtil::CalcProcessExe(client_), tarn::security::Fingerprint(maker.Public()));
 }
 
 }  // namespace

@@ -258,6 +258,9 @@ TEST_F(ProcessSignatureTest, ReplacedExecutableStillJudgedByWhatRuns) {
   tarn::test::CopyExecutable(TARN_SECURITY_HELPER, root.At("other"));
   ASSERT_EQ(std::rename(root.At("other").c_str(), root.At("replaced-helper").c_str()), 0);
   EXPECT_EQ(v->Verify(pid), 0);
+  std::string thumb;
+  ASSERT_NE(v->ProcessGetFileThumb(pid, thumb), 0);
+  EXPECT_EQ(thumb, ts::Fingerprint(maker.Public()));
   // The path no longer names what runs, so it is not handed out.
   std::string exe;
   EXPECT_NE(v->GetAndVerifyTarnCoreExePath(pid, exe), 0);
