@@ -15,6 +15,7 @@
 #include "container/NetworkMonitor.h"
 #include "platform/log/log_capture.h"
 #include "platform/os/message_queue.h"
+#include "support/eventually.h"
 #include "thread/ThreadManager.h"
 
 using tarn::log::Level;
@@ -92,7 +93,7 @@ TEST_F(NetworkMonitorTest, InitialAnswerThenChangesUntilExit) {
   WaitCalls(2);
   const int takes = source.takes;
   source.Change(kConnectivityIpv4LocalNetwork);
-  for (int i = 0; i < 2000 && source.takes == takes; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  tarn::test::Eventually([&] { return source.takes != takes; }, std::chrono::seconds(20));
   source.Change(kConnectivityIpv4LocalNetwork | kConnectivityIpv6Internet);
   WaitCalls(4);
   // A quit message doesn't end the loop; the process-exit event does.
