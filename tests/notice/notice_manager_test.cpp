@@ -21,12 +21,14 @@
 #include "platform/os/process.h"
 #include "platform/security/security.h"
 #include "support/eventually.h"
+#include "support/fake_launch.h"
 #include "support/temp_root.h"
 #include "thread/ThreadManager.h"
 
 namespace {
 
 using tarn::log::Level;
+using tarn::test::FakeSessions;
 
 const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
 
@@ -71,16 +73,6 @@ class FakeSigner : public tarn::security::FileSignatureChecker {
   }
   bool makerSigned = true;
   std::vector<std::pair<dev_t, ino_t>> checked;
-};
-
-// A person logged on at seat0, or no one.
-class FakeSessions : public tarn::desktop::Sessions {
- public:
-  std::optional<tarn::desktop::SessionUser> ActiveGraphicalSession() override {
-    if (!loggedOn) return std::nullopt;
-    return tarn::desktop::SessionUser{"2", 1000, 1000, {1000}, {"DISPLAY=:0", "HOME=/home/ada", "USER=ada"}};
-  }
-  bool loggedOn = true;
 };
 
 class NoticeManagerTest : public testing::Test {

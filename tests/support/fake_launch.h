@@ -1,14 +1,17 @@
 #pragma once
-// Processes and file signatures replaced, for the code that starts a verified
-// program: each start is recorded with the head of the file it opened, so a
-// file swapped in at the path after the checks shows up as what would run.
+// Processes, file signatures and the desktop session replaced, for the code
+// that starts a verified program: each start is recorded with the head of the
+// file it opened, so a file swapped in at the path after the checks shows up
+// as what would run.
 #include <unistd.h>
 
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/desktop/desktop.h"
 #include "platform/os/process.h"
 #include "platform/security/security.h"
 
@@ -47,6 +50,16 @@ class FakeSignatures : public security::FileSignatureChecker {
   }
   bool embedded = true, maker = true;
   std::function<void()> whileVerifying;
+};
+
+// A person logged on at seat0, or no one.
+class FakeSessions : public desktop::Sessions {
+ public:
+  std::optional<desktop::SessionUser> ActiveGraphicalSession() override {
+    if (!loggedOn) return std::nullopt;
+    return desktop::SessionUser{"2", 1000, 1000, {1000}, {"DISPLAY=:0", "HOME=/home/ada", "USER=ada"}};
+  }
+  bool loggedOn = true;
 };
 
 }  // namespace tarn::test

@@ -27,17 +27,10 @@
 using tarn::log::Level;
 using tarn::test::Eventually;
 using tarn::test::FakeProcesses;
+using tarn::test::FakeSessions;
 using tarn::test::FakeSignatures;
 
 namespace {
-
-// A person at the desktop, so the UI has somewhere to start.
-class FakeSessions : public tarn::desktop::Sessions {
- public:
-  std::optional<tarn::desktop::SessionUser> ActiveGraphicalSession() override {
-    return tarn::desktop::SessionUser{"2", 1000, 1000, {}, {"DISPLAY=:0"}};
-  }
-};
 
 // The update library with a canned check answer, counting its upgrades.
 struct LibraryScript {
