@@ -14,7 +14,6 @@
 #include <fstream>
 #include <regex>
 #include <stdexcept>
-#include <thread>
 
 #include "support/eventually.h"
 
@@ -83,12 +82,9 @@ pid_t SpawnWithPid(pid_t pid, const std::vector<std::string>& argv) {
 }
 
 bool WaitExit(pid_t pid, std::chrono::milliseconds limit, int* status) {
-  const auto end = std::chrono::steady_clock::now() + limit;
   int st = 0;
-  for (pid_t r; (r = ::waitpid(pid, &st, WNOHANG)) != pid;) {
-    if (r < 0 || std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  pid_t r = 0;
+  if (!Eventually([&] { return (r = ::waitpid(pid, &st, WNOHANG)) != 0; }, limit) || r != pid) return false;
   if (status) *status = st;
   return true;
 }
