@@ -48,8 +48,11 @@ class Xvfb {
     if (::pipe2(ready, O_CLOEXEC) != 0) return;
     pid_ = Spawn({"/usr/bin/Xvfb", "-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "1280x1024x24"}, {ready[1], -1, -1, {}});
     ::close(ready[1]);
-    char number[16] = {};
-    if (::read(ready[0], number, sizeof(number) - 1) > 0) display_ = ":" + std::to_string(std::atoi(number));
+    // Xvfb writes the number and its line feed apart and dies if the second
+    // write finds the pipe closed: read up to the line feed.
+    std::string number;
+    for (char c; ::read(ready[0], &c, 1) == 1 && c != '\n';) number += c;
+    if (!number.empty()) display_ = ":" + number;
     ::close(ready[0]);
   }
   ~Xvfb() { KillAndReap(pid_); }
