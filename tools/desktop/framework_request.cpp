@@ -1,78 +1,38 @@
 #include "framework_request.h"
 
 #include <json/reader.h>
-#include <json/writer.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <sstream>
 #include <thread>
 
-#include "platform/ipc/ipc_client.h"
-#include "platform/ipc/ipc_message.h"
-#include "platform/os/random.h"
+#include "tarncore/client.h"
 
 namespace tarn::tools {
 
 namespace {
 
-constexpr int kClientUnreachable = 9001;
-constexpr int kClientConnectionLost = 9002;
-constexpr int kClientTimeout = 9003;
 constexpr int kAnswerTimeoutMs = 5000;
 // The container answers this while its kit manager is still starting.
 constexpr const char* kNotInited = "907135011";
 
-std::string RandomHex(std::size_t bytes) {
-  std::string raw(bytes, '\0');
-  tarn::os::CryptGenRandom(static_cast<std::uint32_t>(bytes), reinterpret_cast<std::uint8_t*>(raw.data()));
-  static const char* digits = "0123456789abcdef";
-  std::string out;
-  for (unsigned char b : raw) {
-    out += digits[b >> 4];
-    out += digits[b & 15];
-  }
-  return out;
-}
-
-std::string RequestText(const std::string& uri, const Json::Value& body, const std::string& pkgName) {
-  Json::Value header(Json::objectValue);
-  header["version"] = "1.0";
-  header["srv_name"] = "Framework";
-  header["api_name"] = uri;
-  header["app_id"] = kCoreClientId;
-  header["pkg_name"] = pkgName;
-  header["sdk_version"] = "5.3.0.300";
-  header["session_id"] = RandomHex(8);
-  header["transaction_id"] = RandomHex(16);
-  header["kitSdkVersion"] = "5.3.0.300";
-  header["apiLevel"] = "1";
-  header["client_id"] = kCoreClientId;
-  Json::Value request(Json::objectValue);
-  request["header"] = header;
-  request["body"] = body;
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  return Json::writeString(builder, request);
-}
-
-FrameworkAnswer SendOnce(const std::string& text) {
+FrameworkAnswer SendOnce(tarncore::Client& client, const std::string& uri, const Json::Value& body) {
+  const tarncore::Response response = client.Call(uri, body, {}, kAnswerTimeoutMs);
   FrameworkAnswer answer;
-  TarnCoreIPCMessageClient client(IpcAddressClientSide, true, false);
-  TagIPCMessageItem item = tarn::ipc::ClientRequest(text, tarn::ipc::RandomSyncMessageId());
-  answer.clientCode = client.SendMessageSync(item, answer.text, kAnswerTimeoutMs);
-  if (answer.clientCode == 0) ReadAnswer(answer.text, answer);
+  answer.clientCode = response.clientCode;
+  answer.text = response.text;
+  if (answer.clientCode == tarncore::kOk) ReadAnswer(answer.text, answer);
   return answer;
 }
 
 bool WorthRetrying(const FrameworkAnswer& answer) {
-  return answer.clientCode == kClientUnreachable || answer.clientCode == kClientConnectionLost ||
-         answer.clientCode == kClientTimeout || answer.statusCode == kNotInited;
+  return answer.clientCode == tarncore::kServiceNotUsed || answer.clientCode == tarncore::kResponseError ||
+         answer.clientCode == tarncore::kTimeout || answer.statusCode == kNotInited;
 }
 
 }  // namespace
@@ -95,10 +55,15 @@ void ReadAnswer(const std::string& text, FrameworkAnswer& answer) {
 
 FrameworkAnswer SendFrameworkRequest(const std::string& uri, const Json::Value& body,
                                      const std::string& pkgName, int waitMs) {
-  const std::string text = RequestText(uri, body, pkgName);
+  // As the platform itself, and as new a client as the container knows.
+  tarncore::Client client({{"app_id", kCoreClientId},
+                           {"client_id", kCoreClientId},
+                           {"pkg_name", pkgName},
+                           {"sdk_version", "5.3.0.300"},
+                           {"kitSdkVersion", "5.3.0.300"}});
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(waitMs, 0));
   for (;;) {
-    FrameworkAnswer answer = SendOnce(text);
+    FrameworkAnswer answer = SendOnce(client, uri, body);
     if (!WorthRetrying(answer) || std::chrono::steady_clock::now() >= deadline) return answer;
     std::this_thread::sleep_for(std::chrono::seconds(1));
   }
