@@ -146,11 +146,14 @@ TEST(NamedMutexTest, OpenSucceedsOnlyWhileSomeoneHoldsTheLockFile) {
   held->Release();
   EXPECT_EQ(NamedMutex::Open(name), nullptr);
 
-  // A program of another user holds it too, on the file root made and on one
-  // of its own (the notice runs as the person at the desktop).
+  // A program of another user holds it too (the notice runs as the person at
+  // the desktop) once root has looked, on a lock file of its own and on one
+  // root made.
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to run a child as another user";
   fs::permissions(root.At(""), fs::perms(0755));
-  for (const char* mutexName : {name, "Global\\MadeByTheUser"}) {
+  fs::remove_all(root.At("run/tarncore/locks"));
+  EXPECT_EQ(NamedMutex::Open(name), nullptr);
+  auto heldByAnotherUser = [](const char* mutexName) {
     SCOPED_TRACE(mutexName);
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
@@ -172,7 +175,11 @@ TEST(NamedMutexTest, OpenSucceedsOnlyWhileSomeoneHoldsTheLockFile) {
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     EXPECT_EQ(NamedMutex::Open(mutexName), nullptr);
-  }
+  };
+  heldByAnotherUser(name);
+  const char* rootMade = "Global\\MadeByRoot";
+  ASSERT_TRUE(NamedMutex::Create(rootMade));
+  heldByAnotherUser(rootMade);
 }
 
 TEST(ClockTest, TickCountIsMonotonicMillisecondsAndReplaceable) {

@@ -56,6 +56,9 @@ std::unique_ptr<NamedMutex> NamedMutex::Create(const std::string& name) {
 }
 
 std::unique_ptr<NamedMutex> NamedMutex::Open(const std::string& name) {
+  // The container looks before it starts a holder of another user, who can't
+  // make the folder under the root-owned runtime folder itself.
+  MakeLocksDirectory();
   int fd = ::open(PathFor(name).c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     SetLastError(kErrorFileNotFound);
