@@ -41,7 +41,8 @@ add_custom_target(tarn_install_files ALL DEPENDS ${tarn_generated}/scope-policy.
 # ELF file, which would break its signature.
 install(PROGRAMS
     $<TARGET_FILE:TarnCoreContainer> $<TARGET_FILE:TarnCoreService>
-    $<TARGET_FILE:TarnCoreUI> $<TARGET_FILE:TarnCoreNotice> ${tarn_generated}/tarncore-setup
+    $<TARGET_FILE:TarnCoreUI> $<TARGET_FILE:TarnCoreUpdater> $<TARGET_FILE:TarnCoreNotice>
+    ${tarn_generated}/tarncore-setup
   DESTINATION ${TARN_INSTALL_DIR} COMPONENT platform)
 foreach(package com.vantrel.scopeservice com.vantrel.demo com.vantrel.demo.lazy com.vantrel.sample)
   install(DIRECTORY ${PROJECT_BINARY_DIR}/kits/${package} DESTINATION ${TARN_INSTALL_DIR}/kits

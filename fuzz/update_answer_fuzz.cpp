@@ -47,7 +47,7 @@ class CannedHttp : public tarn::http::HttpClient {
 class RecordedStarts : public tarn::os::Processes {
  public:
   std::vector<pid_t> FindByName(const std::string&) override { return {}; }
-  bool StartFile(int fd, const std::string& path, const std::string&, const tarn::os::StartAs*) override {
+  bool StartFile(int fd, const std::string& path, const std::string&, const tarn::os::StartAs*, int) override {
     char content[64] = {};
     const ssize_t n = ::pread(fd, content, sizeof(content), 0);
     Check(std::string(content, n > 0 ? static_cast<std::size_t>(n) : 0) == kPackage, "what starts is the package");

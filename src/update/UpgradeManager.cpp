@@ -1,6 +1,7 @@
 #include "update/UpgradeManager.h"
 
 #include <cerrno>
+#include <optional>
 #include <vector>
 
 #include "config/ConfigManager.h"
@@ -27,6 +28,10 @@ namespace {
 constexpr int kMonitorChecks = 3;
 // The UI's name in log lines is the system's own; the file drops the suffix.
 constexpr const char* kUiFileName = "TarnCoreUI";
+// The UI's privileged part: runs the install that "Upgrade" asks for when the
+// UI itself runs as the person at the desktop.
+constexpr const char* kUpdaterFileName = "TarnCoreUpdater";
+constexpr const wchar_t* kUpgradeArguments = L"Upgrade";
 constexpr const char* kInstallMutex = "TarnCore_Install";
 constexpr const char* kDownloadDir = "/Vantrel/TARNCORE/Download";
 constexpr const char* kServiceDb = "tarncoreservice.db";
@@ -161,7 +166,18 @@ bool UpgradeManager::StartVtFrameworkUi(std::wstring arguments) {
           "UpgradeManager.StartVTFrameworkUI GetModuleFileName failed. error: " << errno);
     return false;
   }
-  if (!tarn::desktop::StartOnDesktop(ui, tarn::os::WideToUtf8(arguments))) {
+  std::optional<tarn::os::PinnedFile> updater;
+  if (arguments == kUpgradeArguments) {
+    updater.emplace(tarn::config::InstallDirectory() + kUpdaterFileName);
+    if (ConfigManager::GetInstance().verifyEnabled &&
+        (!VerifyEmbeddedSignature(updater->ReadPath().c_str()) ||
+         !VerifyVantrelDigitalSignature(tarn::os::Utf8ToWide(updater->ReadPath())))) {
+      // The UI still starts: as the person it can't install, and says so.
+      CLOGE("UpgradeManager::StartVtFrameworkUi", "sign verify failed. exepath = " << kUpdaterFileName);
+      updater.reset();
+    }
+  }
+  if (!tarn::desktop::StartOnDesktop(ui, tarn::os::WideToUtf8(arguments), updater ? &*updater : nullptr)) {
     CLOGE("UpgradeManager::StartVtFrameworkUi",
           "UpgradeManager.StartVTFrameworkUI StartProcess failed.");
     return false;

@@ -1,5 +1,6 @@
 // The update library with HTTP, processes and signatures replaced, then for
-// real against the reference cloud; the libcurl client's shutdown.
+// real against the reference cloud; the channel between the update UI and its
+// privileged part; the libcurl client's shutdown.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -14,6 +15,7 @@
 #include <map>
 
 #include "platform/appupdate/upgrade_api.h"
+#include "platform/appupdate/upgrade_channel.h"
 #include "platform/commonutil/de.h"
 #include "platform/commonutil/httputil.h"
 #include "platform/commonutil/urlloader.h"
@@ -220,6 +222,71 @@ TEST(CurlHttpClientTest, FreeingTheLibraryStopsRunningTransfersAndRefusesNewOnes
   ASSERT_TRUE(HttpUtil::Https_curl_global_init());
   HttpUtil::Https_curl_global_free();
   ::close(listener);
+}
+
+}  // namespace
+
+namespace {
+
+// An update library that only counts its runs and gives the outcome it is told.
+class CountedUpgrade : public UpgradeAPI {
+ public:
+  explicit CountedUpgrade(bool outcome) : outcome_(outcome) {}
+  void Init() override {}
+  bool TarnCoreAppSilentUpgrade(bool force) override {
+    ++runs;
+    forced = force;
+    return outcome_;
+  }
+  int runs = 0;
+  bool forced = false;
+
+ private:
+  bool outcome_;
+};
+
+struct Channel {
+  Channel() { EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends)); }
+  ~Channel() {
+    for (int end : ends) {
+      if (end >= 0) ::close(end);
+    }
+  }
+  void Close(int which) {
+    ::close(ends[which]);
+    ends[which] = -1;
+  }
+  int ends[2] = {-1, -1};
+};
+
+TEST(UpgradeChannelTest, TheUiLearnsWhetherTheInstallerStartedAndThePartRunsNothingElse) {
+  using tarn::appupdate::Served;
+  for (const bool outcome : {true, false}) {
+    Channel channel;
+    CountedUpgrade updater(outcome);
+    auto part = std::async(std::launch::async, [&] { return tarn::appupdate::ServeUpgrade(channel.ends[1], updater, 5000); });
+    EXPECT_EQ(tarn::appupdate::RequestUpgrade(channel.ends[0]), outcome);
+    EXPECT_EQ(part.get(), outcome ? Served::kStarted : Served::kNotStarted);
+    EXPECT_EQ(updater.runs, 1);
+    EXPECT_TRUE(updater.forced);  // the person agreed already
+  }
+
+  // A UI that ends before asking, one that asks for something else, and one
+  // that never asks: nothing runs.
+  for (const std::string said : {"", "upgrade now\n", "upgrade"}) {
+    SCOPED_TRACE(said);
+    Channel channel;
+    CountedUpgrade updater(true);
+    ASSERT_EQ(static_cast<ssize_t>(said.size()), ::write(channel.ends[0], said.data(), said.size()));
+    if (said != "upgrade") channel.Close(0);
+    EXPECT_EQ(tarn::appupdate::ServeUpgrade(channel.ends[1], updater, 200), Served::kNoRequest);
+    EXPECT_EQ(updater.runs, 0);
+  }
+
+  // A part that goes away without an answer is a failed update, not a hang.
+  Channel channel;
+  channel.Close(1);
+  EXPECT_FALSE(tarn::appupdate::RequestUpgrade(channel.ends[0]));
 }
 
 }  // namespace

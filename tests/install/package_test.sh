@@ -23,7 +23,7 @@ mkdir -p "$work"
 contents() { dpkg-deb --contents "$1" | awk '$1 !~ /^d/ { sub(/^\./, "", $6); print $6 }' | sort; }
 contents "$platform" > "$work/platform.files"
 contents "$dev" > "$work/dev.files"
-for file in /opt/tarncore/TarnCoreContainer /opt/tarncore/TarnCoreService /opt/tarncore/TarnCoreUI \
+for file in /opt/tarncore/TarnCoreContainer /opt/tarncore/TarnCoreService /opt/tarncore/TarnCoreUI /opt/tarncore/TarnCoreUpdater \
             /opt/tarncore/TarnCoreNotice /opt/tarncore/tarncore-setup /opt/tarncore/keys/maker.pub \
             /opt/tarncore/config/remoteConfig.json /opt/tarncore/kits/com.vantrel.scopeservice/ServiceInfo.json \
             /opt/tarncore/kits/com.vantrel.scopeservice/libtarn_scope_service.so \

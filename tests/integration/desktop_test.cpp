@@ -1,6 +1,7 @@
 // The desktop programs with the real service and container on a whole demo
 // machine: the privacy notice and the update dialogs on an Xvfb display of the
-// test's own, answered by keyboard; the update cycle against the reference
+// test's own, answered by keyboard, as the container's user and as a person
+// whom logind has at the desktop; the update cycle against the reference
 // cloud, which serves a signed package; lock and unlock from a private system
 // bus to the demo kit.
 #include <fcntl.h>
@@ -43,10 +44,13 @@ std::string Built(const std::string& relative) { return BuildDir() + "/" + relat
 // connections, and xdotool on it.
 class Xvfb {
  public:
-  Xvfb() {
+  // open: any local user may draw on it, as a person's session lets the person.
+  explicit Xvfb(bool open = false) {
     int ready[2];
     if (::pipe2(ready, O_CLOEXEC) != 0) return;
-    pid_ = Spawn({"/usr/bin/Xvfb", "-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "1280x1024x24"}, {ready[1], -1, -1, {}});
+    std::vector<std::string> argv{"/usr/bin/Xvfb", "-displayfd", "1", "-nolisten", "tcp", "-screen", "0", "1280x1024x24"};
+    if (open) argv.push_back("-ac");
+    pid_ = Spawn(argv, {ready[1], -1, -1, {}});
     ::close(ready[1]);
     // Xvfb writes the number and its line feed apart and dies if the second
     // write finds the pipe closed: read up to the line feed.
@@ -76,6 +80,10 @@ class Xvfb {
   pid_t Pid(const std::string& window) const {
     return static_cast<pid_t>(std::atoi(Shell("DISPLAY=" + display_ + " xdotool getwindowpid " + window).c_str()));
   }
+  // The real uid of the window's process.
+  std::string Uid(const std::string& window) const {
+    return Shell("awk '/^Uid:/ {print $2}' /proc/" + std::to_string(Pid(window)) + "/status");
+  }
 
  private:
   pid_t pid_ = -1;
@@ -92,7 +100,8 @@ class DesktopTest : public ::testing::Test {
     install_ = root_.At("opt/tarncore/");
     fs::create_directories(install_ + "kits");
     for (const char* program : {"src/container/TarnCoreContainer", "tools/service/TarnCoreService",
-                                "tools/notice/TarnCoreNotice", "tools/ui/TarnCoreUI"}) {
+                                "tools/notice/TarnCoreNotice", "tools/ui/TarnCoreUI",
+                                "tools/updater/TarnCoreUpdater"}) {
       fs::copy_file(Built(program), install_ + fs::path(program).filename().string());
     }
     for (const char* package : {"com.vantrel.demo", "com.vantrel.demo.lazy", "com.vantrel.scopeservice"}) {
@@ -115,7 +124,7 @@ class DesktopTest : public ::testing::Test {
                                      std::vector<std::string>{"--key", TARN_DEV_PRIVATE_KEY, "--sign-tool", TARN_SIGN_TOOL});
     cloud_->Serve("update.json",
                   R"({"version": "9.0.0", "installer": "setup.sh", "arguments": ")" + root_.At("installed") + R"("})");
-    cloud_->Serve("packages/setup.sh", "#!/bin/sh\necho installed > \"$1\"\nexit 0\n");
+    cloud_->Serve("packages/setup.sh", "#!/bin/sh\necho installed by $(id -u) > \"$1\"\nexit 0\n");
   }
 
   void TearDown() override {
@@ -131,10 +140,12 @@ class DesktopTest : public ::testing::Test {
     }
   }
 
-  void StartService(std::vector<std::string> env, bool sessionMonitor = false) {
+  void StartService(std::vector<std::string> env, bool sessionMonitor = false,
+                    const std::vector<std::string>& wrapper = {}) {
     env.push_back("GSK_RENDERER=cairo");  // Xvfb has no GL worth the name
     env.push_back("GTK_A11Y=none");       // nor an accessibility bus
-    std::vector<std::string> argv{install_ + "TarnCoreService"};
+    std::vector<std::string> argv = wrapper;
+    argv.push_back(install_ + "TarnCoreService");
     if (!sessionMonitor) argv.push_back("--no-session-monitor");
     SpawnOptions options;
     options.extraEnv = env;
@@ -211,7 +222,7 @@ TEST_F(DesktopTest, NoticeAndUpdateDialogsOnTheDisplayAnsweredByKeyboard) {
   x.Keys(question, "Return");
   ASSERT_TRUE(WaitForText(ContainerLog(root_), "user agree update.(UpdateKitResultReqHandler::Excute)", 30s));
   ASSERT_TRUE(WaitForText(ContainerLog(root_), "UpdateKitResultReqHandler.Excute end.", 60s)) << ReadText(ContainerLog(root_));
-  EXPECT_EQ(ReadText(root_.At("installed")), "installed\n");
+  EXPECT_EQ(ReadText(root_.At("installed")), "installed by 0\n");
   EXPECT_EQ(CountText(root_.At("cloud/received/requests.log"), "GET /tarncore/update/package/setup.sh 200"), 1);
   EXPECT_EQ(Count("KitManagerApi.InitKitsForUpdate end."), 1);
   // The outcome stays up until the person closes it.
@@ -228,6 +239,52 @@ TEST_F(DesktopTest, NoticeAndUpdateDialogsOnTheDisplayAnsweredByKeyboard) {
   ::kill(x.Pid(question), SIGKILL);
   EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
   EXPECT_EQ(Count("TARN is Updating.(KitStoreManager::StartSelfUpdate)"), 1);
+}
+
+// What logind would tell of a person, uid 65534, in an X11 session on the
+// display: a private /run for the service, with seat0's active session in it.
+std::vector<std::string> PersonAtTheDesktop(const std::string& display) {
+  return {"/usr/bin/unshare", "--mount", "--propagation", "private", "/bin/sh", "-c",
+          "set -e; mount -t tmpfs tarn-test-run /run; mkdir -p /run/systemd/seats /run/systemd/sessions;"
+          "printf 'ACTIVE=c7\\nACTIVE_UID=65534\\n' > /run/systemd/seats/seat0;"
+          "printf 'TYPE=x11\\nUID=65534\\nSEAT=seat0\\nACTIVE=1\\nDISPLAY=" + display +
+              "\\n' > /run/systemd/sessions/c7;"
+          "exec \"$@\"",
+          "sh"};
+}
+
+// On a person's desktop the windows run as the person, never as root, and
+// still report; the install they ask for runs with the service's rights.
+TEST_F(DesktopTest, ForAPersonAtTheDesktopTheWindowsRunAsThePersonAndTheInstallAsRoot) {
+  if (::geteuid() != 0 || Shell("unshare --mount true 2>&1 && echo yes") != "yes") {
+    GTEST_SKIP() << "needs root and mount namespaces to stand in for logind";
+  }
+  Xvfb x(true);
+  ASSERT_FALSE(x.display().empty());
+  fs::permissions(root_.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                    fs::perms::others_read | fs::perms::others_exec);
+  StartService({}, false, PersonAtTheDesktop(x.display()));
+
+  const std::string notice = x.Window("Tarn Core privacy notice");
+  ASSERT_FALSE(notice.empty()) << ReadText(ContainerLog(root_));
+  EXPECT_EQ(x.Uid(notice), "65534");
+  x.Keys(notice, "Return");
+  ASSERT_TRUE(Eventually([&] { return Registry("PrivacyNotice") == "true"; }, 30s)) << ReadText(ContainerLog(root_));
+  EXPECT_EQ(Registry("PrivacyAgree"), "64000000");
+
+  EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
+  std::string question = x.Window("prompting");
+  ASSERT_FALSE(question.empty()) << ReadText(ContainerLog(root_));
+  EXPECT_EQ(x.Uid(question), "65534");
+  x.Keys(question, "Return");
+  ASSERT_TRUE(WaitForText(ContainerLog(root_), "UpdateKitResultReqHandler.Excute end.", 60s)) << ReadText(ContainerLog(root_));
+  EXPECT_EQ(ReadText(root_.At("installed")), "installed by 0\n");
+  EXPECT_EQ(Count("KitManagerApi.InitKitsForUpdate end."), 1);
+  const std::string outcome = x.Window("prompting");
+  ASSERT_FALSE(outcome.empty());
+  EXPECT_EQ(x.Uid(outcome), "65534");
+  x.Keys(outcome, "Return");
+  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("prompting"); }, 30s));
 }
 
 // Emits one of logind's session signals on a bus, as logind.

@@ -44,7 +44,7 @@ class FakeProcesses : public tarn::os::Processes {
   std::vector<pid_t> FindByName(const std::string& name) override {
     return desktop && name == "Xwayland" ? std::vector<pid_t>{4242} : std::vector<pid_t>{};
   }
-  bool StartFile(int fd, const std::string& path, const std::string& arguments, const tarn::os::StartAs* as) override {
+  bool StartFile(int fd, const std::string& path, const std::string& arguments, const tarn::os::StartAs* as, int) override {
     std::lock_guard<std::mutex> lock(mutex);
     started.push_back({path, arguments});
     startedFile = FileId("/proc/self/fd/" + std::to_string(fd));

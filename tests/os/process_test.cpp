@@ -51,7 +51,7 @@ TEST(ProcessTest, StartedProgramRunsDetachedAsItsUserAndIsFoundByItsLongNameWith
   fs::rename(path + ".new", path);
   const bool asRoot = ::geteuid() == 0;
   StartAs nobody{kNobody, kNobody, {kNobody}, {"HOME=/", "ONLY=this"}};
-  ASSERT_TRUE(GetProcesses().StartFile(program.fd(), path, "  30 ", asRoot ? &nobody : nullptr));
+  ASSERT_TRUE(GetProcesses().StartFile(program.fd(), path, "  30 ", asRoot ? &nobody : nullptr, -1));
   std::string upper = name;
   for (char& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   std::vector<pid_t> pids;
@@ -98,13 +98,13 @@ TEST(ProcessTest, AStartThatFailsGivesTheErrno) {
   tarn::test::TempRoot root;
   const PinnedFile absent(root.At("absent"));
   SetLastError(0);
-  EXPECT_FALSE(GetProcesses().StartFile(absent.fd(), absent.path(), "x", nullptr));
+  EXPECT_FALSE(GetProcesses().StartFile(absent.fd(), absent.path(), "x", nullptr, -1));
   EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(EBADF));
   // The exec's own failure, in the started process, comes back too.
   root.WriteFile("data", "not a program");
   fs::permissions(root.At("data"), fs::perms::owner_all);
   const PinnedFile data(root.At("data"));
-  EXPECT_FALSE(GetProcesses().StartFile(data.fd(), data.path(), "", nullptr));
+  EXPECT_FALSE(GetProcesses().StartFile(data.fd(), data.path(), "", nullptr, -1));
   EXPECT_EQ(GetLastError(), static_cast<std::uint32_t>(ENOEXEC));
 }
 

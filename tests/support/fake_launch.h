@@ -24,7 +24,7 @@ class FakeProcesses : public os::Processes {
     lookups.push_back(name);
     return !running.empty() && name.rfind(running, 0) == 0 ? std::vector<pid_t>{42} : std::vector<pid_t>{};
   }
-  bool StartFile(int fd, const std::string& path, const std::string& arguments, const os::StartAs*) override {
+  bool StartFile(int fd, const std::string& path, const std::string& arguments, const os::StartAs*, int) override {
     std::lock_guard lock(mutex);
     char content[32] = {};
     starts.push_back(path + "|" + arguments + "|" + std::string(content, ::pread(fd, content, sizeof(content), 0)));

@@ -240,18 +240,19 @@ class Checker {
       }
     }
     // The container starts these only when a maker signed them.
-    const std::pair<const char*, const char*> shown[] = {{"TarnCoreNotice", "the privacy notice"},
-                                                         {"TarnCoreUI", "the update dialogs"}};
-    for (const auto& [name, what] : shown) {
+    const std::pair<const char*, const char*> started[] = {
+        {"TarnCoreNotice", "the privacy notice can't be shown"},
+        {"TarnCoreUI", "the update dialogs can't be shown"},
+        {"TarnCoreUpdater", "an update agreed to at a person's desktop can't install"}};
+    for (const auto& [name, lost] : started) {
       const std::string path = install_ + name;
       if (!Exists(path)) {
-        Add(Severity::kWarning, "installation",
-            std::string(name) + " is missing from " + install_ + ": " + what + " can't be shown",
+        Add(Severity::kWarning, "installation", std::string(name) + " is missing from " + install_ + ": " + lost,
             "install the platform again");
         continue;
       }
       CheckSignature("installation", name, path, ts::Trust::kMakerOnly,
-                     std::string("the container doesn't start it, so ") + what + " can't be shown");
+                     std::string("the container doesn't start it, so ") + lost);
     }
   }
 

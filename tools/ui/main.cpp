@@ -6,7 +6,9 @@
 //                    refused); on agreement the container starts it again with
 //   Upgrade          which runs the silent upgrade through the update library
 //                    and reports its outcome ("0" done, "907135007" failed)
-//                    for the whole platform.
+//                    for the whole platform. Started as the person at the
+//                    desktop, it has the install run by its privileged part
+//                    (TarnCoreUpdater), which the container starts beside it.
 // Both answers go as "Framework.UpdatekitResult". The container counts an
 // update as in progress while a process of this name runs.
 #include <json/value.h>
@@ -18,6 +20,8 @@
 #include "dialog_window.h"
 #include "framework_request.h"
 #include "platform/appupdate/upgrade_api.h"
+#include "platform/appupdate/upgrade_channel.h"
+#include "platform/desktop/desktop.h"
 #include "platform/log/tarn_log.h"
 #include "ui_texts.h"
 #include "ui_window.h"
@@ -104,9 +108,15 @@ int main(int argc, char** argv) {
   } else {
     // The person agreed already: the update is forced past the setting.
     auto upgrade = [&reported, waitMs] {
-      UpgradeAPI updater;
-      updater.Init();
-      const bool done = updater.TarnCoreAppSilentUpgrade(true);
+      bool done;
+      // As the person at the desktop, the install is the privileged part's.
+      if (const char* channel = std::getenv(tarn::desktop::kPrivilegedChannelVariable)) {
+        done = tarn::appupdate::RequestUpgrade(std::atoi(channel));
+      } else {
+        UpgradeAPI updater;
+        updater.Init();
+        done = updater.TarnCoreAppSilentUpgrade(true);
+      }
       ULOG(Info, "TarnCoreUI::main", "silent upgrade started = " << done);
       reported = Report(done ? kUpdateDone : kUpdateFailed, true, waitMs);
       return done;

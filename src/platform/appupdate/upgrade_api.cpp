@@ -141,7 +141,7 @@ bool UpgradeAPI::TarnCoreAppSilentUpgrade(bool force) {
     DE::FileDelete(path);
     return false;
   }
-  if (!tarn::os::GetProcesses().StartFile(package.fd(), path, arguments, nullptr)) {
+  if (!tarn::os::GetProcesses().StartFile(package.fd(), path, arguments, nullptr, -1)) {
     TARN_LOG(::tarn::log::Level::Error, "appupdate", "UpgradeAPI::TarnCoreAppSilentUpgrade", "installer did not start");
     DE::FileDelete(path);
     return false;

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/socket.h>
 #include <systemd/sd-login.h>
 #include <unistd.h>
 
@@ -26,8 +27,11 @@ namespace {
 
 constexpr const char* kSeat = "seat0";
 constexpr const char* kPath = "PATH=/usr/local/bin:/usr/bin:/bin";
-// What the container hands on of its own environment to a program in another user's session.
-constexpr const char* kPassedOn[] = {"TARNCORE_ROOT=", "SPDLOG_LEVEL="};
+// What the container hands on of its own environment to a program in another
+// user's session: its machine root and log level, and GTK's renderer and
+// accessibility choices where a machine's operator set them (an Xvfb has no GL
+// and no accessibility bus).
+constexpr const char* kPassedOn[] = {"TARNCORE_ROOT=", "SPDLOG_LEVEL=", "GSK_RENDERER=", "GTK_A11Y="};
 
 struct FreeDeleter {
   void operator()(char* p) const { std::free(p); }
@@ -113,6 +117,14 @@ std::optional<SessionUser> LogindSessions::ActiveGraphicalSession() {
   char* rawDisplay = nullptr;
   if (sd_session_get_display(session.get(), &rawDisplay) >= 0 && rawDisplay) {
     user.environment.push_back(std::string("DISPLAY=") + CString(rawDisplay).get());
+    // The X server lets in who shows its cookie: where the display manager
+    // keeps it (GDM), else where X logins leave it.
+    for (const std::string& cookie : {runtimeDir + "/gdm/Xauthority", std::string(entry.pw_dir) + "/.Xauthority"}) {
+      if (::access(cookie.c_str(), F_OK) == 0) {
+        user.environment.push_back("XAUTHORITY=" + cookie);
+        break;
+      }
+    }
   }
   if (type == "wayland") {
     const std::string socket = WaylandSocket(runtimeDir);
@@ -161,7 +173,38 @@ DesktopStart ChooseDesktopStart(uid_t self, const std::optional<SessionUser>& se
   return start;
 }
 
-bool StartOnDesktop(const tarn::os::PinnedFile& program, const std::string& arguments) {
+namespace {
+
+bool StartWithPrivilegedPart(const tarn::os::PinnedFile& program, const std::string& arguments,
+                             tarn::os::StartAs as, const tarn::os::PinnedFile& part) {
+  int channel[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0) {
+    tarn::os::SetLastError(static_cast<std::uint32_t>(errno));
+    return false;
+  }
+  const std::string descriptor = std::to_string(tarn::os::kPassedDescriptor);
+  const bool partStarted =
+      tarn::os::GetProcesses().StartFile(part.fd(), part.path(), "--channel " + descriptor, nullptr, channel[1]);
+  ::close(channel[1]);
+  if (partStarted) {
+    as.environment.push_back(std::string(kPrivilegedChannelVariable) + "=" + descriptor);
+  } else {
+    DLOG(Warn, "StartOnDesktop", part.path() << " did not start, error " << tarn::os::GetLastError());
+  }
+  // Once the program has its end, the part learns of the program's exit, or
+  // of a start that failed, as the end of the channel.
+  const bool started = tarn::os::GetProcesses().StartFile(program.fd(), program.path(), arguments, &as,
+                                                          partStarted ? channel[0] : -1);
+  const std::uint32_t error = tarn::os::GetLastError();
+  ::close(channel[0]);
+  tarn::os::SetLastError(error);
+  return started;
+}
+
+}  // namespace
+
+bool StartOnDesktop(const tarn::os::PinnedFile& program, const std::string& arguments,
+                    const tarn::os::PinnedFile* privilegedPart) {
   if (program.fd() < 0) {
     tarn::os::SetLastError(static_cast<std::uint32_t>(program.error()));
     return false;
@@ -176,11 +219,14 @@ bool StartOnDesktop(const tarn::os::PinnedFile& program, const std::string& argu
       tarn::os::SetLastError(ENXIO);
       return false;
     case DesktopStart::Target::kSelf:
-      return tarn::os::GetProcesses().StartFile(fd, path, arguments, nullptr);
+      return tarn::os::GetProcesses().StartFile(fd, path, arguments, nullptr, -1);
     case DesktopStart::Target::kSessionUser:
       DLOG(Info, "StartOnDesktop",
            path << " in session " << session->session << " as uid " << start.as.uid);
-      return tarn::os::GetProcesses().StartFile(fd, path, arguments, &start.as);
+      if (privilegedPart && privilegedPart->fd() >= 0) {
+        return StartWithPrivilegedPart(program, arguments, start.as, *privilegedPart);
+      }
+      return tarn::os::GetProcesses().StartFile(fd, path, arguments, &start.as, -1);
   }
   return false;
 }

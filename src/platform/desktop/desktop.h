@@ -26,8 +26,8 @@ struct SessionUser {
   uid_t uid = 0;
   gid_t gid = 0;
   std::vector<gid_t> groups;
-  // DISPLAY and/or WAYLAND_DISPLAY, XDG_RUNTIME_DIR, DBUS_SESSION_BUS_ADDRESS,
-  // HOME, USER, LANG, as "NAME=value".
+  // DISPLAY (and XAUTHORITY where its cookie is) and/or WAYLAND_DISPLAY,
+  // XDG_RUNTIME_DIR, DBUS_SESSION_BUS_ADDRESS, HOME, USER, LANG, as "NAME=value".
   std::vector<std::string> environment;
 };
 
@@ -58,14 +58,27 @@ struct DesktopStart {
 // The rules above. self: the container's effective uid; ownEnvironment: its
 // "NAME=value" entries. The session user's environment also gets a fixed PATH
 // and the container's TARNCORE_ROOT and SPDLOG_LEVEL, so the program talks to
-// the same machine root.
+// the same machine root, and its GSK_RENDERER and GTK_A11Y where set.
 DesktopStart ChooseDesktopStart(uid_t self, const std::optional<SessionUser>& session,
                                 const std::vector<std::string>& ownEnvironment);
+
+// Names, in the environment of a program started in another user's session,
+// the descriptor joining it to its privileged part.
+inline constexpr const char* kPrivilegedChannelVariable = "TARNCORE_PRIVILEGED_CHANNEL";
 
 // Starts the program held open (already verified) with its path as argv[0]
 // and the arguments, as ChooseDesktopStart decides for this process. False
 // with the last error set when the file didn't open (its errno), no one is at
 // the desktop (ENXIO) or the start failed (its errno).
-bool StartOnDesktop(const tarn::os::PinnedFile& program, const std::string& arguments);
+//
+// A program that runs as the person may still need this process's rights for
+// a step (the update UI's install). Given a privileged part (held open and
+// verified too), a program started in another user's session gets it beside
+// itself: the part runs as this process with "--channel <n>", the program
+// finds the other end of their socket through kPrivilegedChannelVariable, and
+// the part does only what it is asked for there. A part that doesn't start
+// leaves the program on its own.
+bool StartOnDesktop(const tarn::os::PinnedFile& program, const std::string& arguments,
+                    const tarn::os::PinnedFile* privilegedPart = nullptr);
 
 }  // namespace tarn::desktop

@@ -412,9 +412,26 @@ std::string LogFilePath() {
   return s.path;
 }
 
+namespace {
+
+// A desktop program running as the person can't write the machine's log
+// folder, which is root's: it logs where the person's programs keep state.
+std::string PersonalLogDirectory() {
+  const char* state = std::getenv("XDG_STATE_HOME");
+  const char* home = std::getenv("HOME");
+  if (state && state[0] == '/') return std::string(state) + "/tarncore/log/";
+  if (home && home[0] == '/') return std::string(home) + "/.local/state/tarncore/log/";
+  return {};
+}
+
+}  // namespace
+
 void Open(const std::string& baseName, int fileCount, int fileSizeMiB) {
-  const std::string dir = LogDirectory();
-  os::MakeDirectories(dir);
+  std::string dir = LogDirectory();
+  if (!os::MakeDirectories(dir) || ::access(dir.c_str(), W_OK) != 0) {
+    const std::string personal = PersonalLogDirectory();
+    if (!personal.empty() && os::MakeDirectories(personal)) dir = personal;
+  }
   const std::string path = dir + baseName + ".log";
   std::shared_ptr<RotatingFile> file;
   try {

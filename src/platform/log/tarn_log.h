@@ -37,6 +37,8 @@ void Write(Level level, std::string_view tag, std::string_view text);
 
 // Opens a rotating log named <baseName>.log in the log folder of the machine
 // root. initTarnLog uses "TarnCoreContainer"; the other programs their own names.
+// A program that can't write there (a desktop program running as the person)
+// logs to $XDG_STATE_HOME/tarncore/log/, by default ~/.local/state/tarncore/log/.
 void Open(const std::string& baseName, int fileCount, int fileSizeMiB);
 // Folder of the log files, with a trailing '/'.
 std::string LogDirectory();

@@ -87,6 +87,7 @@ struct ExecPlan {
   char* const* envp = nullptr;
   const StartAs* as = nullptr;
   const char* directory = nullptr;  // chdir here first, when given
+  int passed = -1;                  // handed on as kPassedDescriptor, when given
 };
 
 [[noreturn]] void ReportAndExit(int errorPipe, int error) {
@@ -103,17 +104,20 @@ struct ExecPlan {
   byDefault.sa_handler = SIG_DFL;
   for (int signo = 1; signo < NSIG; ++signo) ::sigaction(signo, &byDefault, nullptr);
 
-  // Out of the way of 0 to 4 first, then: standard handles on /dev/null, the
-  // program at 3, the error pipe at 4 (closed by the exec), nothing else.
+  // Out of the way of 0 to 5 first, then: standard handles on /dev/null, the
+  // program at 3, the error pipe at 4 (closed by the exec), the passed
+  // descriptor at 5, nothing else.
   const int program = plan.fd >= 0 ? ::fcntl(plan.fd, F_DUPFD_CLOEXEC, 10) : -1;
+  const int passed = plan.passed >= 0 ? ::fcntl(plan.passed, F_DUPFD_CLOEXEC, 10) : -1;
   const int pipe = ::fcntl(errorPipe, F_DUPFD_CLOEXEC, 10);
-  if (pipe < 0 || (plan.fd >= 0 && program < 0)) ReportAndExit(errorPipe, errno);
+  if (pipe < 0 || (plan.fd >= 0 && program < 0) || (plan.passed >= 0 && passed < 0)) ReportAndExit(errorPipe, errno);
   const int null = ::open("/dev/null", O_RDWR);
   if (null < 0) ReportAndExit(pipe, errno);
   for (int standard = 0; standard <= 2; ++standard) ::dup2(null, standard);
   if (program >= 0 && ::dup3(program, 3, plan.script ? 0 : O_CLOEXEC) < 0) ReportAndExit(pipe, errno);
   if (::dup3(pipe, 4, O_CLOEXEC) < 0) ReportAndExit(pipe, errno);
-  ::close_range(5, ~0U, 0);
+  if (passed >= 0 && ::dup2(passed, kPassedDescriptor) < 0) ReportAndExit(4, errno);
+  ::close_range(passed >= 0 ? kPassedDescriptor + 1 : kPassedDescriptor, ~0U, 0);
 
   if (plan.as) {
     if (::setgroups(plan.as->groups.size(), plan.as->groups.data()) != 0 || ::setgid(plan.as->gid) != 0 ||
@@ -244,7 +248,7 @@ std::vector<pid_t> SystemProcesses::FindByName(const std::string& name) {
 }
 
 bool SystemProcesses::StartFile(int fd, const std::string& path, const std::string& arguments,
-                                const StartAs* as) {
+                                const StartAs* as, int passed) {
   if (fd < 0) {
     SetLastError(EBADF);
     return false;
@@ -257,6 +261,7 @@ bool SystemProcesses::StartFile(int fd, const std::string& path, const std::stri
   plan.script = StartsWithInterpreterLine(fd);
   plan.as = as;
   plan.directory = as ? home.c_str() : nullptr;
+  plan.passed = passed;
   return SpawnDetached(plan, args);
 }
 

@@ -11,6 +11,9 @@ namespace tarn::os {
 
 // Another user to run a started program as: its ids and its whole environment
 // ("NAME=value" entries), nothing of ours added.
+// Where a started program finds the descriptor passed to it.
+inline constexpr int kPassedDescriptor = 5;
+
 struct StartAs {
   uid_t uid = 0;
   gid_t gid = 0;
@@ -31,10 +34,12 @@ class Processes {
   // argv[0] and the arguments (one text split at blanks). Detached: in its own
   // session, standard handles on /dev/null, nothing else inherited, and not
   // waited for. With `as`, it runs as that user with exactly that environment;
-  // without, as this process with its environment. False with the errno as
-  // last error when it could not be started.
+  // without, as this process with its environment. A passed descriptor (not
+  // -1) is the one thing handed on: the program finds it as
+  // kPassedDescriptor. False with the errno as last error when it could not
+  // be started.
   virtual bool StartFile(int fd, const std::string& path, const std::string& arguments,
-                         const StartAs* as) = 0;
+                         const StartAs* as, int passed) = 0;
   // Runs "rm -rf -- directory" in a detached child; true when the child started.
   virtual bool RemoveTreeDetached(const std::string& directory) = 0;
 };
@@ -44,7 +49,7 @@ class SystemProcesses : public Processes {
  public:
   std::vector<pid_t> FindByName(const std::string& name) override;
   bool StartFile(int fd, const std::string& path, const std::string& arguments,
-                 const StartAs* as) override;
+                 const StartAs* as, int passed) override;
   bool RemoveTreeDetached(const std::string& directory) override;
 };
 
