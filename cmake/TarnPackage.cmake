@@ -34,6 +34,8 @@ endif()
 # Package settings go by group name.
 set(CPACK_DEBIAN_TARNCORE_PACKAGE_NAME tarncore)
 set(CPACK_DEBIAN_TARNCORE_PACKAGE_SECTION admin)
+# The windows speak Chinese to a Chinese locale, which needs a font that has it.
+set(CPACK_DEBIAN_TARNCORE_PACKAGE_RECOMMENDS "fonts-noto-cjk")
 set(CPACK_DEBIAN_TARNCORE_DESCRIPTION "TarnCore plug-in service host
 TarnCoreContainer hosts plug-in service kits that local client applications
 call over a Unix socket; TarnCoreService (a systemd service) keeps it running.
