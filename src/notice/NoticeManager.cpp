@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "config/ConfigManager.h"
 #include "platform/desktop/desktop.h"
@@ -27,8 +28,8 @@ namespace tarn::notice {
 namespace {
 
 // The shells whose presence means a user's desktop is up.
-constexpr const char* kDesktopProcesses[] = {"gnome-shell", "plasmashell", "xfce4-session", "Xorg",
-                                             "Xwayland",    "weston",      "Xvfb",          "explorer.exe"};
+const std::vector<std::string> kDesktopProcesses = {"gnome-shell", "plasmashell", "xfce4-session", "Xorg",
+                                                    "Xwayland",    "weston",      "Xvfb",          "explorer.exe"};
 
 // Room of the path buffers the notice path is built in, with the terminator.
 constexpr std::size_t kMaxPath = 260;
@@ -48,12 +49,7 @@ long long VersionNumber(const std::string& text) {
 
 }  // namespace
 
-bool DesktopPresent() {
-  for (const char* name : kDesktopProcesses) {
-    if (tarn::os::IsProcessRunning(name)) return true;
-  }
-  return false;
-}
+bool DesktopPresent() { return tarn::os::IsAnyProcessRunning(kDesktopProcesses); }
 
 }  // namespace tarn::notice
 

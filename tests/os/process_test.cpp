@@ -60,6 +60,9 @@ TEST(ProcessTest, StartedProgramRunsDetachedAsItsUserAndIsFoundByItsLongNameWith
   pid_t pid = pids[0];
   EXPECT_TRUE(IsProcessRunning(name));
   EXPECT_TRUE(SystemProcesses().FindByName(name + "x").empty());
+  // Among other names, in one look at /proc.
+  EXPECT_EQ(SystemProcesses().FindByAnyName({"no-such-program", upper, name}), pids);
+  EXPECT_FALSE(IsAnyProcessRunning({"no-such-program", name + "x"}));
   EXPECT_EQ(::waitpid(pid, nullptr, WNOHANG), -1);  // not our child: nobody has to reap it
   EXPECT_EQ(::getsid(pid), pid);         // its own session
 

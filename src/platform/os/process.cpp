@@ -6,11 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <csignal>
-#include <fstream>
 
 #include "platform/os/last_error.h"
 
@@ -48,18 +48,28 @@ std::string ExeName(const std::string& procDir) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-std::string Comm(const std::string& procDir) {
-  std::ifstream in(procDir + "/comm");
-  std::string comm;
-  std::getline(in, comm);
-  return comm;
+// The first line of a small /proc file, without a stream's set-up: a scan
+// reads one or two of these for every process.
+std::string FirstLine(const std::string& path) {
+  char buf[1024];
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return {};
+  ssize_t n;
+  while ((n = ::read(fd, buf, sizeof(buf))) < 0 && errno == EINTR) {
+  }
+  ::close(fd);
+  if (n <= 0) return {};
+  std::string line(buf, static_cast<std::size_t>(n));
+  const auto end = line.find('\n');
+  if (end != std::string::npos) line.resize(end);
+  return line;
 }
+
+std::string Comm(const std::string& procDir) { return FirstLine(procDir + "/comm"); }
 
 // A process that ended but was not reaped yet (zombie) or is being torn down.
 bool HasEnded(const std::string& procDir) {
-  std::ifstream in(procDir + "/stat");
-  std::string stat;
-  std::getline(in, stat);
+  const std::string stat = FirstLine(procDir + "/stat");
   auto close = stat.rfind(')');
   if (close == std::string::npos || close + 2 >= stat.size()) return true;
   char state = stat[close + 2];
@@ -225,7 +235,19 @@ std::vector<std::string> SplitArguments(const std::string& arguments) {
   return parts;
 }
 
-std::vector<pid_t> SystemProcesses::FindByName(const std::string& name) {
+std::vector<pid_t> Processes::FindByAnyName(const std::vector<std::string>& names) {
+  std::vector<pid_t> found;
+  for (const auto& name : names) {
+    for (pid_t pid : FindByName(name)) {
+      if (std::find(found.begin(), found.end(), pid) == found.end()) found.push_back(pid);
+    }
+  }
+  return found;
+}
+
+std::vector<pid_t> SystemProcesses::FindByName(const std::string& name) { return FindByAnyName({name}); }
+
+std::vector<pid_t> SystemProcesses::FindByAnyName(const std::vector<std::string>& names) {
   std::vector<pid_t> found;
   DIR* dir = ::opendir("/proc");
   if (!dir) {
@@ -238,10 +260,11 @@ std::vector<pid_t> SystemProcesses::FindByName(const std::string& name) {
     bool digits = true;
     for (const char* q = p; *q; ++q) digits = digits && std::isdigit(static_cast<unsigned char>(*q));
     if (!digits) continue;
-    std::string procDir = std::string("/proc/") + p;
-    if (NameMatches(name, ExeName(procDir), Comm(procDir)) && !HasEnded(procDir)) {
-      found.push_back(static_cast<pid_t>(std::stol(p)));
-    }
+    const std::string procDir = std::string("/proc/") + p;
+    const std::string exe = ExeName(procDir), comm = Comm(procDir);
+    const bool named = std::any_of(names.begin(), names.end(),
+                                   [&](const std::string& name) { return NameMatches(name, exe, comm); });
+    if (named && !HasEnded(procDir)) found.push_back(static_cast<pid_t>(std::stol(p)));
   }
   ::closedir(dir);
   return found;
@@ -279,5 +302,9 @@ Processes& GetProcesses() {
 void SetProcessesForTesting(Processes* processes) { g_processes.store(processes); }
 
 bool IsProcessRunning(const std::string& name) { return !GetProcesses().FindByName(name).empty(); }
+
+bool IsAnyProcessRunning(const std::vector<std::string>& names) {
+  return !GetProcesses().FindByAnyName(names).empty();
+}
 
 }  // namespace tarn::os

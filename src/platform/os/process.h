@@ -29,6 +29,9 @@ class Processes {
   // user's process) a longer name matches the 15 characters comm keeps. A
   // process that has ended but was not reaped yet doesn't count.
   virtual std::vector<pid_t> FindByName(const std::string& name) = 0;
+  // Pids of the running processes called any of the names, as FindByName
+  // judges them. This default asks FindByName for each name in turn.
+  virtual std::vector<pid_t> FindByAnyName(const std::vector<std::string>& names);
   // Starts the program file open at fd (fexecve, so the file started is the one
   // that was opened and tested, whatever its path names by now), with path as
   // argv[0] and the arguments (one text split at blanks). Detached: in its own
@@ -48,6 +51,8 @@ class Processes {
 class SystemProcesses : public Processes {
  public:
   std::vector<pid_t> FindByName(const std::string& name) override;
+  // One look at /proc for all the names.
+  std::vector<pid_t> FindByAnyName(const std::vector<std::string>& names) override;
   bool StartFile(int fd, const std::string& path, const std::string& arguments,
                  const StartAs* as, int passed) override;
   bool RemoveTreeDetached(const std::string& directory) override;
@@ -59,6 +64,8 @@ void SetProcessesForTesting(Processes* processes);
 
 // A process called name runs now.
 bool IsProcessRunning(const std::string& name);
+// A process called one of the names runs now.
+bool IsAnyProcessRunning(const std::vector<std::string>& names);
 
 // The arguments as StartProcess splits them: at blanks, empty pieces dropped.
 std::vector<std::string> SplitArguments(const std::string& arguments);
