@@ -17,9 +17,9 @@ using tarn::desktop::SessionUser;
 using Target = tarn::desktop::DesktopStart::Target;
 
 TEST(DesktopStartTest, TheSessionUserForRootAnOwnDisplayOtherwiseNobody) {
-  const SessionUser ada{"2", 1000, 1000, {24, 1000}, {"WAYLAND_DISPLAY=wayland-0", "HOME=/home/ada", "USER=ada"}};
+  const SessionUser ada{"2", {1000, 1000, {24, 1000}, {"WAYLAND_DISPLAY=wayland-0", "HOME=/home/ada", "USER=ada"}}};
   SessionUser root = ada;
-  root.uid = 0;
+  root.user.uid = 0;
   const std::vector<std::string> xvfb{"DISPLAY=:99", "TARNCORE_ROOT=/tmp/m", "SECRET=x"};
   const std::vector<std::string> service{"TARNCORE_ROOT=/tmp/m", "DISPLAY="};
   struct Case {
@@ -83,7 +83,7 @@ TEST(DesktopStartTest, APersonsProgramGetsItsPrivilegedPartBesideItAndOnlyThen) 
     return text;
   };
 
-  OneSession person({"c2", kNobody, kNobody, {kNobody}, {"DISPLAY=:42", "HOME=/"}});
+  OneSession person({"c2", {kNobody, kNobody, {kNobody}, {"DISPLAY=:42", "HOME=/"}}});
   tarn::desktop::SetSessionsForTesting(&person);
   ASSERT_TRUE(tarn::desktop::StartOnDesktop(ui, "Upgrade", &part));
   EXPECT_EQ(written("ui"), "65534 5 1 Upgrade\n");

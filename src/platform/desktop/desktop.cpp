@@ -101,8 +101,9 @@ std::optional<SessionUser> LogindSessions::ActiveGraphicalSession() {
   passwd* found = nullptr;
   std::vector<char> buffer(16384);
   if (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) != 0 || !found) return std::nullopt;
-  SessionUser user;
-  user.session = session.get();
+  SessionUser person;
+  person.session = session.get();
+  tarn::os::StartAs& user = person.user;
   user.uid = uid;
   user.gid = entry.pw_gid;
   int count = 32;
@@ -136,7 +137,7 @@ std::optional<SessionUser> LogindSessions::ActiveGraphicalSession() {
   user.environment.push_back(std::string("USER=") + entry.pw_name);
   const std::string lang = SystemLanguage();
   if (!lang.empty()) user.environment.push_back("LANG=" + lang);
-  return user;
+  return person;
 }
 
 Sessions& GetSessions() {
@@ -158,12 +159,9 @@ DesktopStart ChooseDesktopStart(uid_t self, const std::optional<SessionUser>& se
     return start;
   }
   // Never root on a person's screen.
-  if (session->uid == 0) return start;
+  if (session->user.uid == 0) return start;
   start.target = DesktopStart::Target::kSessionUser;
-  start.as.uid = session->uid;
-  start.as.gid = session->gid;
-  start.as.groups = session->groups;
-  start.as.environment = session->environment;
+  start.as = session->user;
   start.as.environment.push_back(kPath);
   for (const auto& entry : ownEnvironment) {
     for (const char* prefix : kPassedOn) {

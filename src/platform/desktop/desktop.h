@@ -23,12 +23,10 @@ namespace tarn::desktop {
 // The user of a graphical session, as logind and the user database know them.
 struct SessionUser {
   std::string session;  // logind's session id
-  uid_t uid = 0;
-  gid_t gid = 0;
-  std::vector<gid_t> groups;
-  // DISPLAY (and XAUTHORITY where its cookie is) and/or WAYLAND_DISPLAY,
-  // XDG_RUNTIME_DIR, DBUS_SESSION_BUS_ADDRESS, HOME, USER, LANG, as "NAME=value".
-  std::vector<std::string> environment;
+  // Its uid, gid and supplementary groups, and its environment: DISPLAY (and
+  // XAUTHORITY where its cookie is) and/or WAYLAND_DISPLAY, XDG_RUNTIME_DIR,
+  // DBUS_SESSION_BUS_ADDRESS, HOME, USER, LANG, as "NAME=value".
+  tarn::os::StartAs user;
 };
 
 class Sessions {
