@@ -42,8 +42,12 @@ using tarn::test::TempRoot;
 namespace {
 
 // Growth of the container's resident memory and open descriptors within one
-// life, beyond which the soak fails.
-constexpr long kRssAllowanceKiB = 32 * 1024;
+// life, beyond which the soak fails. The sanitizer build's allocator goes on
+// spreading over fresh memory long after the start, more so once the native
+// scope build is loaded: from the quarter mark to the end it grew 30-34 MiB
+// in 35-second lives and 31-32 MiB in 300-second ones, so a leak shows as
+// growth past that, which a longer soak makes plain.
+constexpr long kRssAllowanceKiB = 48 * 1024;
 constexpr int kFdAllowance = 4;
 
 const Clock::time_point g_start = Clock::now();
