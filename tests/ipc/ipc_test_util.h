@@ -11,6 +11,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "platform/ipc/ipc_client.h"
 #include "platform/ipc/ipc_message.h"
@@ -77,12 +78,9 @@ inline TagIPCMessageItem RequestItem(int32_t id) {
 
 // The container's answer to request `id`, as it posts it.
 inline TagIPCMessageItem ResponseItem(int32_t id) {
-  TagIPCMessageItem item;
-  item.target = IpcAddressClientSide;
-  item.source = IpcAddressContainer;
+  TagIPCMessageItem item = RequestItem(id);
+  std::swap(item.target, item.source);
   item.messageCode = IpcResponseMessageCode;
-  item.reserved = -1;
-  item.syncMessageId = id;
   item.bodyIsHeld = 1;
   return item;
 }
