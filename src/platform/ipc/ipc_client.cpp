@@ -1,10 +1,12 @@
 #include "platform/ipc/ipc_client.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -72,7 +74,6 @@ struct Conn {
   std::vector<char> buffer = std::vector<char>(64 * 1024);
   std::size_t start = 0;
   std::size_t end = 0;
-  long long receiveTimeoutMs = 0;  // SO_RCVTIMEO as last set; 0: none (wait for ever)
   ~Conn() {
     if (fd >= 0) ::close(fd);
   }
@@ -109,28 +110,23 @@ ReadResult ReadFrame(Conn& c, const Clock::time_point* deadline, Frame& out) {
       c.end = have;
     }
     if (c.end == c.buffer.size()) c.buffer.resize(c.buffer.size() * 2);
-    int flags = 0;
+    // The wait is a poll for input, not a blocking receive: a thread asleep in
+    // recv is also woken each time the server takes our request off the
+    // socket (its room to write grew), and that wasted wake-up costs both
+    // sides more than the extra system call.
+    int waitMs = -1;
     if (deadline) {
-      // The wait is the receive itself, bounded by the socket's receive
-      // time-out. That stays as it is while it ends no later than the
-      // deadline (calls with the same time-out leave it alone); a receive
-      // that ends early with EAGAIN just comes round again.
       auto left = std::chrono::duration_cast<std::chrono::microseconds>(*deadline - Clock::now());
-      if (left.count() <= 0) {
-        flags = MSG_DONTWAIT;  // what is there already still counts
-      } else {
-        // Round up so a wait never ends just short of its deadline.
-        const long long ms = (left.count() + 999) / 1000;
-        if (c.receiveTimeoutMs == 0 || c.receiveTimeoutMs > ms) {
-          timeval tv{};
-          tv.tv_sec = static_cast<time_t>(ms / 1000);
-          tv.tv_usec = static_cast<suseconds_t>((ms % 1000) * 1000);
-          if (::setsockopt(c.fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0) return ReadResult::Dead;
-          c.receiveTimeoutMs = ms;
-        }
-      }
+      // Round up so a wait never ends just short of its deadline; what is
+      // there already still counts once it has passed.
+      const long long ms = left.count() <= 0 ? 0 : (left.count() + 999) / 1000;
+      waitMs = static_cast<int>(std::min<long long>(ms, INT_MAX));
     }
-    ssize_t n = ::recv(c.fd, c.buffer.data() + c.end, c.buffer.size() - c.end, flags);
+    pollfd ready{c.fd, POLLIN, 0};
+    const int polled = ::poll(&ready, 1, waitMs);
+    if (polled < 0 && errno != EINTR) return ReadResult::Dead;
+    if (polled == 0) return ReadResult::Timeout;
+    ssize_t n = ::recv(c.fd, c.buffer.data() + c.end, c.buffer.size() - c.end, MSG_DONTWAIT);
     if (n > 0) {
       c.end += static_cast<std::size_t>(n);
       continue;

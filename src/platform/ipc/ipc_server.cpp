@@ -1,6 +1,7 @@
 #include "platform/ipc/ipc_server.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -85,7 +86,7 @@ struct ServerCore::Connection {
   // Read side, under readMutex. Without a reader thread, only the worker
   // holding the one-shot read event reads, and the lock merely states that
   // hand-off in terms the memory model knows. With one, the reader holds the
-  // lock while it waits in recv; the read event is armed only while the
+  // lock while it waits for input; the read event is armed only while the
   // reader is stuck in a long request, and a worker that then finds the lock
   // taken leaves the bytes to the reader.
   std::mutex readMutex;
@@ -341,13 +342,13 @@ void ServerCore::DeliverAll(std::vector<Frame>& frames) {
   frames.clear();
 }
 
-// A connection's own reader waits in recv, so a request wakes the thread that
+// A connection's own reader waits on its socket, so a request wakes the thread that
 // runs it directly, as a plain blocking server would; going through the epoll
 // set would cost an extra wake-up and two system calls per request. A request
 // that keeps its reader busy for a watch tick gets the connection's read event
 // armed, so the pool takes further frames from that connection and they run at
 // once. Arming it for every request instead would hand the next request to a
-// worker whenever the client sends it before the reader is back in recv.
+// worker whenever the client sends it before the reader is back at its socket.
 void ServerCore::ReaderLoop(const std::shared_ptr<Connection>& conn) {
   t_isReader = true;
   std::vector<Frame> frames;
@@ -422,23 +423,16 @@ bool ServerCore::StartReader(const std::shared_ptr<Connection>& conn) {
     if (readers_ >= maxReaders_) return false;
     ++readers_;
   }
-  // The reader blocks in recv; every other read and send passes MSG_DONTWAIT.
-  const int flags = ::fcntl(conn->fd, F_GETFL);
-  bool ok = flags >= 0 && ::fcntl(conn->fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
-  if (ok) {
-    conn->hasReader = true;
-    try {
-      std::thread reader([self = shared_from_this(), conn] { self->ReaderLoop(conn); });
-      std::string name = "tarn-ipc-r" + std::to_string(conn->id);
-      ::pthread_setname_np(reader.native_handle(), name.c_str());
-      reader.detach();
-    } catch (const std::system_error&) {
-      ok = false;
-    }
-  }
-  if (!ok) {
+  bool ok = true;
+  conn->hasReader = true;
+  try {
+    std::thread reader([self = shared_from_this(), conn] { self->ReaderLoop(conn); });
+    std::string name = "tarn-ipc-r" + std::to_string(conn->id);
+    ::pthread_setname_np(reader.native_handle(), name.c_str());
+    reader.detach();
+  } catch (const std::system_error&) {
+    ok = false;
     conn->hasReader = false;
-    if (flags >= 0) ::fcntl(conn->fd, F_SETFL, flags | O_NONBLOCK);
     std::lock_guard lock(readersMutex_);
     --readers_;
   }
@@ -575,10 +569,15 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames, bool wait
     return end();
   };
 
-  // Only the first read may wait: after it, what is there is all there is.
-  int flags = wait ? 0 : MSG_DONTWAIT;
+  // Only a reader waits, and it waits in poll rather than in recv: a thread
+  // asleep in recv is also woken whenever the client takes our last answer
+  // off the socket, a wasted switch per request on both sides.
+  if (wait) {
+    pollfd ready{c.fd, POLLIN, 0};
+    if (::poll(&ready, 1, -1) < 0) return errno == EINTR;
+  }
   std::size_t budget = kReadBudget;
-  for (; budget > 0; flags = MSG_DONTWAIT) {
+  for (const int flags = MSG_DONTWAIT; budget > 0;) {
     // A large body is read straight into its buffer.
     if (c.inBody && c.item.bodySize - c.bodyGot >= kScratchSize) {
       if (!grow(std::min<std::size_t>(c.item.bodySize, c.bodyGot + kReadBudget))) {

@@ -4,7 +4,7 @@
 // in-process TarnCoreIPCMessageClient(IpcAddressContainer, ...) registered.
 //
 // Each connection (up to Options::readerThreads of them) has a reader thread
-// that waits in recv and runs what it reads itself, so a request costs no
+// that waits on its socket and runs what it reads itself, so a request costs no
 // thread hand-off. Beside them a pool of worker threads (at least 8) shares
 // one epoll set: it reads the connections beyond that number, takes further
 // frames read in the same go, and reads a connection whose reader has been

@@ -46,15 +46,14 @@ bool WaitFor(int fd, short events, Clock::time_point deadline) {
 }
 
 // The socket is nearly always ready, so the send comes first and a wait only
-// when it would block; `waited` tells whether one was needed.
-bool SendAll(int fd, const std::string& bytes, Clock::time_point deadline, bool* waited = nullptr) {
+// when it would block.
+bool SendAll(int fd, const std::string& bytes, Clock::time_point deadline) {
   std::size_t done = 0;
   while (done < bytes.size()) {
     ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
       done += static_cast<std::size_t>(n);
     } else if (n < 0 && errno == EAGAIN) {
-      if (waited) *waited = true;
       if (!WaitFor(fd, POLLOUT, deadline)) return false;
     } else if (n >= 0 || errno != EINTR) {
       return false;
@@ -66,13 +65,7 @@ bool SendAll(int fd, const std::string& bytes, Clock::time_point deadline, bool*
 class SandboxObject : public ZObject {
  public:
   SandboxObject(pid_t pid, int fd, std::chrono::milliseconds timeout, std::string name)
-      : pid_(pid), fd_(fd), timeout_(timeout), name_(std::move(name)) {
-    // A reply's first read waits in recv, for the time-out at most.
-    timeval tv{};
-    tv.tv_sec = static_cast<time_t>(timeout.count() / 1000);
-    tv.tv_usec = static_cast<suseconds_t>((timeout.count() % 1000) * 1000);
-    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
-  }
+      : pid_(pid), fd_(fd), timeout_(timeout), name_(std::move(name)) {}
 
   ~SandboxObject() override {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -101,14 +94,13 @@ class SandboxObject : public ZObject {
       }
     }
     const auto deadline = Clock::now() + timeout_;
-    bool waited = false;
-    if (!SendAll(fd_, frame::EncodeRequest(code, flags, payload), deadline, &waited)) {
+    if (!SendAll(fd_, frame::EncodeRequest(code, flags, payload), deadline)) {
       End("did not take the request");
       return false;
     }
     if (oneWay) return true;  // a child that died is found by the next call
     std::string got;
-    if (!Receive(frame::kReplyHead, got, deadline, !waited)) {
+    if (!Receive(frame::kReplyHead, got, deadline)) {
       End("did not answer in time");
       return false;
     }
@@ -119,7 +111,7 @@ class SandboxObject : public ZObject {
       End("answered with a malformed frame");
       return false;
     }
-    if (!Receive(frame::kReplyHead + length, got, deadline, false)) {
+    if (!Receive(frame::kReplyHead + length, got, deadline)) {
       End("sent a short answer");
       return false;
     }
@@ -133,20 +125,17 @@ class SandboxObject : public ZObject {
   pid_t Pid() const { return pid_.load(); }
 
  private:
-  // Reads until `got` holds at least `size` bytes. The first read usually
-  // brings the whole reply. With `blockFirst` (the request went out at once,
-  // so the whole time-out is still ahead) it waits in recv, bounded by the
-  // socket's time-out; every other read waits for the rest of the deadline.
-  bool Receive(std::size_t size, std::string& got, Clock::time_point deadline, bool blockFirst) {
+  // Reads until `got` holds at least `size` bytes; the first read usually
+  // brings the whole reply. It waits in poll, not in recv: a thread asleep in
+  // recv is also woken when the child takes the request off the socket.
+  bool Receive(std::size_t size, std::string& got, Clock::time_point deadline) {
     char chunk[16 * 1024];
-    bool first = blockFirst;
     while (got.size() < size) {
-      if (!first && !WaitFor(fd_, POLLIN, deadline)) return false;
-      ssize_t n = ::recv(fd_, chunk, sizeof(chunk), first ? 0 : MSG_DONTWAIT);
-      if (n < 0 && (errno == EINTR || (!first && errno == EAGAIN))) continue;
-      if (n <= 0) return false;  // 0: the child closed its end; EAGAIN at first: the time-out
+      if (!WaitFor(fd_, POLLIN, deadline)) return false;
+      ssize_t n = ::recv(fd_, chunk, sizeof(chunk), MSG_DONTWAIT);
+      if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+      if (n <= 0) return false;  // 0: the child closed its end
       got.append(chunk, static_cast<std::size_t>(n));
-      first = false;
     }
     return true;
   }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/landlock.h>
+#include <poll.h>
 #include <seccomp.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -11,6 +12,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "platform/zbrf/sandbox_frame.h"
 
@@ -76,7 +78,8 @@ bool ApplySeccomp(std::string& error) {
   };
 
   // Serving: requests in, replies out on the channel; diagnostics on stderr.
-  for (int nr : {SCMP_SYS(read), SCMP_SYS(readv), SCMP_SYS(pread64), SCMP_SYS(close), SCMP_SYS(lseek)})
+  for (int nr : {SCMP_SYS(read), SCMP_SYS(readv), SCMP_SYS(pread64), SCMP_SYS(close), SCMP_SYS(lseek),
+                 SCMP_SYS(poll), SCMP_SYS(ppoll)})
     allow(nr);
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   // Sanitizer runtimes test whether memory is readable by writing it into a
@@ -180,6 +183,7 @@ int SandboxMain(int argc, char** argv, const SandboxSpec& spec) {
   std::string in;
   std::size_t at = 0;
   char chunk[16 * 1024];
+  bool replied = false;
   for (bool serving = true; serving;) {
     while (in.size() - at >= frame::kRequestHead) {
       const auto* head = reinterpret_cast<const unsigned char*>(in.data() + at);
@@ -200,15 +204,22 @@ int SandboxMain(int argc, char** argv, const SandboxSpec& spec) {
       } catch (...) {
         ok = false;
       }
-      if (!(flags & kFlagOneWay) &&
-          !WriteFull(frame::kChannelFd, frame::EncodeReply(ok, ok ? reply->Data() : std::string()))) {
+      if (flags & kFlagOneWay) continue;
+      if (!WriteFull(frame::kChannelFd, frame::EncodeReply(ok, ok ? reply->Data() : std::string()))) {
         serving = false;
         break;
       }
+      replied = true;
     }
     in.erase(0, at);
     at = 0;
     if (!serving) break;
+    // After a reply, wait in poll rather than in read: a reader asleep in
+    // read is also woken when the host takes the reply off the socket.
+    if (std::exchange(replied, false)) {
+      pollfd ready{frame::kChannelFd, POLLIN, 0};
+      if (::poll(&ready, 1, -1) < 0 && errno == EINTR) continue;
+    }
     ssize_t n = ::read(frame::kChannelFd, chunk, sizeof(chunk));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
