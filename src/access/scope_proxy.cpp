@@ -80,6 +80,7 @@ bool ScopeProxy::CreateWasmScopeService() {
     if (platform_.createInstance(kWasmServiceName, kFactoryMethod, object) && object) {
       CLOGI("ScopeProxy::CreateWasmScopeService", "scope proxy create service with wasm success");
       mScopeService.store(std::make_shared<service::ZpScopeService>(std::move(object)));
+      hasService_.store(true);
       return true;
     }
     CLOGE("ScopeProxy::CreateWasmScopeService", "scope proxy create service with wasm failed");
@@ -104,6 +105,7 @@ bool ScopeProxy::CreateDllScopeService() {
   std::lock_guard<std::mutex> lock(mMutex);
   auto local = std::make_shared<LocalZbrfProxy>(std::move(object));
   mScopeService.store(std::make_shared<service::ZpScopeService>(std::move(local)));
+  hasService_.store(true);
   fallback.store(true);
   return true;
 }
@@ -136,7 +138,7 @@ void ScopeProxy::ReportScopeEvent(const std::string& operation, const std::strin
 }
 
 bool ScopeProxy::ServicePresent(const char* where) {
-  if (mScopeService.load()) return true;
+  if (hasService_.load()) return true;
   CLOGE(where, "ScopeProxy: mScopeService is null. fallback: " << (fallback.load() ? 1 : 0));
   return false;
 }

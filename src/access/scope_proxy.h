@@ -98,7 +98,7 @@ class ScopeProxy {
   void ReportScopeEvent(const std::string& operation, const std::string& statusCode, uint32_t elapsedMs);
 
   // For the configuration refresh, which creates the service if there is none.
-  bool HasService() const { return mScopeService.load() != nullptr; }
+  bool HasService() const { return hasService_.load(); }
   bool IsFallback() const { return fallback.load(); }
 
  private:
@@ -109,5 +109,8 @@ class ScopeProxy {
   Platform platform_;
   std::mutex mMutex;
   std::atomic<std::shared_ptr<service::IScopeService>> mScopeService;
+  // Set once mScopeService holds a service, which is never taken away: a
+  // look at it costs no lock and no count on the shared pointer.
+  std::atomic<bool> hasService_{false};
   std::atomic<bool> fallback{false};
 };

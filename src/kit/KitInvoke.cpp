@@ -76,8 +76,7 @@ bool LoadManger::Invoke(KitApiDetailInfo& api, ServerResCallBack* item, Converte
                                     << api.packageName << " msgIdentify = " << msgIdentify);
     return false;
   }
-  // Looked up at each call: a missing export shows only when it is asked for.
-  auto function = reinterpret_cast<TarnKitApiFunction>(tarn::kit::FindExport(module, api.apiName));
+  auto function = reinterpret_cast<TarnKitApiFunction>(FindApiFunction(module, api.apiName));
   if (!function) {
     SetResponseStatus(status, TarnStatus::kApiNotSupported);
     CLOGE("LoadManger::Invoke", "kit method invoke failed.packageName = "

@@ -34,6 +34,25 @@ void LoadManger::ResetForTesting() {
   std::unique_lock lock(tableMutex_);
   loadedKits->clear();
   kitSignals.clear();
+  std::unique_lock exportsLock(exportsMutex_);
+  exports_.clear();
+}
+
+void* LoadManger::FindApiFunction(void* module, const std::string& apiName) {
+  {
+    std::shared_lock lock(exportsMutex_);
+    auto kit = exports_.find(module);
+    if (kit != exports_.end()) {
+      auto it = kit->second.find(apiName);
+      if (it != kit->second.end()) return it->second;
+    }
+  }
+  void* function = tarn::kit::FindExport(module, apiName);
+  if (function) {
+    std::unique_lock lock(exportsMutex_);
+    exports_[module].emplace(apiName, function);
+  }
+  return function;
 }
 
 std::string LoadManger::KitLibraryPath(const std::string& packageName, const std::string& fileName) {

@@ -83,7 +83,14 @@ class LoadManger {
   bool FindKit(const std::string& packageName, void*& handle);
   void SetKit(const std::string& packageName, void* handle);
 
+  // An api's exported function, looked up in the kit once it has been found
+  // there (a live kit's library is never closed); a missing one is looked up
+  // again at each call, so it shows whenever it is asked for.
+  void* FindApiFunction(void* module, const std::string& apiName);
+
   // Keeps readers off the table while an on-demand load inserts into it; never
   // held across a load or a call into a kit.
   std::shared_mutex tableMutex_;
+  std::shared_mutex exportsMutex_;
+  std::map<void*, std::map<std::string, void*>> exports_;  // module -> api -> function
 };
