@@ -66,7 +66,7 @@ Json::Value EventData(const std::string& text) {
 class EvManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_.MakeDir(kVtid);
+    root_.MakeDir(tarn::test::kVtid);
     EvManager::SetLibraryForTesting(&library_);
     EvManager::SetTodayForTesting([this] { return today_; });
     ev_.ResetForTesting();
@@ -77,7 +77,7 @@ class EvManagerTest : public ::testing::Test {
     EvManager::SetTodayForTesting({});
     EvManager::SetLibraryForTesting(nullptr);
   }
-  void SetShareAnalysis(const std::string& value) { root_.WriteFile(kVtid + "/ShareAnalysis", value); }
+  void SetShareAnalysis(const std::string& value) { root_.WriteFile(tarn::test::kVtid + "ShareAnalysis", value); }
   // A request's callback as the pipeline leaves it before "res".
   void Record(const std::string& apiName, const std::string& direction) {
     TagIPCMessageItem item;
@@ -94,7 +94,6 @@ class EvManagerTest : public ::testing::Test {
     return std::count(calls.begin(), calls.end(), "Init()");
   }
 
-  const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID";
   tarn::test::TempRoot root_;
   FakeLibrary library_;
   std::string today_ = "20260101";

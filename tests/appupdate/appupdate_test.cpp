@@ -65,7 +65,7 @@ class AppUpdateTest : public ::testing::Test {
  protected:
   void SetUp() override {
     root_.WriteFile("opt/config/service_urls.json", R"({"com.vantrel.appupdate": {"ROOT": "https://upd.example/"}})");
-    root_.WriteFile("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/Version", "6.0.1.10");
+    root_.WriteFile(tarn::test::kVtid + "Version", "6.0.1.10");
     UrlLoader::SetAddressBookPath(root_.At("opt/config/service_urls.json"));
     tarn::http::SetHttpClientForTesting(&http_);
     tarn::os::SetProcessesForTesting(&processes_);
@@ -150,7 +150,7 @@ TEST_F(AppUpdateTest, SilentUpgradeStartsOnlyAVerifiedPackageInTheDownloadFolder
 // which signs the package with the build's development key.
 TEST(UpgradeFromTheCloud, DownloadsVerifiesAndStartsTheSignedPackageOnlyWhenNewer) {
   tarn::test::TempRoot root;
-  const std::string version = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/Version";
+  const std::string version = tarn::test::kVtid + "Version";
   root.WriteFile(version, "5.3.0");
   root.WriteFile("etc/tarncore/trusted-keys/maker/tarn-dev.pub", tarn::test::ReadText(TARN_DEV_PUBLIC_KEY));
   ASSERT_TRUE(HttpUtil::Https_curl_global_init());

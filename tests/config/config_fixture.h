@@ -55,7 +55,7 @@ class ConfigFixture : public ::testing::Test {
   std::string ManifestPath(const std::string& package) const {
     return install + "kits/" + package + "/kitManifest.json";
   }
-  void SetVersion(const std::string& version) { root.WriteFile(kVtid + "/Version", version); }
+  void SetVersion(const std::string& version) { root.WriteFile(kVtid + "Version", version); }
 
   // The remote configuration's entry for one package with one kit.
   static std::string OnePackage(const std::string& package, const std::string& kit) {
@@ -71,7 +71,6 @@ class ConfigFixture : public ::testing::Test {
   }
 
   const std::string kInstall = "opt/tarncore";
-  const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID";
   TempRoot root;
   std::string install;
   CountingServiceControl service;

@@ -121,7 +121,7 @@ TEST_F(RemoteConfig, ForceUpdateFlagAndPeriodByCase) {
     SCOPED_TRACE(c.text);
     cm.ResetForTesting();
     log.Clear();
-    if (c.version) SetVersion(c.version); else fs::remove(root.At(kVtid + "/Version"));
+    if (c.version) SetVersion(c.version); else fs::remove(root.At(tarn::test::kVtid + "Version"));
     WriteInstalled(c.text);
     ASSERT_TRUE(cm.ReadRemoteConfig());
     EXPECT_EQ(Flag("Account"), c.flag);

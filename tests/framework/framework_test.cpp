@@ -23,8 +23,7 @@
 namespace {
 
 using tarn::log::Level;
-
-constexpr const char* kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID";
+using tarn::test::kVtid;
 
 // Records each call into the services, in order, as one short word; Calls() joins them with ";".
 class RecordingServices : public tarn::framework::FrameworkServices {
@@ -275,7 +274,7 @@ TEST_F(Framework, SetRegValueWritesOnlyTheFourSwitchesIntoAnExistingKey) {
   EXPECT_TRUE(logs_.Has(Level::Info, "Set reg key = PrivacyAgree ,value = 64000000(RegSettingReqHandler::Excute)"));
 
   // Answering the notice is also the agreement at the current version.
-  ASSERT_TRUE(std::filesystem::remove(root_.At(kVtid + std::string("/PrivacyAgree"))));
+  ASSERT_TRUE(std::filesystem::remove(root_.At(kVtid + "PrivacyAgree")));
   EXPECT_EQ("0", Code(Ask("Framework.SetRegValue", R"({"key":"PrivacyNotice","value":"yes"})")));
   EXPECT_EQ("yes", Registry("PrivacyNotice"));
   EXPECT_EQ("64000000", Registry("PrivacyAgree"));

@@ -24,8 +24,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
-
 // Runs a shell command and gives its standard output.
 std::string Shell(const std::string& command) {
   std::string out;

@@ -119,9 +119,8 @@ TEST_F(ServiceTest, RestartsAContainerEndedByAMistypedCloudCopyAndTheContainerEn
   std::filesystem::copy_file(BuildDir() + "/tools/cli/tarncore", install_ + "tarncore");
   root_.WriteFile("etc/tarncore/trusted-keys/maker/tarn-dev.pub", ReadText(TARN_DEV_PUBLIC_KEY));
   // Installed as the package installs it, so that diagnose finds the installation.
-  const std::string vtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
-  root_.WriteFile(vtid + "Install_Path", "/opt/tarncore/");
-  root_.WriteFile(vtid + "Version", "5.3.0");
+  root_.WriteFile(kVtid + "Install_Path", "/opt/tarncore/");
+  root_.WriteFile(kVtid + "Version", "5.3.0");
   StartService();
   WaitReady();
   const pid_t first = ContainerPids().at(0);

@@ -50,7 +50,7 @@ class KitFixture : public EndpointTest {
     config.ResetForTesting();
     loader.ResetForTesting();
     manager.ResetForTesting();
-    root_.WriteFile("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/Version", kInstalledVersion);
+    root_.WriteFile(kVtid + "Version", kInstalledVersion);
     root_.MakeDir("opt/tarncore");
     install = root_.At("opt/tarncore") + "/";
     tarn::config::SetInstallDirectoryForTesting(install);

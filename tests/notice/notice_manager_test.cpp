@@ -29,8 +29,7 @@ namespace {
 
 using tarn::log::Level;
 using tarn::test::FakeSessions;
-
-const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
+using tarn::test::kVtid;
 
 // The file a path or descriptor names, as device and inode.
 std::pair<dev_t, ino_t> FileId(const std::string& path) {

@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "integration/programs.h"
 #include "ipc/ipc_test_util.h"
 #include "platform/ipc/ipc_server.h"
 #include "platform/os/named_mutex.h"
@@ -19,7 +18,7 @@
 
 namespace {
 
-const char* kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
+using tarn::test::kVtid;
 
 Json::Value Parse(const char* text) {
   Json::Value root;
@@ -105,7 +104,7 @@ TEST(NoticeToolsTest, AnswersGoToTheContainerAsFrameworkRequests) {
     EXPECT_EQ(requests[0]["header"]["client_id"].asString(), "204518762");
     EXPECT_EQ(requests[0]["body"], Parse(c.body));
     // With a container there, the notice leaves the registry to it.
-    EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyNotice")), "");
+    EXPECT_EQ(root.ReadFile(kVtid + "PrivacyNotice"), "");
     if (!c.control) continue;
     // Then the notice's use, once it has closed: opened, the answer's control, closed.
     const std::vector<std::pair<std::string, std::string>> events{
@@ -130,13 +129,13 @@ TEST(NoticeToolsTest, NoticeWritesItselfWithoutContainerAndRunsOnce) {
     ASSERT_TRUE(held && held->owned());
     EXPECT_EQ(RunTool({Notice(), "PrivacyNotice", "--accept", "--wait", "0"}), 4);
   }
-  EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyNotice")), "");
+  EXPECT_EQ(root.ReadFile(kVtid + "PrivacyNotice"), "");
   // No terminal and no answer: nothing is recorded.
   EXPECT_EQ(RunTool({Notice(), "PrivacyNotice"}), 3);
 
   EXPECT_EQ(RunTool({Notice(), "PrivacyNotice", "--accept", "--wait", "0"}), 0);
-  EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyNotice")), "true");
-  EXPECT_EQ(tarn::test::ReadText(root.At(std::string(kVtid) + "PrivacyAgree")), "64000000");
+  EXPECT_EQ(root.ReadFile(kVtid + "PrivacyNotice"), "true");
+  EXPECT_EQ(root.ReadFile(kVtid + "PrivacyAgree"), "64000000");
 }
 
 }  // namespace

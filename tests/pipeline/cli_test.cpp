@@ -98,9 +98,8 @@ namespace fs = std::filesystem;
 // demo's remote configuration, the development key trusted as a maker key and
 // a policy that knows the CLI by that key.
 void InstallHealthyMachine(const tarn::test::TempRoot& root) {
-  const std::string vtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
-  root.WriteFile(vtid + "Install_Path", "/opt/tarncore/");  // as the machine sees it, found under the root
-  root.WriteFile(vtid + "Version", "5.3.0");
+  root.WriteFile(tarn::test::kVtid + "Install_Path", "/opt/tarncore/");  // as the machine sees it, found under the root
+  root.WriteFile(tarn::test::kVtid + "Version", "5.3.0");
   for (const char* program : {"TarnCoreContainer", "TarnCoreService"}) {
     root.WriteFile(std::string("opt/tarncore/") + program, "");
   }

@@ -11,13 +11,13 @@
 
 namespace fs = std::filesystem;
 using namespace tarn::os;
+using tarn::test::kVtid;
 
 class RegistryTest : public ::testing::Test {
  protected:
-  void SetUp() override { root_.MakeDir(vtid_); }
-  void Put(const std::string& name, const std::string& value) { root_.WriteFile(vtid_ + "/" + name, value); }
+  void SetUp() override { root_.MakeDir(kVtid); }
+  void Put(const std::string& name, const std::string& value) { root_.WriteFile(kVtid + name, value); }
   tarn::test::TempRoot root_;
-  const std::string vtid_ = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID";
 };
 
 TEST_F(RegistryTest, ReadsNarrowAndWideAndCutsLongValuesAtTheReadLimit) {
@@ -41,11 +41,11 @@ TEST_F(RegistryTest, MissingKeyOrValueFailsLeavesTheOutputAndIsNeverCreated) {
   EXPECT_EQ(Registry().GetValue("SOFTWARE\\Blocked\\Sub", "V", out, 10), kRegFileNotFound);
   EXPECT_EQ(Registry().OpenKey("SOFTWARE\\Blocked"), kRegFileNotFound);  // a file is no key
   EXPECT_EQ(Registry().OpenKey(kVtidKey), kRegSuccess);
-  fs::remove_all(root_.At(vtid_));
+  fs::remove_all(root_.At(kVtid));
   EXPECT_EQ(ReadVtidRegistryValue("Version", out), kRegFileNotFound);
   EXPECT_EQ(out, "unchanged");
   EXPECT_EQ(Registry().SetValue(kVtidKey, "Version", "1"), kRegFileNotFound);
-  EXPECT_FALSE(fs::exists(root_.At(vtid_)));
+  EXPECT_FALSE(fs::exists(root_.At(kVtid)));
 }
 
 TEST_F(RegistryTest, WritesReplaceAtomically) {
@@ -65,6 +65,6 @@ TEST_F(RegistryTest, WritesReplaceAtomically) {
   reader.join();
   EXPECT_EQ(torn.load(), 0);
   int files = 0;  // no temporary files are left behind
-  for (auto& e : fs::directory_iterator(root_.At(vtid_))) files += e.is_regular_file();
+  for (auto& e : fs::directory_iterator(root_.At(kVtid))) files += e.is_regular_file();
   EXPECT_EQ(files, 1);
 }

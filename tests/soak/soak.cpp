@@ -83,11 +83,10 @@ void LayOut(const TempRoot& root) {
     {"packageName": "com.test.main", "forceUpdate": "0", "subKits": [{"kitName": "Main"}]},
     {"packageName": "com.vantrel.scopeservice", "forceUpdate": "0", "subKits": []}]})");
   root.WriteFile("etc/os-release", "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n");
-  const std::string vtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
   for (const auto& [name, value] : std::map<std::string, std::string>{
            {"Install_Path", install}, {"Version", "5.3.0"}, {"ShareAnalysis", "false"},
            {"AutoUpgrade", "false"}, {"PrivacyNotice", "true"}, {"PrivacyAgree", "64000000"}}) {
-    root.WriteFile(vtid + name, value);
+    root.WriteFile(tarn::test::kVtid + name, value);
   }
   int status = -1;
   tarn::test::WaitExit(tarn::test::Spawn({TARN_SIGN_TOOL, "trust", "--name", "tarn-dev", TARN_DEV_PUBLIC_KEY}), 10s,

@@ -28,6 +28,9 @@ class TempRoot {
   bool hadSaved_ = false;
 };
 
+// Where the platform's registry values lie under a machine root.
+inline const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
+
 // Folder of the build tree (TARN_BUILD_DIR as ctest sets it), for helper programs.
 std::string BuildDir();
 std::string SourceDir();

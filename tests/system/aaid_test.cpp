@@ -5,11 +5,10 @@
 
 TEST(Aaid, WrittenFromTheMachineIdKeptAndRepaired) {
   tarn::test::TempRoot root;
-  const std::string vtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID";
-  auto value = [&] { return root.ReadFile(vtid + "/AAID"); };
+  auto value = [&] { return root.ReadFile(tarn::test::kVtid + "AAID"); };
   root.WriteFile("etc/machine-id", "0123456789abcdef0123456789abcdef\n");
   EXPECT_FALSE(AAID::HandleRegAAID());  // a write never makes the key
-  root.MakeDir(vtid);
+  root.MakeDir(tarn::test::kVtid);
   ASSERT_TRUE(AAID::HandleRegAAID());
   const std::string id = value();
   EXPECT_EQ(id.size(), 64u);
@@ -21,7 +20,7 @@ TEST(Aaid, WrittenFromTheMachineIdKeptAndRepaired) {
   EXPECT_NE(AAID::ComputeAAID(), id);
   ASSERT_TRUE(AAID::HandleRegAAID());
   EXPECT_EQ(value(), id);
-  root.WriteFile(vtid + "/AAID", "garbage");
+  root.WriteFile(tarn::test::kVtid + "AAID", "garbage");
   ASSERT_TRUE(AAID::HandleRegAAID());
   EXPECT_EQ(value(), AAID::ComputeAAID());
 }

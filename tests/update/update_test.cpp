@@ -81,7 +81,7 @@ class UpdateTest : public ::testing::Test {
     tarn::os::SetClockForTesting(nullptr);
   }
   void SetAutoUpgrade(const std::string& value) {
-    root_.WriteFile("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/AutoUpgrade", value);
+    root_.WriteFile(tarn::test::kVtid + "AutoUpgrade", value);
   }
   bool WorkerWoken() { return tarn::os::WaitForSingle(upgrade_.workerEvent, 0) == tarn::os::kWaitObject0; }
 
@@ -220,7 +220,7 @@ TEST_F(UpdateTest, MonitorChecksThreeTimesAtMostAndOwesTheCheckAfterTheThird) {
 }
 
 TEST_F(UpdateTest, WorkerRunsTheLibraryOnlyWhenTheSettingAllows) {
-  root_.MakeDir("etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID");
+  root_.MakeDir(tarn::test::kVtid);
   VantrelThread::ThreadParam param(nullptr, "UpgradeManager::WorkerThread");
   std::thread worker([&] { UpgradeManager::WorkerThread(&param); });
 
