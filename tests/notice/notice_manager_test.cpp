@@ -4,13 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "config/ConfigManager.h"
@@ -18,8 +15,6 @@
 #include "platform/log/log_capture.h"
 #include "platform/desktop/desktop.h"
 #include "platform/os/named_mutex.h"
-#include "platform/os/process.h"
-#include "platform/security/security.h"
 #include "support/eventually.h"
 #include "support/fake_launch.h"
 #include "support/temp_root.h"
@@ -28,7 +23,9 @@
 namespace {
 
 using tarn::log::Level;
+using tarn::test::FakeProcesses;
 using tarn::test::FakeSessions;
+using tarn::test::FakeSignatures;
 using tarn::test::kVtid;
 
 // The file a path or descriptor names, as device and inode.
@@ -38,40 +35,21 @@ std::pair<dev_t, ino_t> FileId(const std::string& path) {
   return {st.st_dev, st.st_ino};
 }
 
-class FakeProcesses : public tarn::os::Processes {
- public:
-  std::vector<pid_t> FindByName(const std::string& name) override {
-    return desktop && name == "Xwayland" ? std::vector<pid_t>{4242} : std::vector<pid_t>{};
-  }
-  bool StartFile(int fd, const std::string& path, const std::string& arguments, const tarn::os::StartAs* as, int) override {
-    std::lock_guard<std::mutex> lock(mutex);
-    started.push_back({path, arguments});
+// The fakes, keeping the file each start and each signature check had.
+struct Processes : FakeProcesses {
+  bool StartFile(int fd, const std::string& path, const std::string& arguments, const tarn::os::StartAs* as,
+                 int session) override {
     startedFile = FileId("/proc/self/fd/" + std::to_string(fd));
-    startedAs = as ? as->uid : ::geteuid();
-    return startWorks;
+    return FakeProcesses::StartFile(fd, path, arguments, as, session);
   }
-  bool RemoveTreeDetached(const std::string&) override { return false; }
-  std::vector<std::pair<std::string, std::string>> Started() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return started;
-  }
-
-  std::atomic<bool> desktop{false};
-  bool startWorks = true;
-  std::mutex mutex;
-  std::vector<std::pair<std::string, std::string>> started;
   std::pair<dev_t, ino_t> startedFile;
-  uid_t startedAs = 0;
 };
-
-class FakeSigner : public tarn::security::FileSignatureChecker {
- public:
+struct Signatures : FakeSignatures {
   bool VerifyMaker(const std::string& path) override {
-    checked.push_back(FileId(path));
-    return makerSigned;
+    checked = FileId(path);
+    return FakeSignatures::VerifyMaker(path);
   }
-  bool makerSigned = true;
-  std::vector<std::pair<dev_t, ino_t>> checked;
+  std::pair<dev_t, ino_t> checked;
 };
 
 class NoticeManagerTest : public testing::Test {
@@ -79,7 +57,7 @@ class NoticeManagerTest : public testing::Test {
   void SetUp() override {
     root_.MakeDir(kVtid);
     tarn::os::SetProcessesForTesting(&processes_);
-    tarn::security::FileSignatureChecker::SetInstanceForTesting(&signer_);
+    tarn::security::FileSignatureChecker::SetInstanceForTesting(&signatures_);
     tarn::desktop::SetSessionsForTesting(&sessions_);
     NoticeManager::noticeAttempted = true;
     // The program beside the running executable, so that it opens.
@@ -96,10 +74,21 @@ class NoticeManagerTest : public testing::Test {
     ConfigManager::GetInstance().verifyEnabled = true;
     if (created_) std::filesystem::remove(notice_);
   }
+  // The notice's path and mode of each start, without the file's first bytes.
+  std::vector<std::string> Started() {
+    std::vector<std::string> started;
+    for (const auto& start : processes_.starts) {
+      started.push_back(start.substr(0, start.find('|', start.find('|') + 1)));
+    }
+    return started;
+  }
+  std::vector<std::string> Started(const char* mode) const {
+    return mode ? std::vector<std::string>{notice_.string() + "|" + mode} : std::vector<std::string>{};
+  }
 
   tarn::test::TempRoot root_;
-  FakeProcesses processes_;
-  FakeSigner signer_;
+  Processes processes_;
+  Signatures signatures_;
   FakeSessions sessions_;
   std::filesystem::path notice_;
   bool created_ = false;
@@ -122,14 +111,12 @@ TEST_F(NoticeManagerTest, ModeFollowsTheRegistry) {
     std::filesystem::remove(root_.At(kVtid + "PrivacyAgree"));
     if (c.notice) root_.WriteFile(kVtid + "PrivacyNotice", c.notice);
     if (c.agree) root_.WriteFile(kVtid + "PrivacyAgree", c.agree);
-    processes_.started.clear();
+    processes_.starts.clear();
     log_.Clear();
 
     NoticeManager::ShowPrivacyNoticeTray();
 
-    const auto started = processes_.Started();
-    ASSERT_EQ(started.size(), c.mode ? 1u : 0u);
-    EXPECT_EQ(c.mode ? started[0].second : "", c.mode ? c.mode : "");
+    EXPECT_EQ(Started(), Started(c.mode));
     EXPECT_TRUE(log_.Has(Level::Info, c.mode ? "start PrivacyNoticeUI succes(NoticeManager::ShowPrivacyNoticeTray)"
                                              : "PrivacyNotice and PrivacyAgree not need start!(NoticeManager::ShowPrivacyNoticeTray)"));
   }
@@ -140,28 +127,27 @@ TEST_F(NoticeManagerTest, RunningNoticeOrFailedSignatureStartsNothingAndAFailedS
     auto held = tarn::os::NamedMutex::Create("Global\\VTFrameworkNoticeMutex");
     ASSERT_TRUE(held && held->owned());
     NoticeManager::ShowPrivacyNoticeTray();
-    EXPECT_TRUE(processes_.Started().empty());
+    EXPECT_TRUE(processes_.starts.empty());
     EXPECT_TRUE(log_.Has(Level::Info, "PrivacyNotice or PrivacyAgree has already exists!(NoticeManager::ShowPrivacyNoticeTray)"));
   }
-  signer_.makerSigned = false;
+  signatures_.maker = false;
   NoticeManager::ShowPrivacyNoticeTray();
-  EXPECT_TRUE(processes_.Started().empty());
+  EXPECT_TRUE(processes_.starts.empty());
   EXPECT_TRUE(log_.Has(Level::Error, "PrivacyNotice verify failed.(NoticeManager::ShowPrivacyNoticeTray)"));
-  ASSERT_EQ(signer_.checked.size(), 1u);
+  EXPECT_EQ(signatures_.makerChecks, 1);
 
   // The file tested is the file started, as the session's user; without
   // verification the signature isn't asked.
-  signer_.makerSigned = true;
+  signatures_.maker = true;
   NoticeManager::ShowPrivacyNoticeTray();
-  ASSERT_EQ(processes_.Started().size(), 1u);
-  EXPECT_EQ(processes_.Started()[0].first, notice_.string());
-  EXPECT_EQ(processes_.startedFile, signer_.checked.back());
+  EXPECT_EQ(Started(), Started("PrivacyNotice"));
+  EXPECT_EQ(processes_.startedFile, signatures_.checked);
   EXPECT_EQ(processes_.startedFile, FileId(notice_));
   EXPECT_EQ(processes_.startedAs, ::geteuid() == 0 ? 1000u : ::geteuid());
   ConfigManager::GetInstance().verifyEnabled = false;
   NoticeManager::ShowPrivacyNoticeTray();
-  EXPECT_EQ(signer_.checked.size(), 2u);
-  EXPECT_EQ(processes_.Started().size(), 2u);
+  EXPECT_EQ(signatures_.makerChecks, 2);
+  EXPECT_EQ(processes_.starts.size(), 2u);
 
   processes_.startWorks = false;
   NoticeManager::ShowPrivacyNoticeTray();
@@ -177,7 +163,7 @@ TEST_F(NoticeManagerTest, RunningNoticeOrFailedSignatureStartsNothingAndAFailedS
   log_.Clear();
   NoticeManager::ShowPrivacyNoticeTray();
   if (display) ::setenv("DISPLAY", saved.c_str(), 1);
-  EXPECT_EQ(processes_.Started().size(), 3u);
+  EXPECT_EQ(processes_.starts.size(), 3u);
   EXPECT_TRUE(log_.Has(Level::Error, "PrivacyNotice start PrivacyNoticeUI failed. code:6(NoticeManager::ShowPrivacyNoticeTray)"));
 }
 
@@ -191,22 +177,21 @@ TEST_F(NoticeManagerTest, DesktopWaitEndedByExitIsRetriedAtLogon) {
   VantrelThread::ThreadManager::Instance().WaitAll();
   EXPECT_TRUE(log_.Has(Level::Info, "start notice UI failed, not exsit explorer. maxTimes=300(NoticeManager::StartPrivacyNoticeThreadFun)"));
   EXPECT_FALSE(NoticeManager::noticeAttempted);
-  EXPECT_TRUE(processes_.Started().empty());
+  EXPECT_TRUE(processes_.starts.empty());
 
   VantrelThread::ThreadManager::ResetInstanceForTesting();
-  processes_.desktop = true;
+  processes_.running = "Xwayland";  // the thread that looked has ended
   NoticeManager::LogonToCheckPrivacyNotice();
   EXPECT_TRUE(log_.Has(Level::Info, "After start, notice UI check not finish, so start it now.(NoticeManager::LogonToCheckPrivacyNotice)"));
   // The thread finds the desktop at its first look.
   tarn::test::Eventually([&] { return log_.Contains("StartPrivacyNoticeThreadFun end."); }, std::chrono::seconds(30));
-  ASSERT_EQ(processes_.Started().size(), 1u);
-  EXPECT_EQ(processes_.Started()[0].second, "PrivacyNotice");
+  EXPECT_EQ(Started(), Started("PrivacyNotice"));
   EXPECT_TRUE(NoticeManager::noticeAttempted);
 
   // With the desktop already up the notice shows at once, without a thread.
-  processes_.started.clear();
+  processes_.starts.clear();
   NoticeManager::StartPrivacyNotice();
-  EXPECT_EQ(processes_.Started().size(), 1u);
+  EXPECT_EQ(Started(), Started("PrivacyNotice"));
 }
 
 }  // namespace

@@ -24,10 +24,12 @@ class FakeProcesses : public os::Processes {
     lookups.push_back(name);
     return !running.empty() && name.rfind(running, 0) == 0 ? std::vector<pid_t>{42} : std::vector<pid_t>{};
   }
-  bool StartFile(int fd, const std::string& path, const std::string& arguments, const os::StartAs*, int) override {
+  bool StartFile(int fd, const std::string& path, const std::string& arguments, const os::StartAs* as,
+                 int) override {
     std::lock_guard lock(mutex);
     char content[32] = {};
     starts.push_back(path + "|" + arguments + "|" + std::string(content, ::pread(fd, content, sizeof(content), 0)));
+    startedAs = as ? as->uid : ::geteuid();
     return startWorks;
   }
   bool RemoveTreeDetached(const std::string& directory) override {
@@ -39,16 +41,19 @@ class FakeProcesses : public os::Processes {
   std::string running;  // the start of the name of the one process that runs
   bool startWorks = true;
   std::vector<std::string> lookups, starts, removed;  // starts: path|arguments|content, also the failed ones
+  uid_t startedAs = 0;  // the user of the last start
 };
 
 class FakeSignatures : public security::FileSignatureChecker {
  public:
   bool VerifyEmbedded(const std::string&) override { return embedded; }
   bool VerifyMaker(const std::string&) override {
+    ++makerChecks;
     if (whileVerifying) whileVerifying();
     return maker;
   }
   bool embedded = true, maker = true;
+  int makerChecks = 0;
   std::function<void()> whileVerifying;
 };
 
