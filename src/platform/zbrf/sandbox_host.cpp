@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/landlock.h>
 #include <poll.h>
+#include <sched.h>
 #include <seccomp.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -172,6 +173,11 @@ int SandboxMain(int argc, char** argv, const SandboxSpec& spec) {
     Say(std::string("unknown or failing method ") + argv[1]);
     return 4;
   }
+  // The host's request threads wait for the answers that matter; a service
+  // woken by a one-way note should not push them off their processor, only
+  // run when one is free or their turn ends.
+  const sched_param batch{};
+  ::sched_setscheduler(0, SCHED_BATCH, &batch);
   ConfinementResult confined = ConfineProcess(spec.readableDirs);
   if (!confined.seccomp) {
     Say("confinement failed: " + confined.error);
