@@ -166,19 +166,25 @@ TEST_F(ServiceManagerTest, ASandboxedServiceAnswersFromItsOwnProcess) {
   // A refusal by the service is an answer like any other: the next call works.
   EXPECT_FALSE(Call(*object, kRefuse).ok);
   EXPECT_EQ(Call(*object, kEcho, std::string(100000, 'x')).text.size(), 100000u);
-  // Concurrent callers each get their own answer.
+  // Concurrent callers each get their own answer, while one-way notes from
+  // other threads go out between their requests and replies, whole.
   std::vector<std::thread> threads;
-  std::atomic<int> right{0};
-  for (int t = 0; t < 4; ++t) {
+  std::atomic<int> right{0}, noted{0};
+  for (int t = 0; t < 6; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 25; ++i) {
         const std::string text = std::to_string(t) + ":" + std::to_string(i);
-        right += Call(*object, kEcho, text).text == text;
+        if (t >= 4) {
+          noted += Call(*object, kEcho, text, tarn::zbrf::kFlagOneWay).ok;
+        } else {
+          right += Call(*object, kEcho, text).text == text;
+        }
       }
     });
   }
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(right.load(), 100);
+  EXPECT_EQ(std::pair(right.load(), noted.load()), std::pair(100, 50));
+  EXPECT_EQ(Call(*object, kEcho, "still whole").text, "still whole");
   object.reset();
   EXPECT_TRUE(ProcessGone(child));
 }

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <shared_mutex>
 #include <vector>
 
 #include "platform/zbrf/framework_log.h"
@@ -68,14 +69,12 @@ class SandboxObject : public ZObject {
       : pid_(pid), fd_(fd), timeout_(timeout), name_(std::move(name)) {}
 
   ~SandboxObject() override {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::lock_guard lock(mutex_);
     End("released");
   }
 
   bool Transact(uint32_t code, const std::shared_ptr<ZParcel>& data, const std::shared_ptr<ZParcel>& reply,
                 uint32_t flags) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (fd_ < 0) return false;
     static const std::string kEmpty;
     const std::string& payload = data ? data->Data() : kEmpty;
     if (payload.size() > frame::kMaxPayload) {
@@ -83,6 +82,24 @@ class SandboxObject : public ZObject {
       return false;
     }
     const bool oneWay = (flags & kFlagOneWay) != 0;
+    const std::string request = frame::EncodeRequest(code, flags, payload);
+    if (oneWay && request.size() <= kSharedWriteMax) {
+      // A small frame goes out in one send, whole or not at all, so one-way
+      // writers share the socket; only a call that reads a reply has it alone.
+      std::shared_lock lock(mutex_);
+      if (fd_ < 0) return false;
+      const ssize_t n = ::send(fd_, request.data(), request.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n == static_cast<ssize_t>(request.size())) return true;
+      if (n > 0) {
+        lock.unlock();
+        std::lock_guard alone(mutex_);
+        End("took part of a request");
+        return false;
+      }
+      // Full, interrupted or gone: the exclusive road below waits or ends it.
+    }
+    std::lock_guard lock(mutex_);
+    if (fd_ < 0) return false;
     // Anything readable before we ask is unsolicited output or a hang-up:
     // the stream can't be trusted any more. A one-way request reads nothing;
     // the next call that waits for a reply looks.
@@ -94,7 +111,7 @@ class SandboxObject : public ZObject {
       }
     }
     const auto deadline = Clock::now() + timeout_;
-    if (!SendAll(fd_, frame::EncodeRequest(code, flags, payload), deadline)) {
+    if (!SendAll(fd_, request, deadline)) {
       End("did not take the request");
       return false;
     }
@@ -155,7 +172,10 @@ class SandboxObject : public ZObject {
     }
   }
 
-  std::mutex mutex_;
+  // Larger frames may leave in pieces, which other writers must not split.
+  static constexpr std::size_t kSharedWriteMax = 1024;
+
+  std::shared_mutex mutex_;
   std::atomic<pid_t> pid_;
   int fd_;
   std::chrono::milliseconds timeout_;
