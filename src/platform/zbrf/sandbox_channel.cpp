@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
-#include <shared_mutex>
 #include <vector>
 
 #include "platform/zbrf/framework_log.h"
@@ -83,21 +82,6 @@ class SandboxObject : public ZObject {
     }
     const bool oneWay = (flags & kFlagOneWay) != 0;
     const std::string request = frame::EncodeRequest(code, flags, payload);
-    if (oneWay && request.size() <= kSharedWriteMax) {
-      // A small frame goes out in one send, whole or not at all, so one-way
-      // writers share the socket; only a call that reads a reply has it alone.
-      std::shared_lock lock(mutex_);
-      if (fd_ < 0) return false;
-      const ssize_t n = ::send(fd_, request.data(), request.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (n == static_cast<ssize_t>(request.size())) return true;
-      if (n > 0) {
-        lock.unlock();
-        std::lock_guard alone(mutex_);
-        End("took part of a request");
-        return false;
-      }
-      // Full, interrupted or gone: the exclusive road below waits or ends it.
-    }
     std::lock_guard lock(mutex_);
     if (fd_ < 0) return false;
     // Anything readable before we ask is unsolicited output or a hang-up:
@@ -172,10 +156,7 @@ class SandboxObject : public ZObject {
     }
   }
 
-  // Larger frames may leave in pieces, which other writers must not split.
-  static constexpr std::size_t kSharedWriteMax = 1024;
-
-  std::shared_mutex mutex_;
+  std::mutex mutex_;
   std::atomic<pid_t> pid_;
   int fd_;
   std::chrono::milliseconds timeout_;
