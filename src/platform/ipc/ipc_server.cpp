@@ -577,14 +577,14 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames, bool wait
     if (::poll(&ready, 1, -1) < 0) return errno == EINTR;
   }
   std::size_t budget = kReadBudget;
-  for (const int flags = MSG_DONTWAIT; budget > 0;) {
+  while (budget > 0) {
     // A large body is read straight into its buffer.
     if (c.inBody && c.item.bodySize - c.bodyGot >= kScratchSize) {
       if (!grow(std::min<std::size_t>(c.item.bodySize, c.bodyGot + kReadBudget))) {
         return fail(shortOf);
       }
       ssize_t n = ::recv(c.fd, c.body.get() + c.bodyGot,
-                         std::min<std::size_t>(c.item.bodySize, c.bodyCap) - c.bodyGot, flags);
+                         std::min<std::size_t>(c.item.bodySize, c.bodyCap) - c.bodyGot, MSG_DONTWAIT);
       if (n > 0) {
         c.bodyGot += static_cast<std::size_t>(n);
         budget -= std::min(budget, static_cast<std::size_t>(n));
@@ -595,7 +595,7 @@ bool ServerCore::ReadFrames(Connection& c, std::vector<Frame>& frames, bool wait
       if (errno == EINTR) continue;
       return errno == EAGAIN || errno == EWOULDBLOCK;
     }
-    ssize_t n = ::recv(c.fd, scratch.get(), kScratchSize, flags);
+    ssize_t n = ::recv(c.fd, scratch.get(), kScratchSize, MSG_DONTWAIT);
     if (n == 0) return end();
     if (n < 0) {
       if (errno == EINTR) continue;
