@@ -85,12 +85,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint32_t code = data[0] % 6 + 1;
   const std::string bytes(tarn::fuzz::Bytes(data + 1, size - 1));
 
-  int fds[2];
+  int fds[2], notes[2];
   Check(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0, "socketpair");
+  Check(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, notes) == 0, "socketpair");
   std::thread child(Child, fds[1], bytes);
   {
     service::ZpScopeService stub(
-        tarn::zbrf::SandboxOverChannel(fds[0], 0, "fuzz", std::chrono::milliseconds(1000)));
+        tarn::zbrf::SandboxOverChannel({fds[0], notes[0]}, 0, "fuzz", std::chrono::milliseconds(1000)));
     // SetLastCheckTime and InvokeOpenGateway are sent one-way: whatever comes
     // back is never read.
     const bool oneWay = code == 4 || code == 6;
@@ -98,6 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
           "a transaction goes through exactly on a whole ok frame, or one-way");
   }
   child.join();
+  ::close(notes[1]);
 
   // The serving side, over the same bytes as a request.
   tarn::scope::ScopeServiceObject service(std::make_shared<tarn::scope::ScopePolicy>(policyPath));

@@ -185,6 +185,12 @@ TEST_F(ServiceManagerTest, ASandboxedServiceAnswersFromItsOwnProcess) {
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(std::pair(right.load(), noted.load()), std::pair(100, 50));
   EXPECT_EQ(Call(*object, kEcho, "still whole").text, "still whole");
+  // A stream of notes with no call among them, more than their socket holds,
+  // is gathered by the service on its own and served in order.
+  int sent = 0;
+  for (int i = 0; i < 20000; ++i) sent += Call(*object, kEcho, "note " + std::to_string(i), tarn::zbrf::kFlagOneWay).ok;
+  EXPECT_EQ(sent, 20000);
+  EXPECT_EQ(Call(*object, kEcho, "last").previous, "note 19999");
   object.reset();
   EXPECT_TRUE(ProcessGone(child));
 }

@@ -64,12 +64,20 @@ bool SendAll(int fd, const std::string& bytes, Clock::time_point deadline) {
 
 class SandboxObject : public ZObject {
  public:
-  SandboxObject(pid_t pid, int fd, std::chrono::milliseconds timeout, std::string name)
-      : pid_(pid), fd_(fd), timeout_(timeout), name_(std::move(name)) {}
+  SandboxObject(pid_t pid, SandboxChannel channel, std::chrono::milliseconds timeout, std::string name)
+      : pid_(pid), fd_(channel.callFd), noteFd_(channel.noteFd), timeout_(timeout), name_(std::move(name)) {
+    // Notes wait in the socket until the child gathers them; room for more of
+    // them keeps a request thread from waiting for the child's next round.
+    const int room = 1 << 20;
+    ::setsockopt(noteFd_, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+  }
 
   ~SandboxObject() override {
-    std::lock_guard lock(mutex_);
-    End("released");
+    {
+      std::lock_guard lock(mutex_);
+      End("released");
+    }
+    ::close(noteFd_);
   }
 
   bool Transact(uint32_t code, const std::shared_ptr<ZParcel>& data, const std::shared_ptr<ZParcel>& reply,
@@ -80,26 +88,25 @@ class SandboxObject : public ZObject {
       ZBRF_LOG(Error, "sandbox " << name_ << " request too large: " << payload.size());
       return false;
     }
-    const bool oneWay = (flags & kFlagOneWay) != 0;
-    const std::string request = frame::EncodeRequest(code, flags, payload);
+    std::string request = frame::EncodeRequest(code, flags & ~frame::kNotesAhead, payload);
+    if (flags & kFlagOneWay) return Note(request);
     std::lock_guard lock(mutex_);
     if (fd_ < 0) return false;
+    // Taken under the lock, so that whichever call goes first after a note
+    // carries the mark.
+    if (notesAhead_.exchange(false)) frame::MarkNotesAhead(request);
     // Anything readable before we ask is unsolicited output or a hang-up:
-    // the stream can't be trusted any more. A one-way request reads nothing;
-    // the next call that waits for a reply looks.
-    if (!oneWay) {
-      pollfd p{fd_, POLLIN, 0};
-      if (!unasked_.empty() || ::poll(&p, 1, 0) != 0) {
-        End("sent unasked data or hung up");
-        return false;
-      }
+    // the stream can't be trusted any more.
+    pollfd p{fd_, POLLIN, 0};
+    if (!unasked_.empty() || ::poll(&p, 1, 0) != 0) {
+      End("sent unasked data or hung up");
+      return false;
     }
     const auto deadline = Clock::now() + timeout_;
     if (!SendAll(fd_, request, deadline)) {
       End("did not take the request");
       return false;
     }
-    if (oneWay) return true;  // a child that died is found by the next call
     std::string got;
     if (!Receive(frame::kReplyHead, got, deadline)) {
       End("did not answer in time");
@@ -126,6 +133,25 @@ class SandboxObject : public ZObject {
   pid_t Pid() const { return pid_.load(); }
 
  private:
+  // A one-way request is done once it is in the child's note socket. The
+  // child gathers notes every few milliseconds, and before a call marked as
+  // coming after notes, so a caller's note is served before that caller's
+  // next call. Writing one wakes nobody, and calls don't queue behind it.
+  bool Note(const std::string& request) {
+    {
+      std::lock_guard lock(noteMutex_);  // keeps each frame whole in the stream
+      if (ended_.load(std::memory_order_relaxed)) return false;
+      // EPIPE here is a child that died: its end of the socket is closed.
+      if (SendAll(noteFd_, request, Clock::now() + timeout_)) {
+        notesAhead_.store(true);
+        return true;
+      }
+    }
+    std::lock_guard lock(mutex_);
+    End("did not take the request");
+    return false;
+  }
+
   // Reads until `got` holds at least `size` bytes; the first read usually
   // brings the whole reply. It waits in poll, not in recv: a thread asleep in
   // recv is also woken when the child takes the request off the socket.
@@ -141,11 +167,15 @@ class SandboxObject : public ZObject {
     return true;
   }
 
-  // Ends the child for good; every later Transact fails at once.
+  // Ends the child for good; every later Transact fails at once. Called with
+  // mutex_ held. The note socket is shut, not closed, so that a note being
+  // written meanwhile fails instead of landing on a reused descriptor.
   void End(const char* why) {
+    ended_.store(true, std::memory_order_relaxed);
     if (fd_ >= 0) {
       ::close(fd_);
       fd_ = -1;
+      ::shutdown(noteFd_, SHUT_RDWR);
       if (std::strcmp(why, "released") != 0) ZBRF_LOG(Error, "sandbox " << name_ << " " << why);
     }
     pid_t pid = pid_.exchange(0);
@@ -156,9 +186,13 @@ class SandboxObject : public ZObject {
     }
   }
 
-  std::mutex mutex_;
+  std::mutex mutex_;      // the call socket, one call at a time
+  std::mutex noteMutex_;  // the note socket
   std::atomic<pid_t> pid_;
+  std::atomic<bool> ended_{false};
+  std::atomic<bool> notesAhead_{false};  // a note was written since the last call
   int fd_;
+  const int noteFd_;
   std::chrono::milliseconds timeout_;
   std::string name_;
   std::string unasked_;  // read past the last reply
@@ -177,23 +211,33 @@ int HighFd(int fd) {
 
 std::shared_ptr<ZObject> StartSandbox(int execFd, const std::string& name, const std::string& method,
                                       std::chrono::milliseconds timeout) {
-  int sv[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
+  int calls[2], notes[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, calls) != 0) {
     ZBRF_LOG(Error, "sandbox " << name << " socketpair failed, errno " << errno);
     return nullptr;
   }
-  const int hostEnd = sv[0];
-  const int childEnd = HighFd(sv[1]);
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, notes) != 0) {
+    ZBRF_LOG(Error, "sandbox " << name << " socketpair failed, errno " << errno);
+    for (int fd : calls) ::close(fd);
+    return nullptr;
+  }
+  const SandboxChannel host{calls[0], notes[0]};
+  const int childCalls = HighFd(calls[1]);
+  const int childNotes = HighFd(notes[1]);
   const int devNull = HighFd(::open("/dev/null", O_RDWR | O_CLOEXEC));
   const int program = ::fcntl(execFd, F_DUPFD_CLOEXEC, 10);
   auto closeAll = [&] {
-    for (int fd : {childEnd, devNull, program})
+    for (int fd : {childCalls, childNotes, devNull, program})
       if (fd >= 0) ::close(fd);
   };
-  if (childEnd < 0 || devNull < 0 || program < 0) {
+  auto closeHost = [&] {
+    ::close(host.callFd);
+    ::close(host.noteFd);
+  };
+  if (childCalls < 0 || childNotes < 0 || devNull < 0 || program < 0) {
     ZBRF_LOG(Error, "sandbox " << name << " descriptors failed, errno " << errno);
     closeAll();
-    ::close(hostEnd);
+    closeHost();
     return nullptr;
   }
 
@@ -206,10 +250,12 @@ std::shared_ptr<ZObject> StartSandbox(int execFd, const std::string& name, const
 
   pid_t pid = ::fork();
   if (pid == 0) {
-    if (::dup2(devNull, 0) < 0 || ::dup2(devNull, 1) < 0 || ::dup2(childEnd, frame::kChannelFd) < 0) _exit(126);
+    if (::dup2(devNull, 0) < 0 || ::dup2(devNull, 1) < 0 || ::dup2(childCalls, frame::kChannelFd) < 0 ||
+        ::dup2(childNotes, frame::kNoteFd) < 0)
+      _exit(126);
     // Leaked descriptors of the host (not marked close-on-exec) don't reach the
     // service; `program` is close-on-exec already and is still usable by fexecve.
-    ::syscall(SYS_close_range, frame::kChannelFd + 1, ~0U, CLOSE_RANGE_CLOEXEC);
+    ::syscall(SYS_close_range, frame::kNoteFd + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) _exit(126);
     ::fexecve(program, argv, environ);
@@ -219,17 +265,17 @@ std::shared_ptr<ZObject> StartSandbox(int execFd, const std::string& name, const
   closeAll();
   if (pid < 0) {
     ZBRF_LOG(Error, "sandbox " << name << " fork failed, errno " << forkErrno);
-    ::close(hostEnd);
+    closeHost();
     return nullptr;
   }
   ZBRF_LOG(Info, "sandbox " << name << " started, pid " << pid);
-  return SandboxOverChannel(hostEnd, pid, name, timeout);
+  return SandboxOverChannel(host, pid, name, timeout);
 }
 
-std::shared_ptr<ZObject> SandboxOverChannel(int fd, pid_t pid, const std::string& name,
+std::shared_ptr<ZObject> SandboxOverChannel(SandboxChannel channel, pid_t pid, const std::string& name,
                                             std::chrono::milliseconds timeout) {
   if (timeout > kMaxSandboxTimeout || timeout.count() <= 0) timeout = kMaxSandboxTimeout;
-  return std::make_shared<SandboxObject>(pid, fd, timeout, name);
+  return std::make_shared<SandboxObject>(pid, channel, timeout, name);
 }
 
 pid_t SandboxPid(const ZObject& object) {

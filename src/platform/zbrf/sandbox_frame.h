@@ -1,5 +1,6 @@
 #pragma once
-// The frames between a host and its sandboxed service, over one socketpair.
+// The frames between a host and its sandboxed service, over two socketpairs:
+// calls and their replies on one, one-way requests (notes) on the other.
 //   request: u32 code, u32 flags, u32 length, data[length]
 //   reply:   u8 ok,   u32 length, reply[length]
 // All integers little-endian. One reply is awaited at a time; a request with
@@ -9,11 +10,15 @@
 
 namespace tarn::zbrf::frame {
 
-// The sandboxed program finds its end of the socketpair here.
+// The sandboxed program finds its ends of the socketpairs here.
 inline constexpr int kChannelFd = 3;
+inline constexpr int kNoteFd = 4;
 inline constexpr uint32_t kMaxPayload = 16u * 1024u * 1024u;
 inline constexpr std::size_t kRequestHead = 12;
 inline constexpr std::size_t kReplyHead = 5;
+// A transport flag of calls, never passed on to the service: notes were
+// written since the last call, and are to be served before this one.
+inline constexpr uint32_t kNotesAhead = 0x80000000u;
 
 inline void PutU32(std::string& out, uint32_t value) {
   for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
@@ -33,6 +38,8 @@ inline std::string EncodeRequest(uint32_t code, uint32_t flags, const std::strin
   out += data;
   return out;
 }
+
+inline void MarkNotesAhead(std::string& request) { request[7] = static_cast<char>(request[7] | 0x80); }
 
 inline std::string EncodeReply(bool ok, const std::string& reply) {
   std::string out;

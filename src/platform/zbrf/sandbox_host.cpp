@@ -7,13 +7,14 @@
 #include <seccomp.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
+#include <functional>
 
 #include "platform/zbrf/sandbox_frame.h"
 
@@ -79,8 +80,8 @@ bool ApplySeccomp(std::string& error) {
   };
 
   // Serving: requests in, replies out on the channel; diagnostics on stderr.
-  for (int nr : {SCMP_SYS(read), SCMP_SYS(readv), SCMP_SYS(pread64), SCMP_SYS(close), SCMP_SYS(lseek),
-                 SCMP_SYS(poll), SCMP_SYS(ppoll)})
+  for (int nr : {SCMP_SYS(read), SCMP_SYS(readv), SCMP_SYS(pread64), SCMP_SYS(recvfrom), SCMP_SYS(close),
+                 SCMP_SYS(lseek), SCMP_SYS(poll), SCMP_SYS(ppoll)})
     allow(nr);
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   // Sanitizer runtimes test whether memory is readable by writing it into a
@@ -137,6 +138,98 @@ bool WriteFull(int fd, const std::string& bytes) {
   return true;
 }
 
+// Once notes flow, they are read this long after the last round rather than
+// at each arrival, so that writing one wakes nobody. The host's socket holds
+// several hundred of them; at the busiest a round finds a few dozen.
+constexpr int kNoteGatherMs = 2;
+
+enum class Got { kSome, kNone, kEnd };
+
+// Appends what the socket holds now, without waiting; a read that fills the
+// chunk may have left more behind.
+Got ReadAvailable(int fd, std::string& in) {
+  char chunk[16 * 1024];
+  for (Got got = Got::kNone;;) {
+    ssize_t n = ::recv(fd, chunk, sizeof(chunk), MSG_DONTWAIT);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EAGAIN) return got;
+    if (n <= 0) return Got::kEnd;
+    in.append(chunk, static_cast<std::size_t>(n));
+    if (static_cast<std::size_t>(n) < sizeof(chunk)) return Got::kSome;
+    got = Got::kSome;
+  }
+}
+
+// Serves the whole frames at the front of `in` in order and drops them;
+// one-way requests get no reply. Before a call marked as coming after notes,
+// `notesFirst` serves those. False when a frame is malformed, a reply can't
+// be written or the notes end.
+bool ServeFrames(ZObject& service, std::string& in, const std::function<bool()>& notesFirst) {
+  std::size_t at = 0;
+  bool fine = true;
+  while (in.size() - at >= frame::kRequestHead) {
+    const auto* head = reinterpret_cast<const unsigned char*>(in.data() + at);
+    const uint32_t code = frame::GetU32(head);
+    const uint32_t flags = frame::GetU32(head + 4);
+    const uint32_t length = frame::GetU32(head + 8);
+    if (length > frame::kMaxPayload) {
+      fine = false;
+      break;
+    }
+    if (in.size() - at - frame::kRequestHead < length) break;
+    if ((flags & frame::kNotesAhead) && notesFirst && !notesFirst()) {
+      fine = false;
+      break;
+    }
+    auto data = ZParcel::FromBytes(in.substr(at + frame::kRequestHead, length));
+    at += frame::kRequestHead + length;
+    auto reply = ZParcel::CreateInstance();
+    bool ok = false;
+    try {
+      ok = service.OnTransact(code, data, reply, flags & ~frame::kNotesAhead);
+    } catch (...) {
+      ok = false;
+    }
+    if (flags & kFlagOneWay) continue;
+    if (!WriteFull(frame::kChannelFd, frame::EncodeReply(ok, ok ? reply->Data() : std::string()))) {
+      fine = false;
+      break;
+    }
+  }
+  in.erase(0, at);
+  return fine;
+}
+
+// Calls are answered as they come. Notes wake the service only when it is
+// idle; while they flow they are gathered every few milliseconds, and before
+// a call that the host marked as coming after notes. Waiting is in poll,
+// never in read: a reader asleep in read is also woken when the host takes a
+// reply off the socket.
+void Serve(ZObject& service) {
+  std::string calls, notes;
+  bool gathering = false;
+  const std::function<bool()> serveNotes = [&] {
+    const Got got = ReadAvailable(frame::kNoteFd, notes);
+    if (got == Got::kSome) gathering = true;
+    return got != Got::kEnd && ServeFrames(service, notes, nullptr);
+  };
+  for (;;) {
+    pollfd ready[2] = {{frame::kChannelFd, POLLIN, 0}, {gathering ? -1 : frame::kNoteFd, POLLIN, 0}};
+    const int n = ::poll(ready, 2, gathering ? kNoteGatherMs : -1);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    if (n == 0 || ready[1].revents) {
+      gathering = false;  // until this round finds notes
+      if (!serveNotes()) return;
+    }
+    if (ready[0].revents) {
+      if (ReadAvailable(frame::kChannelFd, calls) == Got::kEnd || !ServeFrames(service, calls, serveNotes)) return;
+    }
+  }
+}
+
 void Say(const std::string& text) {
   std::string line = text + "\n";
   ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
@@ -160,7 +253,8 @@ ConfinementResult ConfineProcess(const std::vector<std::string>& readableDirs) {
 
 int SandboxMain(int argc, char** argv, const SandboxSpec& spec) {
   struct stat st {};
-  if (::fstat(frame::kChannelFd, &st) != 0 || !S_ISSOCK(st.st_mode) || argc < 2) {
+  auto isSocket = [&st](int fd) { return ::fstat(fd, &st) == 0 && S_ISSOCK(st.st_mode); };
+  if (!isSocket(frame::kChannelFd) || !isSocket(frame::kNoteFd) || argc < 2) {
     Say(std::string(argc > 0 ? argv[0] : "sandbox") + ": runs only as a service of the TarnCore host");
     return 2;
   }
@@ -184,53 +278,7 @@ int SandboxMain(int argc, char** argv, const SandboxSpec& spec) {
     return 3;
   }
 
-  // Requests are read in chunks and served in order; one-way requests get
-  // no reply, and several of them often arrive in one read.
-  std::string in;
-  std::size_t at = 0;
-  char chunk[16 * 1024];
-  bool replied = false;
-  for (bool serving = true; serving;) {
-    while (in.size() - at >= frame::kRequestHead) {
-      const auto* head = reinterpret_cast<const unsigned char*>(in.data() + at);
-      const uint32_t code = frame::GetU32(head);
-      const uint32_t flags = frame::GetU32(head + 4);
-      const uint32_t length = frame::GetU32(head + 8);
-      if (length > frame::kMaxPayload) {
-        serving = false;
-        break;
-      }
-      if (in.size() - at - frame::kRequestHead < length) break;
-      auto data = ZParcel::FromBytes(in.substr(at + frame::kRequestHead, length));
-      at += frame::kRequestHead + length;
-      auto reply = ZParcel::CreateInstance();
-      bool ok = false;
-      try {
-        ok = service->OnTransact(code, data, reply, flags);
-      } catch (...) {
-        ok = false;
-      }
-      if (flags & kFlagOneWay) continue;
-      if (!WriteFull(frame::kChannelFd, frame::EncodeReply(ok, ok ? reply->Data() : std::string()))) {
-        serving = false;
-        break;
-      }
-      replied = true;
-    }
-    in.erase(0, at);
-    at = 0;
-    if (!serving) break;
-    // After a reply, wait in poll rather than in read: a reader asleep in
-    // read is also woken when the host takes the reply off the socket.
-    if (std::exchange(replied, false)) {
-      pollfd ready{frame::kChannelFd, POLLIN, 0};
-      if (::poll(&ready, 1, -1) < 0 && errno == EINTR) continue;
-    }
-    ssize_t n = ::read(frame::kChannelFd, chunk, sizeof(chunk));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    in.append(chunk, static_cast<std::size_t>(n));
-  }
+  Serve(*service);
   // Past the filter, exit handlers (leak checkers among them) could only fail.
   _exit(0);
 }

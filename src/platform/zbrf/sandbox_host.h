@@ -1,7 +1,7 @@
 #pragma once
 // The sandboxed program's side: confine the process, then serve the frames of
-// sandbox_frame.h on descriptor 3 with one service object until the host
-// closes its end.
+// sandbox_frame.h on descriptors 3 (calls) and 4 (notes) with one service
+// object until the host closes its ends.
 //
 // Confinement, applied after the service object exists and before the first
 // request: no_new_privs; Landlock (where the kernel has it) so that files can
