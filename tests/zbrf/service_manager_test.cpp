@@ -191,6 +191,15 @@ TEST_F(ServiceManagerTest, ASandboxedServiceAnswersFromItsOwnProcess) {
   for (int i = 0; i < 20000; ++i) sent += Call(*object, kEcho, "note " + std::to_string(i), tarn::zbrf::kFlagOneWay).ok;
   EXPECT_EQ(sent, 20000);
   EXPECT_EQ(Call(*object, kEcho, "last").previous, "note 19999");
+  // A note too large to leave in one piece is served in its turn all the same.
+  const std::string large(50000, 'n');
+  EXPECT_TRUE(Call(*object, kEcho, "small", tarn::zbrf::kFlagOneWay).ok);
+  EXPECT_TRUE(Call(*object, kEcho, large, tarn::zbrf::kFlagOneWay).ok);
+  EXPECT_EQ(Call(*object, kEcho, "after").previous, large);
+  EXPECT_TRUE(Call(*object, kEcho, large, tarn::zbrf::kFlagOneWay).ok);
+  EXPECT_TRUE(Call(*object, kEcho, "small again", tarn::zbrf::kFlagOneWay).ok);
+  a = Call(*object, kEcho, "after all");
+  EXPECT_EQ(std::tuple(a.previous, a.flags), std::tuple("small again", 0));
   object.reset();
   EXPECT_TRUE(ProcessGone(child));
 }

@@ -88,13 +88,17 @@ class SandboxObject : public ZObject {
       ZBRF_LOG(Error, "sandbox " << name_ << " request too large: " << payload.size());
       return false;
     }
-    std::string request = frame::EncodeRequest(code, flags & ~frame::kNotesAhead, payload);
-    if (flags & kFlagOneWay) return Note(request);
+    std::string request = frame::EncodeRequest(code, flags & ~frame::kTransportFlags, payload);
+    const bool oneWay = (flags & kFlagOneWay) != 0;
+    if (oneWay && request.size() <= frame::kWholeNote) return Note(request);
+    // A larger note could be split in the note socket; it goes as a call,
+    // which is answered once the service has taken it.
+    if (oneWay) frame::AddFlags(request, frame::kAnswerAnyway);
     std::lock_guard lock(mutex_);
     if (fd_ < 0) return false;
     // Taken under the lock, so that whichever call goes first after a note
     // carries the mark.
-    if (notesAhead_.exchange(false)) frame::MarkNotesAhead(request);
+    if (notesAhead_.exchange(false)) frame::AddFlags(request, frame::kNotesAhead);
     // Anything readable before we ask is unsolicited output or a hang-up:
     // the stream can't be trusted any more.
     pollfd p{fd_, POLLIN, 0};
@@ -125,6 +129,7 @@ class SandboxObject : public ZObject {
     }
     // Bytes beyond the reply were never asked for: they spoil the next call.
     unasked_ = got.substr(frame::kReplyHead + length);
+    if (oneWay) return true;
     if (!ok) return false;
     if (reply) reply->SetData(got.substr(frame::kReplyHead, length));
     return true;
@@ -137,15 +142,13 @@ class SandboxObject : public ZObject {
   // child gathers notes every few milliseconds, and before a call marked as
   // coming after notes, so a caller's note is served before that caller's
   // next call. Writing one wakes nobody, and calls don't queue behind it.
+  // Being small, each note leaves in one piece, so writers need no lock.
   bool Note(const std::string& request) {
-    {
-      std::lock_guard lock(noteMutex_);  // keeps each frame whole in the stream
-      if (ended_.load(std::memory_order_relaxed)) return false;
-      // EPIPE here is a child that died: its end of the socket is closed.
-      if (SendAll(noteFd_, request, Clock::now() + timeout_)) {
-        notesAhead_.store(true);
-        return true;
-      }
+    if (ended_.load(std::memory_order_relaxed)) return false;
+    // EPIPE here is a child that died: its end of the socket is closed.
+    if (SendAll(noteFd_, request, Clock::now() + timeout_)) {
+      notesAhead_.store(true);
+      return true;
     }
     std::lock_guard lock(mutex_);
     End("did not take the request");
@@ -186,8 +189,7 @@ class SandboxObject : public ZObject {
     }
   }
 
-  std::mutex mutex_;      // the call socket, one call at a time
-  std::mutex noteMutex_;  // the note socket
+  std::mutex mutex_;  // the call socket, one call at a time
   std::atomic<pid_t> pid_;
   std::atomic<bool> ended_{false};
   std::atomic<bool> notesAhead_{false};  // a note was written since the last call

@@ -16,9 +16,16 @@ inline constexpr int kNoteFd = 4;
 inline constexpr uint32_t kMaxPayload = 16u * 1024u * 1024u;
 inline constexpr std::size_t kRequestHead = 12;
 inline constexpr std::size_t kReplyHead = 5;
-// A transport flag of calls, never passed on to the service: notes were
-// written since the last call, and are to be served before this one.
+// Transport flags, never passed on to the service. kNotesAhead: notes were
+// written since the last call and are to be served before this one.
+// kAnswerAnyway: a one-way request sent as a call, whose (empty) answer says
+// only that it was taken.
 inline constexpr uint32_t kNotesAhead = 0x80000000u;
+inline constexpr uint32_t kAnswerAnyway = 0x40000000u;
+inline constexpr uint32_t kTransportFlags = kNotesAhead | kAnswerAnyway;
+// A note up to this size leaves in one piece, so that notes written at once
+// by several threads can't interleave.
+inline constexpr std::size_t kWholeNote = 4096;
 
 inline void PutU32(std::string& out, uint32_t value) {
   for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
@@ -39,7 +46,9 @@ inline std::string EncodeRequest(uint32_t code, uint32_t flags, const std::strin
   return out;
 }
 
-inline void MarkNotesAhead(std::string& request) { request[7] = static_cast<char>(request[7] | 0x80); }
+inline void AddFlags(std::string& request, uint32_t flags) {
+  for (int i = 0; i < 4; ++i) request[4 + i] = static_cast<char>(request[4 + i] | ((flags >> (8 * i)) & 0xFF));
+}
 
 inline std::string EncodeReply(bool ok, const std::string& reply) {
   std::string out;

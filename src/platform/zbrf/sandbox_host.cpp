@@ -161,7 +161,7 @@ Got ReadAvailable(int fd, std::string& in) {
 }
 
 // Serves the whole frames at the front of `in` in order and drops them;
-// one-way requests get no reply. Before a call marked as coming after notes,
+// one-way requests get no reply unless they ask for one. Before a call marked as coming after notes,
 // `notesFirst` serves those. False when a frame is malformed, a reply can't
 // be written or the notes end.
 bool ServeFrames(ZObject& service, std::string& in, const std::function<bool()>& notesFirst) {
@@ -186,11 +186,11 @@ bool ServeFrames(ZObject& service, std::string& in, const std::function<bool()>&
     auto reply = ZParcel::CreateInstance();
     bool ok = false;
     try {
-      ok = service.OnTransact(code, data, reply, flags & ~frame::kNotesAhead);
+      ok = service.OnTransact(code, data, reply, flags & ~frame::kTransportFlags);
     } catch (...) {
       ok = false;
     }
-    if (flags & kFlagOneWay) continue;
+    if ((flags & kFlagOneWay) && !(flags & frame::kAnswerAnyway)) continue;
     if (!WriteFull(frame::kChannelFd, frame::EncodeReply(ok, ok ? reply->Data() : std::string()))) {
       fine = false;
       break;
