@@ -190,9 +190,12 @@ Scratch* ThreadScratch() {
 // before it is handed back, so a record's word reads 0 until its writer is done.
 class LineRing {
  public:
-  static constexpr std::uint64_t kSize = 256 * 1024;  // a power of two
+  // A power of two. Lines are written out from 64 KiB on; the rest is room
+  // for the time the drainer is held up, as by a rotation of the files, while
+  // a busy container logs tens of MiB a second.
+  static constexpr std::uint64_t kSize = 1024 * 1024;
   // Longer lines don't go through the ring.
-  static constexpr std::size_t kMaxLine = kSize / 4;
+  static constexpr std::size_t kMaxLine = 64 * 1024;
 
   // Zeroed by calloc, which leaves the fresh pages untouched: a ring costs
   // memory only as far as lines have reached.
@@ -351,10 +354,10 @@ void DrainAndFlush(State& s, std::uint64_t until) {
   if (s.file) s.file->flush();
 }
 
-// The log's own thread writes the ring out once a good part of it is used,
+// The log's own thread writes the ring out once 64 KiB of lines are in it,
 // and every 200 ms, which keeps the file current for its readers. So the disk
 // sees one write per batch, and a thread that logs never does that write.
-constexpr std::uint64_t kWakeBytes = LineRing::kSize / 4;
+constexpr std::uint64_t kWakeBytes = 64 * 1024;
 
 void WakeWriter(State& s) {
   if (!s.wakeSent.exchange(true, std::memory_order_acq_rel)) {
