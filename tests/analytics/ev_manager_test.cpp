@@ -1,7 +1,6 @@
 // The event reporter: what it records from requests and the scope proxy, and
 // what each flush hands to the reporting library, in which order.
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 #include "pipeline/ServerResCallBack.h"
 #include "platform/log/log_capture.h"
 #include "support/eventually.h"
+#include "support/json.h"
 #include "support/temp_root.h"
 #include "thread/ThreadManager.h"
 
@@ -56,8 +56,7 @@ class FakeLibrary : public EvLibrary {
 
 // The event data of a report that holds one api record.
 Json::Value EventData(const std::string& text) {
-  Json::Value root;
-  EXPECT_TRUE(Json::Reader().parse(text, root)) << text;
+  const Json::Value root = tarn::test::ParseJson(text);
   EXPECT_EQ(root["EVReports"].size(), 1u);
   EXPECT_EQ(root["EVReports"][0]["event_name"].asString(), "TARN_PC_SERVICE_API_CALLED");
   return root["EVReports"][0]["event_data"];
@@ -117,10 +116,10 @@ TEST_F(EvManagerTest, ApiCallsAreReportedWithTheirRequestFieldsAndResultOnlyOnRe
   ev_.FlushReports();
 
   ASSERT_EQ(library_.reports.size(), 2u);
-  Json::Value expected;
-  Json::Reader().parse(R"({"version":"1.0","service":"srv","apiName":"Demo.Echo","appid":"app","package":"pkg",
-                           "baseVersion":"6.0","transId":"t1","kitSdkVersion":"6.1","apiLevel":"3",
-                           "direction":"req","callTime":"","statusCode":"","result":""})", expected);
+  Json::Value expected = tarn::test::ParseJson(
+      R"({"version":"1.0","service":"srv","apiName":"Demo.Echo","appid":"app","package":"pkg",
+          "baseVersion":"6.0","transId":"t1","kitSdkVersion":"6.1","apiLevel":"3",
+          "direction":"req","callTime":"","statusCode":"","result":""})");
   EXPECT_EQ(EventData(library_.reports[0]), expected);
   expected["direction"] = "res";
   expected["callTime"] = "42";

@@ -1,22 +1,13 @@
 // Number keys of the remote configuration: defaults, minimums and conversion.
-#include <json/json.h>
-
 #include <cstdint>
-#include <sstream>
 
 #include "config_fixture.h"
+#include "support/json.h"
 
 using tarn::log::Level;
+using tarn::test::ParseJson;
 
 namespace {
-
-Json::Value Parse(const std::string& text) {
-  Json::Value root;
-  std::istringstream in(text);
-  std::string errors;
-  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors)) << text;
-  return root;
-}
 
 using ConfigParams = tarn::test::ConfigFixture;
 
@@ -48,7 +39,7 @@ TEST_F(ConfigParams, ValuesDefaultsAndMinimums) {
     SCOPED_TRACE(c.json ? c.json : "<missing>");
     log.Clear();
     const std::string text = c.json ? std::string(R"({"TimerPeriodTarnCoreUpdate":)") + c.json + "}" : "{}";
-    EXPECT_EQ(cm.GetKeyValue(Parse(text), "TimerPeriodTarnCoreUpdate", 86400000, 60000), c.value);
+    EXPECT_EQ(cm.GetKeyValue(ParseJson(text), "TimerPeriodTarnCoreUpdate", 86400000, 60000), c.value);
     const auto errors = Errors();
     ASSERT_EQ(errors.size(), c.error ? 1u : 0u);
     EXPECT_TRUE(!c.error || errors[0].find(c.error) != std::string::npos) << errors[0];
@@ -56,8 +47,8 @@ TEST_F(ConfigParams, ValuesDefaultsAndMinimums) {
 }
 
 TEST_F(ConfigParams, TestKeysApplyWithTheirOwnMinimumsOnlyWhenNotVerifying) {
-  cm.LoadConfigParams(Parse(R"({"TimerPeriodTarnCoreUpdate":"3600000","evReportTimePeriod":40000,
-                                "upgradeTimeAfterStart":70000,"forceUpdateTimeForTest":80000})"));
+  cm.LoadConfigParams(ParseJson(R"({"TimerPeriodTarnCoreUpdate":"3600000","evReportTimePeriod":40000,
+                                    "upgradeTimeAfterStart":70000,"forceUpdateTimeForTest":80000})"));
   EXPECT_EQ(cm.timerPeriodTarnCoreUpdate, 3600000u);
   EXPECT_TRUE(log.Has(Level::Info, "RemoteConfig param TimerPeriodTarnCoreUpdate = 3600000(ConfigManager::LoadConfigParams)"));
   EXPECT_EQ(cm.evReportTimePeriod, 600000u);
@@ -65,8 +56,8 @@ TEST_F(ConfigParams, TestKeysApplyWithTheirOwnMinimumsOnlyWhenNotVerifying) {
   EXPECT_EQ(g_timePeriodOneday, 86400000u);
 
   cm.verifyEnabled = false;
-  cm.LoadConfigParams(Parse(R"({"evReportTimePeriod":30000,"upgradeTimeAfterStart":60000,
-                                "forceUpdateTimeForTest":"60000"})"));
+  cm.LoadConfigParams(ParseJson(R"({"evReportTimePeriod":30000,"upgradeTimeAfterStart":60000,
+                                    "forceUpdateTimeForTest":"60000"})"));
   EXPECT_EQ(cm.timerPeriodTarnCoreUpdate, 86400000u);
   EXPECT_EQ(g_timePeriodOneday, 60000u);
   EXPECT_EQ(cm.evReportTimePeriod, 30000u);
@@ -74,8 +65,8 @@ TEST_F(ConfigParams, TestKeysApplyWithTheirOwnMinimumsOnlyWhenNotVerifying) {
   EXPECT_TRUE(log.Has(Level::Info, "RemoteConfig param Handle Not Verify g_timePeriodOneday = 60000 "
                                    "evReportTimePeriod = 30000 upgradeTimeAfterStart = 60000"
                                    "(ConfigManager::HandleNotVerifyInfo)"));
-  cm.HandleNotVerifyInfo(Parse(R"({"evReportTimePeriod":29999,"upgradeTimeAfterStart":59999,
-                                   "forceUpdateTimeForTest":59999})"));
+  cm.HandleNotVerifyInfo(ParseJson(R"({"evReportTimePeriod":29999,"upgradeTimeAfterStart":59999,
+                                       "forceUpdateTimeForTest":59999})"));
   EXPECT_EQ(g_timePeriodOneday, 86400000u);
   EXPECT_EQ(cm.evReportTimePeriod, 600000u);
   EXPECT_EQ(cm.upgradeTimeAfterStart, 600000u);

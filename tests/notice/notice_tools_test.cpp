@@ -1,32 +1,24 @@
 // TarnCoreNotice and TarnCoreUI against a stand-in container: what each
 // answer sends, and the notice's own registry write when no container is there.
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "ipc/ipc_test_util.h"
 #include "platform/ipc/ipc_server.h"
 #include "platform/os/named_mutex.h"
+#include "support/json.h"
 #include "support/run_program.h"
 #include "support/temp_root.h"
 
 namespace {
 
 using tarn::test::kVtid;
-
-Json::Value Parse(const char* text) {
-  Json::Value root;
-  std::string errors;
-  std::istringstream in(text ? text : "");
-  Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors);
-  return root;
-}
+using tarn::test::ParseJson;
 
 // Answers every request with a fixed text and keeps what came.
 class StandInContainer {
@@ -38,7 +30,7 @@ class StandInContainer {
     sender_->RegisterMessageCallback(IpcRequestMessageCode, [this](TagIPCMessageItem& item) {
       {
         std::lock_guard<std::mutex> lock(mutex_);
-        requests_.push_back(Parse(item.body));
+        requests_.push_back(ParseJson(item.body ? item.body : ""));
       }
       TagIPCMessageItem reply = tarn::test::ResponseItem(item.syncMessageId);
       reply.body = answer_.data();
@@ -102,7 +94,7 @@ TEST(NoticeToolsTest, AnswersGoToTheContainerAsFrameworkRequests) {
     ASSERT_EQ(requests.size(), c.control ? 4u : 1u);
     EXPECT_EQ(requests[0]["header"]["api_name"].asString(), c.uri);
     EXPECT_EQ(requests[0]["header"]["client_id"].asString(), "204518762");
-    EXPECT_EQ(requests[0]["body"], Parse(c.body));
+    EXPECT_EQ(requests[0]["body"], ParseJson(c.body));
     // With a container there, the notice leaves the registry to it.
     EXPECT_EQ(root.ReadFile(kVtid + "PrivacyNotice"), "");
     if (!c.control) continue;
@@ -113,7 +105,7 @@ TEST(NoticeToolsTest, AnswersGoToTheContainerAsFrameworkRequests) {
       const Json::Value& request = requests[i + 1];
       EXPECT_EQ(request["header"]["api_name"].asString(), "Framework.NoticeEvReport");
       EXPECT_EQ(request["body"]["type"].asString(), "TARNCORE_NOTICE_UI");
-      const Json::Value event = Parse(request["body"]["data"].asCString())["EVReports"][0];
+      const Json::Value event = ParseJson(request["body"]["data"].asString())["EVReports"][0];
       EXPECT_EQ(event["event_name"].asString(), events[i].first);
       EXPECT_EQ(event["event_data"]["tarncore_ui_name"].asString(), "TarnCoreNotice");
       EXPECT_EQ(event["event_data"]["oper_Content"].asString(), events[i].second);

@@ -18,6 +18,7 @@
 #include "platform/ipc/signature_manager.h"
 #include "platform/log/log_capture.h"
 #include "platform/security/security.h"
+#include "support/json.h"
 #include "support/temp_root.h"
 
 namespace tarn::test {
@@ -86,12 +87,6 @@ class FakeGates : public DefaultRequestGates {
   std::vector<std::string> lastChecked;
   std::vector<ApiRecord> records;
 };
-
-inline Json::Value ParseJson(const std::string& text) {
-  Json::Value root;
-  EXPECT_TRUE(ConnectManager::Parse(text.data(), text.data() + text.size(), root)) << text;
-  return root;
-}
 
 // A well-formed request: every header value a string.
 inline std::string Request(const std::string& uri = "Demo.Echo", const std::string& body = "{}",

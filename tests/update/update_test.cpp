@@ -2,7 +2,6 @@
 // signatures, the update library and the network test replaced.
 #include <gtest/gtest.h>
 #include <unistd.h>
-#include <json/json.h>
 
 #include <cstdio>
 #include <thread>
@@ -18,6 +17,7 @@
 #include "platform/os/process.h"
 #include "platform/security/security.h"
 #include "support/fake_launch.h"
+#include "support/json.h"
 #include "support/temp_root.h"
 #include "thread/ThreadManager.h"
 #include "update/KitStoreManager.h"
@@ -260,9 +260,7 @@ TEST(UpdateNotifyTest, KitsFollowTheRemoteListAndTheConfiguredSubKits) {
   auto notify = [](int agree) {
     std::string text;
     tarn::update::GetNotifyMsg("com.vantrel.tarn.updateKitUserConfirm", agree, text);
-    Json::Value root;
-    Json::Reader().parse(text, root);
-    return root["notifyMsg"];
+    return tarn::test::ParseJson(text)["notifyMsg"];
   };
   EXPECT_EQ(notify(0)["kits"], "") << "an empty remote list";
   config.remoteConfig.packageInfoList->push_back(std::make_shared<PackageInfo>());
@@ -273,10 +271,8 @@ TEST(UpdateNotifyTest, KitsFollowTheRemoteListAndTheConfiguredSubKits) {
   subKit->version = "1.2";
   subKit->apiLevel = "3";
   config.kitConfigMap["pkg"] = std::make_shared<KitConfig>(KitConfig{std::make_shared<SubKitConfigList>(1, subKit)});
-  Json::Value expected;
-  Json::Reader().parse(R"({"isUserAgree":"2","level":"7","version":"6.0.1.10",
-                           "kits":[{"kitName":"demo","kitVersion":"1.2","apiLevel":"3"}]})", expected);
-  EXPECT_EQ(notify(2), expected);
+  EXPECT_EQ(notify(2), tarn::test::ParseJson(R"({"isUserAgree":"2","level":"7","version":"6.0.1.10",
+                         "kits":[{"kitName":"demo","kitVersion":"1.2","apiLevel":"3"}]})"));
 
   config.remoteConfig.packageInfoList.reset();
   EXPECT_FALSE(notify(0).isMember("kits")) << "no list at all: no member";
