@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <regex>
 #include <stdexcept>
 
@@ -93,11 +92,6 @@ void KillAndReap(pid_t pid) {
   if (pid <= 0) return;
   ::kill(pid, SIGKILL);
   ::waitpid(pid, nullptr, 0);
-}
-
-std::string ReadText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), {});
 }
 
 bool ProcessAlive(pid_t pid) {

@@ -32,7 +32,6 @@ void KillAndReap(pid_t pid);
 // Any process of that id that has not ended (zombies have).
 bool ProcessAlive(pid_t pid);
 
-std::string ReadText(const std::string& path);
 int CountText(const std::string& path, const std::string& text);
 // Waits until the file holds text at least `times` times.
 bool WaitForText(const std::string& path, const std::string& text, std::chrono::milliseconds limit,

@@ -65,8 +65,7 @@ TEST_F(KitRequest, KitThatIsNotStartedAtStartUpLoadsOnTheFirstRequest) {
 TEST_F(KitRequest, KitWhoseManifestChangedIsRefusedAndTriedAgainByEachRequest) {
   Setup({Main()});
   const std::string manifest = KitDir("com.test.main") + "kitManifest.json";
-  std::string original;
-  std::getline(std::ifstream(manifest, std::ios::binary), original, '\0');
+  const std::string original = tarn::test::ReadText(manifest);
   AppendTo(manifest, "\n");
   ASSERT_TRUE(manager.Init());  // the start goes on
   EXPECT_EQ("907135002", Status(15, Request("Main.Echo")));

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <set>
 #include <thread>
@@ -26,12 +25,8 @@ using namespace tarn::os;
 
 namespace {
 
-std::string Read(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 using tarn::test::Eventually;
+using tarn::test::ReadText;
 
 constexpr uid_t kNobody = 65534;
 
@@ -77,19 +72,15 @@ TEST(ProcessTest, StartedProgramRunsDetachedAsItsUserAndIsFoundByItsLongNameWith
 
   // exe turns to the program a moment before exec has laid out its arguments.
   std::string args;
-  Eventually([&] {
-    std::ifstream cmdline("/proc/" + std::to_string(pid) + "/cmdline");
-    args.assign(std::istreambuf_iterator<char>(cmdline), std::istreambuf_iterator<char>());
-    return !args.empty();
-  });
+  Eventually([&] { return !(args = ReadText("/proc/" + std::to_string(pid) + "/cmdline")).empty(); });
   EXPECT_EQ(args, path + std::string("\0" "30\0", 4));
   if (asRoot) {
-    const std::string status = Read("/proc/" + std::to_string(pid) + "/status");
+    const std::string status = ReadText("/proc/" + std::to_string(pid) + "/status");
     EXPECT_NE(status.find("\nUid:\t65534\t65534\t65534\t65534\n"), std::string::npos) << status;
     EXPECT_NE(status.find("\nGid:\t65534\t65534\t65534\t65534\n"), std::string::npos) << status;
     const auto groups = status.find("\nGroups:");
     EXPECT_EQ(status.substr(groups, status.find('\n', groups + 1) - groups), "\nGroups:\t65534 ") << status;
-    EXPECT_EQ(Read("/proc/" + std::to_string(pid) + "/environ"), std::string("HOME=/\0ONLY=this\0", 17));
+    EXPECT_EQ(ReadText("/proc/" + std::to_string(pid) + "/environ"), std::string("HOME=/\0ONLY=this\0", 17));
   }
 
   // A process that has ended is not running, even before anyone reaped it.
@@ -228,7 +219,7 @@ TEST(CrashHandlerTest, FatalSignalWritesTheSignalAndABacktraceAndStillKills) {
       EXPECT_FALSE(fs::exists(path));
       continue;
     }
-    const std::string text = Read(path);
+    const std::string text = ReadText(path);
     EXPECT_EQ(text.rfind("signal " + std::to_string(c.sig) + " (" + c.name + ")\n", 0), 0u) << text;
     EXPECT_NE(text.find("backtrace:\n"), std::string::npos) << text;
     EXPECT_GT(text.size(), text.find("backtrace:\n") + 12);

@@ -43,12 +43,14 @@ void TempRoot::WriteFile(std::string_view relative, std::string_view content) co
   out.write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
-std::string TempRoot::ReadFile(std::string_view relative) const {
-  std::ifstream in(At(relative), std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+std::string TempRoot::ReadFile(std::string_view relative) const { return ReadText(At(relative)); }
 
 void TempRoot::MakeDir(std::string_view relative) const { fs::create_directories(At(relative)); }
+
+std::string ReadText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
 
 std::string BuildDir() {
   const char* d = std::getenv("TARN_BUILD_DIR");

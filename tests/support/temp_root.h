@@ -28,6 +28,9 @@ class TempRoot {
   bool hadSaved_ = false;
 };
 
+// What a file holds; empty when it can't be read.
+std::string ReadText(const std::string& path);
+
 // Where the platform's registry values lie under a machine root.
 inline const std::string kVtid = "etc/tarncore/registry/HKEY_LOCAL_MACHINE/SOFTWARE/Tarn Core/VTID/";
 
