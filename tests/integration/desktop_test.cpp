@@ -164,6 +164,40 @@ class DesktopTest : public ::testing::Test {
   }
   std::string AskForUpdate() { return Call("Framework.Updatekit", "--header sdk_version=5.3.0.300"); }
 
+  // PrivacyNotice unset: the notice comes, as `uid`, and Enter agrees.
+  void AgreeToNotice(const Xvfb& x, const std::string& uid) {
+    const std::string notice = x.Window("Tarn Core privacy notice");
+    ASSERT_FALSE(notice.empty()) << ReadText(ContainerLog(root_));
+    EXPECT_EQ(Count("start PrivacyNoticeUI succes(NoticeManager::ShowPrivacyNoticeTray)"), 1);
+    EXPECT_EQ(x.Uid(notice), uid);
+    x.Keys(notice, "Return");
+    ASSERT_TRUE(Eventually([&] { return Registry("PrivacyNotice") == "true"; }, 30s))
+        << ReadText(root_.At("var/lib/Vantrel/TARNCORE/log/TarnCoreNotice.log")) << ReadText(ContainerLog(root_));
+    EXPECT_EQ(Registry("PrivacyAgree"), "64000000");
+    EXPECT_TRUE(Eventually([&] { return !x.HasWindow("Tarn Core privacy notice"); }, 30s));
+  }
+
+  // Asked for, agreed with Enter: the update runs, the package installs with
+  // root's rights and the result re-initialises the kits. The outcome stays up
+  // until the person closes it. Both windows run as `uid`.
+  void AgreeToUpdate(const Xvfb& x, const std::string& uid) {
+    EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
+    const std::string question = x.Window("prompting");
+    ASSERT_FALSE(question.empty()) << ReadText(ContainerLog(root_));
+    EXPECT_EQ(x.Uid(question), uid);
+    x.Keys(question, "Return");
+    ASSERT_TRUE(WaitForText(ContainerLog(root_), "user agree update.(UpdateKitResultReqHandler::Excute)", 30s));
+    ASSERT_TRUE(WaitForText(ContainerLog(root_), "UpdateKitResultReqHandler.Excute end.", 60s)) << ReadText(ContainerLog(root_));
+    EXPECT_EQ(ReadText(root_.At("installed")), "installed by 0\n");
+    EXPECT_EQ(CountText(root_.At("cloud/received/requests.log"), "GET /tarncore/update/package/setup.sh 200"), 1);
+    EXPECT_EQ(Count("KitManagerApi.InitKitsForUpdate end."), 1);
+    const std::string outcome = x.Window("prompting");
+    ASSERT_FALSE(outcome.empty());
+    EXPECT_EQ(x.Uid(outcome), uid);
+    x.Keys(outcome, "Return");
+    EXPECT_TRUE(Eventually([&] { return !x.HasWindow("prompting"); }, 30s));
+  }
+
   // The type of the last session event the demo kit got.
   std::string LastSessionEvent() {
     const std::string answer = Call("Demo.LastEvent");
@@ -185,15 +219,9 @@ TEST_F(DesktopTest, NoticeAndUpdateDialogsOnTheDisplayAnsweredByKeyboard) {
   ASSERT_FALSE(x.display().empty());
   StartService({"DISPLAY=" + x.display()});
 
-  // PrivacyNotice unset: the notice comes, and Enter agrees.
-  const std::string notice = x.Window("Tarn Core privacy notice");
-  ASSERT_FALSE(notice.empty()) << ReadText(ContainerLog(root_));
-  EXPECT_EQ(Count("start PrivacyNoticeUI succes(NoticeManager::ShowPrivacyNoticeTray)"), 1);
-  x.Keys(notice, "Return");
-  ASSERT_TRUE(Eventually([&] { return Registry("PrivacyNotice") == "true"; }, 30s))
-      << ReadText(root_.At("var/lib/Vantrel/TARNCORE/log/TarnCoreNotice.log"));
-  EXPECT_EQ(Registry("PrivacyAgree"), "64000000");
-  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("Tarn Core privacy notice"); }, 30s));
+  // The windows run as the test, which has the display.
+  const std::string self = std::to_string(::geteuid());
+  AgreeToNotice(x, self);
 
   // The next container start finds the notice done and shows nothing.
   const std::string serviceLog = ReadText(ServiceLog(root_));
@@ -212,22 +240,7 @@ TEST_F(DesktopTest, NoticeAndUpdateDialogsOnTheDisplayAnsweredByKeyboard) {
   ASSERT_TRUE(WaitForText(ContainerLog(root_), "user can not agree update.(UpdateKitResultReqHandler::Excute)", 30s));
   EXPECT_TRUE(WaitForText(ContainerLog(root_), "KitStoreManager.CompleteUpdate end.", 10s));
 
-  // Asked again, agreed with Enter: the update runs, the package installs,
-  // the result re-initialises the kits and the service-start broadcast goes.
-  EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
-  question = x.Window("prompting");
-  ASSERT_FALSE(question.empty());
-  x.Keys(question, "Return");
-  ASSERT_TRUE(WaitForText(ContainerLog(root_), "user agree update.(UpdateKitResultReqHandler::Excute)", 30s));
-  ASSERT_TRUE(WaitForText(ContainerLog(root_), "UpdateKitResultReqHandler.Excute end.", 60s)) << ReadText(ContainerLog(root_));
-  EXPECT_EQ(ReadText(root_.At("installed")), "installed by 0\n");
-  EXPECT_EQ(CountText(root_.At("cloud/received/requests.log"), "GET /tarncore/update/package/setup.sh 200"), 1);
-  EXPECT_EQ(Count("KitManagerApi.InitKitsForUpdate end."), 1);
-  // The outcome stays up until the person closes it.
-  const std::string outcome = x.Window("prompting");
-  ASSERT_FALSE(outcome.empty());
-  x.Keys(outcome, "Return");
-  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("prompting"); }, 30s));
+  AgreeToUpdate(x, self);
 
   // A UI that dies mid-question leaves the update to the container's expiry:
   // until then a new request is told the update is running.
@@ -265,26 +278,8 @@ TEST_F(DesktopTest, ForAPersonAtTheDesktopTheWindowsRunAsThePersonAndTheInstallA
                                     fs::perms::others_read | fs::perms::others_exec);
   StartService({}, false, PersonAtTheDesktop(x.display()));
 
-  const std::string notice = x.Window("Tarn Core privacy notice");
-  ASSERT_FALSE(notice.empty()) << ReadText(ContainerLog(root_));
-  EXPECT_EQ(x.Uid(notice), "65534");
-  x.Keys(notice, "Return");
-  ASSERT_TRUE(Eventually([&] { return Registry("PrivacyNotice") == "true"; }, 30s)) << ReadText(ContainerLog(root_));
-  EXPECT_EQ(Registry("PrivacyAgree"), "64000000");
-
-  EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
-  std::string question = x.Window("prompting");
-  ASSERT_FALSE(question.empty()) << ReadText(ContainerLog(root_));
-  EXPECT_EQ(x.Uid(question), "65534");
-  x.Keys(question, "Return");
-  ASSERT_TRUE(WaitForText(ContainerLog(root_), "UpdateKitResultReqHandler.Excute end.", 60s)) << ReadText(ContainerLog(root_));
-  EXPECT_EQ(ReadText(root_.At("installed")), "installed by 0\n");
-  EXPECT_EQ(Count("KitManagerApi.InitKitsForUpdate end."), 1);
-  const std::string outcome = x.Window("prompting");
-  ASSERT_FALSE(outcome.empty());
-  EXPECT_EQ(x.Uid(outcome), "65534");
-  x.Keys(outcome, "Return");
-  EXPECT_TRUE(Eventually([&] { return !x.HasWindow("prompting"); }, 30s));
+  AgreeToNotice(x, "65534");
+  AgreeToUpdate(x, "65534");
 }
 
 // Emits one of logind's session signals on a bus, as logind.
