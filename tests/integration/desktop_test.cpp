@@ -247,7 +247,9 @@ TEST_F(DesktopTest, NoticeAndUpdateDialogsOnTheDisplayAnsweredByKeyboard) {
   EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
   question = x.Window("prompting");
   ASSERT_FALSE(question.empty());
-  ::kill(x.Pid(question), SIGKILL);
+  const pid_t ui = x.Pid(question);
+  ASSERT_GT(ui, 0);  // kill(0) would end the test's own process group
+  ::kill(ui, SIGKILL);
   EXPECT_NE(AskForUpdate().find("907135009"), std::string::npos);
   EXPECT_EQ(Count("TARN is Updating.(KitStoreManager::StartSelfUpdate)"), 1);
 }
