@@ -139,7 +139,7 @@ class SandboxObject : public ZObject {
 
  private:
   // A one-way request is done once it is in the child's note socket. The
-  // child gathers notes every few milliseconds, and before a call marked as
+  // child gathers notes every half millisecond, and before a call marked as
   // coming after notes, so a caller's note is served before that caller's
   // next call. Writing one wakes nobody, and calls don't queue behind it.
   // Being small, each note leaves in one piece, so writers need no lock.
