@@ -162,9 +162,9 @@ Got ReadAvailable(int fd, std::string& in) {
 }
 
 // Serves the whole frames at the front of `in` in order and drops them;
-// one-way requests get no reply unless they ask for one. Before a call marked as coming after notes,
-// `notesFirst` serves those. False when a frame is malformed, a reply can't
-// be written or the notes end.
+// one-way requests get no reply unless they ask for one. Before a call marked
+// as coming after notes, `notesFirst` serves those. False when a frame is
+// malformed, a reply can't be written or the notes end.
 bool ServeFrames(ZObject& service, std::string& in, const std::function<bool()>& notesFirst) {
   std::size_t at = 0;
   bool fine = true;
