@@ -15,8 +15,8 @@ TarnCoreIPCMessageClient* g_tarnCoreIpcSender = nullptr;
 std::mutex callbackTableLock;
 
 ServerManager& ServerManager::GetInstance() {
-  static ServerManager instance;
-  return instance;
+  static ServerManager* instance = new ServerManager;
+  return *instance;
 }
 
 ServerManager::ServerManager()
@@ -27,23 +27,6 @@ ServerManager::ServerManager()
     BroadcastMessage(message);
     CLOGI("ServerManager::broadcastSendHandle", "ServerManager.broadcastSendHandle end.");
   };
-}
-
-ServerManager::~ServerManager() {
-  if (g_tarnCoreIpcSender) {
-    g_tarnCoreIpcSender->UnRegisterMessageCallbackAll();
-    delete g_tarnCoreIpcSender;
-    g_tarnCoreIpcSender = nullptr;
-  }
-  {
-    // Kits' threads run on through the exit; a late answer finds no table.
-    std::lock_guard lock(callbackTableLock);
-    for (auto& [id, callback] : *callbackTable) delete callback;
-    delete callbackTable;
-    callbackTable = nullptr;
-  }
-  broadcastSendHandle = nullptr;
-  // The server object is never destroyed: its threads may still be delivering.
 }
 
 void ServerManager::ServerInit() {
@@ -108,7 +91,6 @@ void ServerManager::OnMsgCallback(TagIPCMessageItem& item) {
 void ServerManager::RemoveCallBack(ServerResCallBack* callback) {
   try {
     std::lock_guard lock(callbackTableLock);
-    if (!callbackTable) return;  // the destructor freed every callback
     callbackTable->erase(callback->msgIdentify);
     delete callback;
   } catch (...) {
@@ -206,7 +188,6 @@ void ServerManager::SendUpdateFailedBroadcast(std::string result) {
 ServerResCallBack* ServerManager::GetServerResCallBackByMessageId(const std::string& msgIdentify) {
   // Taken briefly so the read never races an insertion's rebalancing.
   std::lock_guard lock(callbackTableLock);
-  if (!callbackTable) return nullptr;
   auto it = callbackTable->find(msgIdentify);
   return it == callbackTable->end() ? nullptr : it->second;
 }

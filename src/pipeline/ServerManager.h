@@ -67,7 +67,9 @@ class ServerManager {
 
  private:
   ServerManager();
-  ~ServerManager();
+  // Never destroyed: kits' threads run on through the program's exit and may
+  // answer then, through a callback of the table and this object.
+  ~ServerManager() = delete;
 };
 
 // The id of a broadcast: nine random bytes written in decimal, joined, cut to
