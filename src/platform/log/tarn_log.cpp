@@ -337,13 +337,24 @@ State& GetState() {
   return *state;
 }
 
+// A batch goes to the file in pieces of at most this size, each ending with
+// a whole line: the file rotates only between pieces, so each file still
+// fills up to its size however far behind the drainer was.
+constexpr std::size_t kPieceBytes = 256 * 1024;
+
 // Batches the lines that are in, up to `until`, into the file. Drain lock held.
 void DrainLocked(State& s, std::uint64_t until) {
   s.batch.clear();
   s.ring.Take(until, s.batch);
-  if (s.file && !s.batch.empty()) {
+  for (std::size_t at = 0; s.file && at < s.batch.size();) {
+    std::size_t end = s.batch.size();
+    if (end - at > kPieceBytes) {
+      const std::size_t lastLine = s.batch.rfind('\n', at + kPieceBytes - 1);
+      if (lastLine != std::string::npos && lastLine >= at) end = lastLine + 1;
+    }
     s.file->log(spdlog::details::log_msg(spdlog::string_view_t(), spdlog::level::info,
-                                         spdlog::string_view_t(s.batch.data(), s.batch.size())));
+                                         spdlog::string_view_t(s.batch.data() + at, end - at)));
+    at = end;
   }
   KeepSmall(s.batch);
 }
